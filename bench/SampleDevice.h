@@ -1,0 +1,34 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "applibraries/AppLibraryContext.h"
+#include "fs/FSEnvironment.h"
+#include "provider/ProviderContext.h"
+#include "testing/TestDevice.h"
+
+namespace tarnwell::bench {
+
+/// A device with some app libraries in a temporary folder, its log switched off.
+class SampleDevice {
+public:
+    SampleDevice();
+
+    /// Brings the index up to what is on disk.
+    void settle() { device_.settle(); }
+
+    /// Real path and URL of something below the storage root; the root itself for "".
+    std::string path(const std::string& relative) const { return device_.path(relative); }
+    URL url(const std::string& relative) const { return device_.url(relative); }
+
+    const fs::FSEnvironment& environment() const { return *environment_; }
+    provider::ProviderContext providerContext() { return {*environment_, *libraries_}; }
+
+private:
+    testing::TestDevice device_;
+    std::optional<applibraries::AppLibraryContext> libraries_;
+    std::optional<fs::FSEnvironment> environment_;
+};
+
+}  // namespace tarnwell::bench

@@ -1,0 +1,74 @@
+#include "applibraries/AppLibraryContext.h"
+
+#include "applibraries/AppLibraryDiscovery.h"
+
+namespace tarnwell::applibraries {
+
+namespace {
+
+URL cacheURL(const std::string& applicationSupport, const char* file) {
+    if (applicationSupport.empty()) fatal("there is no application-support folder");
+    return URL::file(applicationSupport).appending("Tarnwell Storage").appending(file);
+}
+
+}  // namespace
+
+AppLibraryContext::AppLibraryContext(items::Environment& environment, registry::AppRegistry& registry,
+                                     std::shared_ptr<dispatch::ThreadPool> pool, const std::string& applicationSupport)
+    : environment_(environment),
+      mainCache_(environment.log, registry, pool, "main", cacheURL(applicationSupport, "app-libraries.plist")),
+      workingSetCache_(environment.log, registry, pool, "working-set",
+                       cacheURL(applicationSupport, "searchable-app-libraries.plist")),
+      backgroundQueue_(dispatch::SerialQueue::create(pool, "tarnwell.app-library.background")),
+      services_{environment, registry, std::move(pool), mainCache_, workingSetCache_},
+      directory_(*this) {
+    environment_.appLibraries = &directory_;
+}
+
+AppLibraryContext::~AppLibraryContext() {
+    if (environment_.appLibraries == &directory_) environment_.appLibraries = nullptr;
+}
+
+LocalAppLibraryManager& AppLibraryContext::sharedManager() {
+    LocalAppLibraryManager* manager = sharedManagerUnlessLoading();
+    TARNWELL_CHECK(manager != nullptr);
+    return *manager;
+}
+
+LocalAppLibraryManager* AppLibraryContext::sharedManagerUnlessLoading() {
+    // Loading builds items, and whatever they ask of the directory must not wait for the loading itself.
+    if (loadingThread_.load() == std::this_thread::get_id()) return nullptr;
+    std::call_once(sharedOnce_, [this] {
+        loadingThread_.store(std::this_thread::get_id());
+        shared_ = LocalAppLibraryManager::create(services_, CacheSource::workingSet,
+                                                 LocalAppLibraryManager::Instance::shared);
+        loadingThread_.store({});
+    });
+    return shared_.get();
+}
+
+bool AppLibraryContext::refreshAppLibraries() { return applibraries::refreshAppLibraries(services_); }
+
+std::vector<URL> AppLibraryContext::SharedDirectory::rootURLsForAppLibraries() const {
+    LocalAppLibraryManager* manager = context_.sharedManagerUnlessLoading();
+    return manager ? manager->rootURLsForAppLibraries() : std::vector<URL>{};
+}
+
+registry::BundleRecordPtr AppLibraryContext::SharedDirectory::recordForURL(const URL& url,
+                                                                           Relationship relationship) const {
+    LocalAppLibraryManager* manager = context_.sharedManagerUnlessLoading();
+    return manager ? manager->recordForURL(url, relationship) : nullptr;
+}
+
+Relationship AppLibraryContext::SharedDirectory::relationshipToRoots(const URL& url) const {
+    LocalAppLibraryManager* manager = context_.sharedManagerUnlessLoading();
+    return manager ? manager->relationshipToRoots(url) : Relationship::other;
+}
+
+registry::BundleRecordPtr AppLibraryContext::SharedDirectory::recordForItemIdentifier(
+    const std::string& identifier) const {
+    LocalAppLibraryManager* manager = context_.sharedManagerUnlessLoading();
+    return manager ? manager->recordForItemIdentifier(identifier) : nullptr;
+}
+
+}  // namespace tarnwell::applibraries

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <memory>
+
+#include "applibraries/LocalAppLibraryCache.h"
+#include "items/Environment.h"
+
+namespace tarnwell::applibraries {
+
+/// What the managers of app libraries work with. Owned by AppLibraryContext, which outlives every manager.
+struct AppLibraryServices {
+    const items::Environment& environment;
+    registry::AppRegistry& registry;
+    std::shared_ptr<dispatch::ThreadPool> pool;
+    LocalAppLibraryCache& mainCache;
+    LocalAppLibraryCache& workingSetCache;
+};
+
+}  // namespace tarnwell::applibraries

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+
+#include "hostframework/ProviderItem.h"
+#include "platform/filesystem/Roots.h"
+
+namespace tarnwell::cli {
+
+/// All fields of an item, in a fixed order, absent ones null. `filenameBytes` (base64) is there only for a name that is
+/// not UTF-8.
+nlohmann::ordered_json itemJson(const hostframework::ProviderItem& item, const Roots& roots);
+
+/// One line, without a line end.
+std::string jsonLine(const nlohmann::ordered_json& json);
+
+}  // namespace tarnwell::cli

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "cli/output/Output.h"
+#include "cli/output/Table.h"
+#include "hostframework/ProviderItem.h"
+#include "platform/filesystem/Roots.h"
+
+/// Items as people read them.
+namespace tarnwell::cli {
+
+/// The columns of a listing, and the row of one item under the name that it is listed by.
+Table listingTable();
+std::vector<Table::Cell> listingRow(const hostframework::ProviderItem& item, const std::string& name);
+
+/// Every field that says something, one a line.
+void writeRecord(Output& output, const hostframework::ProviderItem& item, const Roots& roots);
+
+}  // namespace tarnwell::cli

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <expected>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "cli/output/HeldLog.h"
+#include "cli/output/Output.h"
+#include "cli/verbs/Failure.h"
+#include "host/ProgramContext.h"
+
+namespace tarnwell::cli {
+
+/// The options that stand before every verb.
+struct GlobalOptions {
+    std::optional<std::string> storage;
+    bool json = false;
+    bool verbose = false;
+};
+
+/// One run of the program: its options, where it writes, and the context, which is made when a verb first asks for it.
+class Invocation {
+public:
+    Invocation(GlobalOptions options, Output& output);
+    ~Invocation();
+
+    bool json() const { return options_.json; }
+    const GlobalOptions& options() const { return options_; }
+    Output& output() { return output_; }
+    log::Log& log();
+    /// Ready for requests. Fails with a sentence that needs no further words.
+    std::expected<host::ProgramContext*, Failure> context();
+    /// Log lines that were kept back and are worth showing if the run succeeded.
+    std::vector<std::string> heldLines() { return held_.take(); }
+
+private:
+    GlobalOptions options_;
+    Output& output_;
+    HeldLog held_;
+    /// Set where the person asked to see the log as it is written.
+    std::unique_ptr<log::Log> direct_;
+    std::unique_ptr<host::ProgramContext> context_;
+};
+
+}  // namespace tarnwell::cli

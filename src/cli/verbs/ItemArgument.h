@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+
+#include "cli/verbs/Invocation.h"
+
+namespace tarnwell::cli {
+
+/// What an ITEM argument is, for help texts.
+inline constexpr const char* kItemHelp =
+    "an identifier (did=…, fid=…, #app), root, workingset, alldirs, or a path (./root for a file of that name)";
+
+/// The identifier that an ITEM names. A path is looked up now; any other text is only looked at. `what` begins the
+/// message of a failure, such as "cannot show".
+std::expected<hostframework::ItemIdentifier, Failure> resolveItem(Invocation& invocation, const std::string& what,
+                                                                  const std::string& text);
+
+/// The identifier of what stands at a path.
+std::expected<hostframework::ItemIdentifier, Failure> resolvePath(Invocation& invocation, const std::string& what,
+                                                                  const std::string& path);
+
+}  // namespace tarnwell::cli

@@ -1,0 +1,138 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <clocale>
+#include <cstring>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <type_traits>
+
+#include "cli/output/ItemJson.h"
+#include "cli/output/ItemText.h"
+#include "cli/output/Progress.h"
+#include "cli/output/Text.h"
+#include "cli/verbs/ItemArgument.h"
+#include "cli/verbs/Verb.h"
+#include "host/Listing.h"
+
+namespace tarnwell::cli {
+namespace {
+
+/// Names in the order of the session's language; equal ones by their bytes.
+class NameOrder {
+public:
+    NameOrder() {
+        if (const locale_t locale = ::newlocale(LC_COLLATE_MASK, "", nullptr)) locale_.reset(locale, ::freelocale);
+    }
+
+    /// Component by component, so that what a folder holds stays together.
+    bool operator()(const host::ListedItem& a, const host::ListedItem& b) const {
+        std::string_view first = a.path, second = b.path;
+        while (!first.empty() && !second.empty()) {
+            const std::string left(first.substr(0, first.find('/')));
+            const std::string right(second.substr(0, second.find('/')));
+            if (const int order = compare(left, right); order != 0) return order < 0;
+            first.remove_prefix(std::min(first.size(), left.size() + 1));
+            second.remove_prefix(std::min(second.size(), right.size() + 1));
+        }
+        return first.empty() && !second.empty();
+    }
+
+private:
+    int compare(const std::string& a, const std::string& b) const {
+        if (locale_) {
+            if (const int order = ::strcoll_l(a.c_str(), b.c_str(), locale_.get()); order != 0) return order;
+        }
+        return a.compare(b);
+    }
+
+    std::shared_ptr<std::remove_pointer_t<locale_t>> locale_;
+};
+
+class LsVerb : public Verb {
+public:
+    const char* name() const override { return "ls"; }
+    const char* summary() const override { return "List what a folder, an app library or the whole device holds"; }
+    const char* example() const override {
+        return "tarnwell ls root --recursive --sort date     everything, the newest first\n"
+               "tarnwell --json ls '#org.example.Notes'      one application's documents, one JSON object a line";
+    }
+    void declare(CLI::App& command) override {
+        command.add_option("ITEM", item_, std::string("What to list: ") + kItemHelp + "; root without it");
+        command.add_flag("-r,--recursive", recursive_, "Also what lies in the folders below");
+        command.add_option("-s,--sort", sort_, "name, or date (newest first); the order of coming without it")
+            ->check(CLI::IsMember({"name", "date"}));
+    }
+
+    Outcome run(Invocation& invocation) override {
+        auto ready = invocation.context();
+        if (!ready) return std::unexpected(ready.error());
+        const auto container = resolveItem(invocation, "cannot list", item_);
+        if (!container) return std::unexpected(container.error());
+        if (auto checked = checkFolder(**ready, *container); !checked) return checked;
+
+        auto items = list(**ready, *container);
+        if (!items) return std::unexpected(failureOf("cannot list", item_, items.error()));
+        if (sort_ == "name") {
+            std::ranges::stable_sort(*items, NameOrder());
+        } else if (sort_ == "date") {
+            std::ranges::stable_sort(*items, std::ranges::greater(),
+                                     [](const auto& listed) { return listed.item->contentModificationDate(); });
+        }
+        write(invocation, **ready, *items);
+        return {};
+    }
+
+private:
+    /// A document has no contents to list.
+    Outcome checkFolder(host::ProgramContext& context, const hostframework::ItemIdentifier& container) const {
+        if (container == hostframework::kWorkingSetContainer || container == hostframework::kAllDirectoriesContainer) {
+            return {};
+        }
+        const auto item = context.provider().itemForIdentifier(container);
+        if (!item) return std::unexpected(failureOf("cannot list", item_, item.error()));
+        if (!(*item)->isFolder()) return refused("it is no folder; \"tarnwell info\" shows it");
+        // A listing leaves out what it cannot read; a person who asks for just that should be told.
+        const std::string path = context.roots().realPath((*item)->fileURL().path());
+        if (::access(path.c_str(), R_OK | X_OK) != 0 && errno == EACCES) {
+            return refused("it may not be read; give this person read and search permission for it");
+        }
+        return {};
+    }
+
+    std::unexpected<Failure> refused(const std::string& reason) const {
+        return std::unexpected(Failure{ExitStatus::failed, "cannot list \"" + toDisplay(item_) + "\": " + reason});
+    }
+
+    Result<std::vector<host::ListedItem>> list(host::ProgramContext& context,
+                                               const hostframework::ItemIdentifier& container) const {
+        Progress progress;
+        host::ListingOptions options;
+        options.depth = recursive_ ? host::Depth::recursive : host::Depth::direct;
+        options.progress = [&](std::size_t count) { progress.show("listing: " + grouped(count) + " items"); };
+        return host::listContainer(context.provider(), container, options);
+    }
+
+    static void write(Invocation& invocation, host::ProgramContext& context,
+                      const std::vector<host::ListedItem>& items) {
+        if (invocation.json()) {
+            for (const auto& listed : items)
+                invocation.output().line(jsonLine(itemJson(*listed.item, context.roots())));
+            return;
+        }
+        Table table = listingTable();
+        for (const auto& listed : items) table.add(listingRow(*listed.item, listed.path));
+        table.write(invocation.output());
+    }
+
+    std::string item_ = "root";
+    std::string sort_;
+    bool recursive_ = false;
+};
+
+}  // namespace
+
+std::unique_ptr<Verb> makeLsVerb() { return std::make_unique<LsVerb>(); }
+
+}  // namespace tarnwell::cli

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <CLI/App.hpp>
+#include <memory>
+
+#include "cli/verbs/Invocation.h"
+
+namespace tarnwell::cli {
+
+/// One verb of the program. Its arguments are filled in by the command line before it runs.
+class Verb {
+public:
+    virtual ~Verb() = default;
+    virtual const char* name() const = 0;
+    /// One line for the list of verbs.
+    virtual const char* summary() const = 0;
+    /// A command to try, and what it does.
+    virtual const char* example() const = 0;
+    virtual void declare(CLI::App& /*command*/) {}
+    virtual Outcome run(Invocation& invocation) = 0;
+};
+
+std::unique_ptr<Verb> makeAppsVerb();
+std::unique_ptr<Verb> makeLsVerb();
+std::unique_ptr<Verb> makeInfoVerb();
+std::unique_ptr<Verb> makeIdVerb();
+std::unique_ptr<Verb> makePathVerb();
+std::unique_ptr<Verb> makeAnchorVerb();
+std::unique_ptr<Verb> makeDoctorVerb();
+
+}  // namespace tarnwell::cli

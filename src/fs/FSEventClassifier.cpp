@@ -1,0 +1,170 @@
+#include "fs/FSEventClassifier.h"
+
+#include <cerrno>
+#include <limits>
+
+#include "items/TWPFileObjectIdentifier.h"
+
+namespace tarnwell::fs {
+namespace {
+
+using items::TWPFileObjectIdentifier;
+using Kind = ClassifiedEvent::Kind;
+
+constexpr const char* kDocumentIDPathFormat = "/.docid/$dev/changed/$docid/src=$src,dst=$dst";
+
+/// Parts of a path, left to right, without building strings.
+class Components {
+public:
+    explicit Components(std::string_view path) : rest_(path) {}
+    std::optional<std::string_view> next() {
+        while (rest_.starts_with('/')) rest_.remove_prefix(1);
+        if (rest_.empty()) return std::nullopt;
+        const auto component = rest_.substr(0, rest_.find('/'));
+        rest_.remove_prefix(component.size());
+        return component;
+    }
+
+private:
+    std::string_view rest_;
+};
+
+/// True when the error says that nothing stands there: no such file, or a folder above it went, or is a link now, which
+/// leads to no place of ours.
+bool meansNothingThere(const Error& error) {
+    return error.is(ErrorDomain::generalFile, kNoSuchFileOnRead) || error.is(ErrorDomain::posix, ENOENT) ||
+           error.is(ErrorDomain::posix, ENOTDIR) || error.is(ErrorDomain::posix, ELOOP);
+}
+
+/// The identifier that the event names its object by; nothing when it names none.
+std::optional<std::string> namedIdentifier(const events::FileEvent& event) {
+    if (event.documentID) return TWPFileObjectIdentifier::fromDocumentID(raw(*event.documentID));
+    if (event.fileID) return TWPFileObjectIdentifier::fromFileID(raw(*event.fileID));
+    return std::nullopt;
+}
+
+/// True when the item is the object that the event named, by either number. A file ID also fits a document whose
+/// document ID the event does not give.
+bool isNamedBy(const items::LocalItem& item, const events::FileEvent& event) {
+    if (!event.documentID && !event.fileID) return true;
+    const auto& identifier = item.itemIdentifier();
+    if (event.documentID && identifier == TWPFileObjectIdentifier::fromDocumentID(raw(*event.documentID))) return true;
+    if (!event.fileID) return false;
+    return identifier == TWPFileObjectIdentifier::fromFileID(raw(*event.fileID)) ||
+           (!event.documentID && item.fileID() == event.fileID);
+}
+
+void rememberIdentifier(const URL& url, const events::FileEvent& event) {
+    if (event.documentID) {
+        url.cache().setDocumentID(*event.documentID);
+    } else if (event.fileID) {
+        url.cache().setFileID(*event.fileID);
+    }
+}
+
+ClassifiedEvent deletion(URL url) { return {Kind::deleted, std::move(url), nullptr}; }
+
+}  // namespace
+
+bool isHiddenBelowRoot(std::string_view path) {
+    Components components(path);
+    auto component = components.next();
+    while (component && *component != "Documents") component = components.next();
+    if (!component) return false;
+    component = components.next();
+    if (component == ".Trash") component = components.next();
+    for (; component; component = components.next()) {
+        if (component->starts_with('.')) return true;
+    }
+    return false;
+}
+
+ClassifiedEvent FSEventClassifier::classifyPath(const events::FileEvent& event, const std::string& path) const {
+    const URL url = URL::file(path);
+    // The look at the disk stays in the URL's cache, so that the item below is built from the same look.
+    const auto look = environment_.items.files.resourceValue(url, files::ResourceKey::typeIdentifier);
+    const bool isGone = !look && meansNothingThere(look.error());
+    const auto named = namedIdentifier(event);
+    if (isGone && !named) {
+        environment_.items.log.debug(
+            [&] { return "dropping fsevent at " + items::quoted(path) + "; No object at path"; });
+        return {Kind::dropped, url, nullptr};
+    }
+    if (!passes(url)) return {Kind::dropped, url, nullptr};
+    if (isGone) {
+        rememberIdentifier(url, event);
+        return deletion(url);
+    }
+    auto item = itemAt(url);
+    if (item && isNamedBy(*item, event)) return {Kind::changed, url, std::move(item)};
+    if (named && (event.flags & events::kEventItemRemoved) != 0) {
+        // Another object has the name of the one that went. What is remembered of that one is no business of this URL.
+        URL placeOfTheOther = URL::file(path);
+        rememberIdentifier(placeOfTheOther, event);
+        return deletion(std::move(placeOfTheOther));
+    }
+    return item ? dropMismatch(url, item->itemIdentifier(), *named) : ClassifiedEvent{Kind::dropped, url, nullptr};
+}
+
+ClassifiedEvent FSEventClassifier::classifyDocumentIDChange(const std::string& path) const {
+    auto& log = environment_.items.log;
+    const URL eventURL = URL::file(path);
+    const auto change = items::parseDocumentIDChangePath(path);
+    if (!change) {
+        log.error("can't parse docID path " + items::quoted(path) + "; format expected is " +
+                  items::quoted(kDocumentIDPathFormat));
+        return {Kind::dropped, eventURL, nullptr};
+    }
+    const auto identifier = TWPFileObjectIdentifier::fromDocumentID(static_cast<std::uint64_t>(change->documentID));
+    if (change->documentID <= 0 || change->documentID > std::numeric_limits<std::uint32_t>::max()) {
+        log.error("can't compute url for " + identifier);
+        return {Kind::dropped, eventURL, nullptr};
+    }
+    const auto url = TWPFileObjectIdentifier(environment_.items).fileURLWithItemIdentifier(identifier);
+    if (!url) {
+        eventURL.cache().setDocumentID(DocumentID{static_cast<std::uint32_t>(change->documentID)});
+        return deletion(eventURL);
+    }
+    if (!passes(*url)) return {Kind::dropped, *url, nullptr};
+    auto item = itemAt(*url);
+    if (!item) return {Kind::dropped, *url, nullptr};
+    if (item->itemIdentifier() != identifier) return dropMismatch(*url, item->itemIdentifier(), identifier);
+    return {Kind::changed, *url, std::move(item)};
+}
+
+bool FSEventClassifier::passes(const URL& url) const {
+    if (isHiddenBelowRoot(url.path())) {
+        drop(url, "URL is hidden");
+        return false;
+    }
+    if (!isMonitored(url)) {
+        drop(url, "URL is not monitored");
+        return false;
+    }
+    return true;
+}
+
+bool FSEventClassifier::isMonitored(const URL& url) const {
+    for (const URL& folder : urls_) {
+        if (relationship(folder, url) == Relationship::contains) return true;
+    }
+    return false;
+}
+
+std::shared_ptr<items::LocalItem> FSEventClassifier::itemAt(const URL& url) const {
+    auto item = items::LocalItem::initWithURL(environment_.items, url, {});
+    if (!item) drop(url, "can't create local item");
+    return item;
+}
+
+void FSEventClassifier::drop(const URL& url, std::string_view reason) const {
+    environment_.items.log.debug([&] { return "dropping fsevent at " + url.text() + "; " + std::string(reason); });
+}
+
+ClassifiedEvent FSEventClassifier::dropMismatch(const URL& url, const std::string& found,
+                                                const std::string& named) const {
+    drop(url, "fileObjectIDs don't match (" + found + " vs " + named + ")");
+    return {Kind::dropped, url, nullptr};
+}
+
+}  // namespace tarnwell::fs

@@ -1,0 +1,45 @@
+#include "host/HostProviderManager.h"
+
+namespace tarnwell::host {
+
+HostProviderManager::HostProviderManager(const std::shared_ptr<dispatch::ThreadPool>& pool, URL storage)
+    : queue_(dispatch::SerialQueue::create(pool, "tarnwell.provider-manager")), storagePath_(storage.path()) {}
+
+HostProviderManager::HandlerID HostProviderManager::addSignalHandler(SignalHandler handler) {
+    const std::lock_guard lock(state_->mutex);
+    const HandlerID id{++state_->lastHandler};
+    state_->handlers.emplace(id, std::move(handler));
+    return id;
+}
+
+void HostProviderManager::removeSignalHandler(HandlerID id) {
+    queue_->sync([&] {
+        const std::lock_guard lock(state_->mutex);
+        state_->handlers.erase(id);
+    });
+}
+
+void HostProviderManager::signalEnumeratorForContainer(const hostframework::ItemIdentifier& container,
+                                                       hostframework::Completion completion) {
+    queue_->async([state = state_, container, completion = std::move(completion)] {
+        std::vector<SignalHandler> handlers;
+        {
+            const std::lock_guard lock(state->mutex);
+            for (const auto& [id, handler] : state->handlers) handlers.push_back(handler);
+        }
+        for (const auto& handler : handlers) handler(container);
+        if (completion) completion(std::nullopt);
+    });
+}
+
+void HostProviderManager::deleteSearchableItemsWithDomainIdentifiers(const std::vector<std::string>& /*domains*/,
+                                                                     hostframework::Completion completion) {
+    queue_->async([completion = std::move(completion)] {
+        if (completion) completion(std::nullopt);
+    });
+}
+
+// Each caller gets a URL with a cache of its own, so that nobody sees values that another one remembered.
+URL HostProviderManager::documentStorageURL() const { return URL::file(storagePath_); }
+
+}  // namespace tarnwell::host

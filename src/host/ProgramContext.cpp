@@ -1,0 +1,160 @@
+#include "host/ProgramContext.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <future>
+#include <mutex>
+#include <optional>
+
+#include "applibraries/AppLibraryDiscovery.h"
+#include "platform/events/ComparingEventService.h"
+#include "platform/files/LocalFileSystem.h"
+#include "platform/mime/TypeDatabase.h"
+#include "platform/registry/LinuxAppRegistry.h"
+#include "platform/store/Store.h"
+
+namespace tarnwell::host {
+
+/// In the order in which they are made; taken apart in the reverse one.
+struct ProgramContext::Parts {
+    Parts(const Settings& programSettings, log::Log& log, std::unique_ptr<store::Store> openStore)
+        : settings(programSettings), store(std::move(openStore)), programLog(log, pool) {}
+
+    const Settings settings;
+    const std::shared_ptr<dispatch::ThreadPool> pool = dispatch::ThreadPool::create();
+    const std::unique_ptr<store::Store> store;
+    Roots roots;
+    items::ProgramLog programLog;
+    const std::shared_ptr<mime::TypeDatabase> types = mime::TypeDatabase::create();
+    files::Comparer comparer{roots, *store, *types};
+    files::LocalFileSystem files{roots, *store, comparer, *types};
+    files::IndexGenerationStore generationStore{roots, *store, comparer, files};
+    std::unique_ptr<events::FileEventService> events;
+    std::unique_ptr<registry::AppRegistry> registry;
+    std::unique_ptr<HostProviderManager> providerManager;
+    std::optional<items::Environment> environment;
+    std::optional<fs::FSEnvironment> fsEnvironment;
+    std::unique_ptr<applibraries::AppLibraryContext> appLibraries;
+    std::shared_ptr<provider::LocalProvider> provider;
+};
+
+namespace {
+
+Result<void> addStorageRoot(Roots& roots, const Settings& settings) {
+    const auto added = roots.addStorage(settings.storageRoot);
+    if (added) return {};
+    Error error = added.error();
+    const std::string named =
+        "the storage root \"" + settings.storageRoot + "\" (from " + settings.storageRootOrigin + ")";
+    if (error.is(ErrorDomain::posix, ENOENT)) {
+        error.userInfo[kErrorMessage] = named + " does not exist; make that folder, or name another one with --storage";
+    } else if (error.is(ErrorDomain::posix, ENOTDIR)) {
+        error.userInfo[kErrorMessage] = named + " is no folder; name a folder with --storage";
+    } else {
+        error.userInfo[kErrorMessage] = named + " cannot be used: " + describe(error);
+    }
+    return failure(std::move(error));
+}
+
+/// Meets every installed application, so that its documents are a root. One whose data container holds the storage
+/// root, or lies in it, would show the same file in two places: refused.
+Result<void> meetApplications(const Roots& roots, registry::AppRegistry& registry) {
+    std::optional<Error> conflict;
+    const std::string storage = roots.storage()->realPath;
+    const auto meet = [&](const registry::BundleRecordPtr& record) {
+        if (!record || record->dataContainerURL()) return;
+        const auto container = record->archived().dataContainerPath;
+        if (!container || conflict) return;
+        const bool containerHoldsStorage = relationship(*container, storage) != Relationship::other;
+        if (!containerHoldsStorage && relationship(storage, *container) == Relationship::other) return;
+        conflict = posixError(EXDEV, "the storage root \"" + storage + "\" " +
+                                         (containerHoldsStorage ? "lies in" : "contains") + " \"" + *container +
+                                         "\", the data of the application " +
+                                         record->bundleIdentifier().value_or("without an identifier") +
+                                         "; name another storage root with --storage");
+    };
+    if (auto* workspace = registry.defaultWorkspace()) {
+        workspace->enumerateApplications(registry::ApplicationType::user, meet);
+        workspace->enumerateApplications(registry::ApplicationType::system, meet);
+    }
+    if (conflict) return failure(std::move(*conflict));
+    return {};
+}
+
+/// True when the list in the main cache is what a look at the installed applications gives now.
+bool isMainCacheCurrent(items::ProgramLog& log, applibraries::AppLibraryContext& appLibraries,
+                        registry::AppRegistry& registry) {
+    const auto found = applibraries::retrieveBundleRecords(log, registry);
+    applibraries::LocalAppLibraryCache& cache = appLibraries.mainCache();
+    const auto cached = cache.queue().sync([&] { return cache.load().records; });
+    return std::ranges::equal(
+        found, cached, [](const auto& a, const auto& b) { return a->dataContainerURL() == b->dataContainerURL(); });
+}
+
+}  // namespace
+
+Result<std::unique_ptr<ProgramContext>> ProgramContext::create(const Settings& settings, log::Log& log) {
+    // Asked before the store is opened: a wrong --storage should leave nothing behind.
+    Roots probe;
+    if (auto added = addStorageRoot(probe, settings); !added) return failure(added.error());
+
+    store::StoreOptions options;
+    options.directory = settings.stateDirectory;
+    options.log = &log;
+    auto store = store::Store::open(options);
+    if (!store) return failure(store.error());
+
+    auto parts = std::make_unique<Parts>(settings, log, std::move(*store));
+    if (auto added = addStorageRoot(parts->roots, settings); !added) return failure(added.error());
+    parts->registry = registry::LinuxAppRegistry::create(settings.registrySources, parts->roots, log);
+    if (auto met = meetApplications(parts->roots, *parts->registry); !met) return failure(met.error());
+
+    parts->events = std::make_unique<events::ComparingEventService>(
+        parts->roots, *parts->store, parts->comparer, parts->pool, events::ComparingEventService::Options{});
+    parts->providerManager =
+        std::make_unique<HostProviderManager>(parts->pool, URL::file(parts->roots.storage()->name));
+    parts->environment.emplace(
+        items::Environment{parts->programLog, parts->files, parts->generationStore, *parts->providerManager});
+    parts->fsEnvironment.emplace(fs::FSEnvironment{*parts->environment, *parts->events, parts->pool});
+    parts->appLibraries = std::make_unique<applibraries::AppLibraryContext>(*parts->environment, *parts->registry,
+                                                                            parts->pool, settings.applicationSupport);
+    parts->provider =
+        provider::LocalProvider::create(provider::ProviderContext{*parts->fsEnvironment, *parts->appLibraries});
+    return std::unique_ptr<ProgramContext>(new ProgramContext(std::move(parts)));
+}
+
+ProgramContext::ProgramContext(std::unique_ptr<Parts> parts) : parts_(std::move(parts)) {}
+
+ProgramContext::~ProgramContext() {
+    parts_->provider.reset();
+    // What enumerators and readers put on their queues when they ended still uses the services below.
+    parts_->pool->waitUntilQuiet();
+}
+
+void ProgramContext::prepareForRequests() {
+    if (!isMainCacheCurrent(parts_->programLog, *parts_->appLibraries, *parts_->registry)) {
+        // The completion is called again after every later look, so it must outlive this wait.
+        struct Wait {
+            std::once_flag once;
+            std::promise<void> done;
+        };
+        const auto wait = std::make_shared<Wait>();
+        parts_->provider->refreshInstalledAppsWithCompletionHandler(
+            [wait] { std::call_once(wait->once, [&] { wait->done.set_value(); }); });
+        wait->done.get_future().wait();
+    }
+    // Documents are named through the shared manager, which starts with what the search index was last told of.
+    parts_->appLibraries->sharedManager().upgradeFromMainCache(nullptr, applibraries::IndexCleanup::no);
+}
+
+const Settings& ProgramContext::settings() const { return parts_->settings; }
+Roots& ProgramContext::roots() { return parts_->roots; }
+store::Store& ProgramContext::store() { return *parts_->store; }
+items::Environment& ProgramContext::environment() { return *parts_->environment; }
+events::FileEventService& ProgramContext::events() { return *parts_->events; }
+registry::AppRegistry& ProgramContext::registry() { return *parts_->registry; }
+applibraries::AppLibraryContext& ProgramContext::appLibraries() { return *parts_->appLibraries; }
+HostProviderManager& ProgramContext::providerManager() { return *parts_->providerManager; }
+provider::LocalProvider& ProgramContext::provider() { return *parts_->provider; }
+
+}  // namespace tarnwell::host

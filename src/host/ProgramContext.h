@@ -1,0 +1,58 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "applibraries/AppLibraryContext.h"
+#include "host/HostProviderManager.h"
+#include "host/Settings.h"
+#include "items/Environment.h"
+#include "platform/dispatch/ThreadPool.h"
+#include "platform/events/FileEventService.h"
+#include "platform/filesystem/Roots.h"
+#include "platform/log/Log.h"
+#include "provider/LocalProvider.h"
+
+namespace tarnwell::store {
+class Store;
+}
+
+namespace tarnwell::host {
+
+/// Everything that exists once in a run of the program: the services of the platform, the provider on top of them, and
+/// the host that it serves. Made in one go, taken apart in the reverse order; a process may make as many as it likes,
+/// but two at a time need two stores.
+class ProgramContext {
+public:
+    /// Opens the store and the storage root, and meets the installed applications. Waits up to five seconds for another
+    /// process to let go of the store. The log outlives the context.
+    ///
+    /// Fails with a sentence for people in the error's message: no storage root, one that contains an application's
+    /// data container or lies in one (EXDEV), a store that is in use or cannot be written.
+    static Result<std::unique_ptr<ProgramContext>> create(const Settings& settings, log::Log& log);
+    /// Ends the live updates and waits for the work that is under way. No enumerator may be left.
+    ~ProgramContext();
+    ProgramContext(const ProgramContext&) = delete;
+    ProgramContext& operator=(const ProgramContext&) = delete;
+
+    /// To be called before the first request: brings the app libraries up to date. Waits for the provider's look at the
+    /// installed applications only if they are not the ones that the last look left behind.
+    void prepareForRequests();
+
+    const Settings& settings() const;
+    Roots& roots();
+    store::Store& store();
+    items::Environment& environment();
+    events::FileEventService& events();
+    registry::AppRegistry& registry();
+    applibraries::AppLibraryContext& appLibraries();
+    HostProviderManager& providerManager();
+    provider::LocalProvider& provider();
+
+private:
+    struct Parts;
+    explicit ProgramContext(std::unique_ptr<Parts> parts);
+    std::unique_ptr<Parts> parts_;
+};
+
+}  // namespace tarnwell::host

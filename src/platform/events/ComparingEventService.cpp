@@ -1,0 +1,48 @@
+#include "platform/events/ComparingEventService.h"
+
+#include <cerrno>
+
+#include "platform/events/EventHub.h"
+#include "platform/events/JournalStream.h"
+#include "platform/files/LocalFileSystem.h"
+
+namespace tarnwell::events {
+
+ComparingEventService::ComparingEventService(const Roots& roots, store::Store& store, files::Comparer& comparer,
+                                             std::shared_ptr<dispatch::ThreadPool> pool, Options options)
+    : store_(store), hub_(std::make_shared<EventHub>(roots, store, comparer, std::move(pool), options.pollInterval)) {
+    store_.setCommitListener([weak = std::weak_ptr(hub_)] {
+        if (auto hub = weak.lock()) hub->advanced();
+    });
+}
+
+ComparingEventService::~ComparingEventService() {
+    store_.setCommitListener({});
+    hub_->close();
+}
+
+Result<UUID> ComparingEventService::deviceUUID(DeviceID device) {
+    if (device != files::kRootsDevice) return failure(posixError(ENODEV));
+    return store_.uuid();
+}
+
+Result<EventID> ComparingEventService::currentEventID(const std::vector<URL>& folders, Interest interest) {
+    return hub_->barrier(folders.empty() ? std::nullopt : std::optional(folders), interest);
+}
+
+EventID ComparingEventService::recordedEventID() { return store_.lastEventID(); }
+
+Result<std::unique_ptr<FileEventStream>> ComparingEventService::createStream(StreamOptions options,
+                                                                             FileEventStream::Callback callback) {
+    if (auto paths = std::get_if<StreamOverPaths>(&options.over); paths != nullptr && paths->folders.empty()) {
+        return failure(posixError(EINVAL, "a stream needs a folder to watch"));
+    }
+    if (auto device = std::get_if<StreamOverDevice>(&options.over);
+        device != nullptr && device->device != files::kRootsDevice) {
+        return failure(posixError(ENODEV));
+    }
+    return std::make_unique<JournalStreamHandle>(
+        std::make_shared<JournalStream>(hub_, std::move(options), std::move(callback)));
+}
+
+}  // namespace tarnwell::events

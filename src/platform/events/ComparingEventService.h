@@ -1,0 +1,44 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+
+#include "platform/dispatch/ThreadPool.h"
+#include "platform/events/FileEventService.h"
+#include "platform/files/Comparer.h"
+#include "platform/store/Store.h"
+
+namespace tarnwell::events {
+
+class EventHub;
+
+/// The event service whose source is comparing: what a request asks about is compared with the index before the answer,
+/// and the folders of live streams are compared from time to time. It needs nothing of the kernel, so it works on every
+/// file system.
+///
+/// E1: a change whose system call returned before a stream's start is in its history, within the stream's interest.
+/// E2: a stream's callbacks come on its queue, with rising event IDs.
+class ComparingEventService : public FileEventService {
+public:
+    struct Options {
+        /// From the end of one comparison of the live streams' folders to the next; at least ten times what the last
+        /// one took, so that comparing never takes more than a tenth of the time.
+        std::chrono::milliseconds pollInterval{2000};
+    };
+    /// Borrows its services; they outlive it. Streams may outlive it: they deliver nothing more.
+    ComparingEventService(const Roots& roots, store::Store& store, files::Comparer& comparer,
+                          std::shared_ptr<dispatch::ThreadPool> pool, Options options);
+    ~ComparingEventService() override;
+
+    Result<UUID> deviceUUID(DeviceID device) override;
+    Result<EventID> currentEventID(const std::vector<URL>& folders, Interest interest) override;
+    EventID recordedEventID() override;
+    Result<std::unique_ptr<FileEventStream>> createStream(StreamOptions options,
+                                                          FileEventStream::Callback callback) override;
+
+private:
+    store::Store& store_;
+    std::shared_ptr<EventHub> hub_;
+};
+
+}  // namespace tarnwell::events

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <shared_mutex>
+#include <vector>
+
+#include "platform/dispatch/SerialQueue.h"
+#include "platform/events/FileEventService.h"
+#include "platform/files/Comparer.h"
+#include "platform/store/Store.h"
+
+namespace tarnwell::events {
+
+class JournalStream;
+
+/// What the streams of one service share: the way to the journal, and the comparisons that fill it. Streams keep the
+/// hub alive; the services that it borrows end with `close`, after which it answers ESHUTDOWN.
+class EventHub : public std::enable_shared_from_this<EventHub> {
+public:
+    EventHub(const Roots& roots, store::Store& store, files::Comparer& comparer,
+             std::shared_ptr<dispatch::ThreadPool> pool, std::chrono::milliseconds pollInterval);
+
+    /// Runs `work` with the borrowed services; ESHUTDOWN once the hub is closed. `close` waits for it.
+    template <typename F>
+    auto withServices(F&& work) -> std::invoke_result_t<F, store::Store&, files::Comparer&> {
+        std::shared_lock lock(openMutex_);
+        if (!open_) return failure(posixError(ESHUTDOWN));
+        return work(store_, comparer_);
+    }
+
+    /// Compares the folders, all roots when there is no list, and returns the position reached.
+    Result<EventID> barrier(const std::optional<std::vector<URL>>& folders, Interest interest);
+    std::vector<Place> placesOf(const std::vector<URL>& folders) const;
+
+    void join(const std::shared_ptr<JournalStream>& stream);
+    void leave(const JournalStream* stream);
+    /// Records were committed: live streams read on.
+    void advanced();
+    void close();
+
+private:
+    void schedulePoll(std::chrono::nanoseconds delay);
+    void poll();
+    std::vector<std::shared_ptr<JournalStream>> streams();
+
+    const Roots& roots_;
+    store::Store& store_;
+    files::Comparer& comparer_;
+    const std::chrono::milliseconds pollInterval_;
+    std::shared_ptr<dispatch::SerialQueue> pollQueue_;
+    std::shared_mutex openMutex_;
+    bool open_ = true;
+    std::mutex streamsMutex_;
+    std::vector<std::weak_ptr<JournalStream>> streams_;
+    bool polling_ = false;
+};
+
+}  // namespace tarnwell::events

@@ -1,0 +1,112 @@
+#include "platform/events/JournalReplay.h"
+
+namespace tarnwell::events {
+
+namespace {
+
+constexpr std::size_t kBatch = 512;
+
+std::string pathOf(const Place& place) {
+    return place.relative.empty() ? place.root->name : place.root->name + "/" + place.relative;
+}
+
+}  // namespace
+
+Result<bool> JournalReplay::canReplayAfter(EventID since) {
+    if (raw(since) > raw(store_.lastEventID())) return false;
+    store::Session session(store_);
+    bool can = session.journal().canReplayAfter(raw(since));
+    if (auto checked = session.check(); !checked) return failure(checked.error());
+    return can;
+}
+
+bool JournalReplay::isBelowFolders(std::string_view path) const {
+    for (const Place& folder : folders_) {
+        if (relationship(pathOf(folder), path) == Relationship::contains) return true;
+    }
+    return false;
+}
+
+std::optional<std::string> JournalReplay::pathBelowFolders(store::Session& session, const store::ObjectRow& row) {
+    if (row.state != store::ObjectState::live || !row.visible) return std::nullopt;
+    auto place = comparer_.placeOf(session, row);
+    if (!place) return std::nullopt;
+    std::string path = pathOf(*place);
+    return isBelowFolders(path) ? std::optional(std::move(path)) : std::nullopt;
+}
+
+Result<JournalReplay::Batch> JournalReplay::batchAfter(EventID since, EventID upTo) {
+    Batch batch;
+    batch.reached = upTo;
+    store::Session session(store_);
+    if (std::holds_alternative<StreamOverDevice>(options_.over)) {
+        auto changes = session.journal().documentChangesAfter(raw(since), kBatch);
+        for (const store::DocumentChange& change : changes) {
+            if (change.event > raw(upTo)) break;
+            if (auto event = eventForDocument(session, change, since)) batch.events.push_back(std::move(*event));
+        }
+        batch.more = changes.size() == kBatch && changes.back().event < raw(upTo);
+        if (batch.more) batch.reached = EventID{changes.back().event};
+    } else {
+        auto records =
+            session.journal().recordsAfter(raw(since), kBatch, options_.interest == Interest::departuresOnly);
+        for (const store::Journal::Record& record : records) {
+            if (record.event > raw(upTo)) break;
+            if (auto event = eventFor(session, record)) batch.events.push_back(std::move(*event));
+        }
+        batch.more = records.size() == kBatch && records.back().event < raw(upTo);
+        if (batch.more) batch.reached = EventID{records.back().event};
+    }
+    if (auto checked = session.check(); !checked) return failure(checked.error());
+    return batch;
+}
+
+std::optional<FileEvent> JournalReplay::eventFor(store::Session& session, const store::Journal::Record& record) {
+    if (record.departure) return eventForDeparture(session, *record.departure);
+    auto row = session.index().byFileID(*record.changed);
+    return row ? eventForObject(session, *row, EventID{record.event}) : std::nullopt;
+}
+
+std::optional<FileEvent> JournalReplay::eventForObject(store::Session& session, const store::ObjectRow& row,
+                                                       EventID event) {
+    auto path = pathBelowFolders(session, row);
+    if (!path) return std::nullopt;
+    return FileEvent{event, row.change, std::move(path), row.fileID, row.documentID};
+}
+
+std::optional<FileEvent> JournalReplay::eventForDeparture(store::Session& session, const store::Departure& departure) {
+    // Alive below the stream's folders: its own record tells where it is. A document that another object carries now
+    // is alive as that object.
+    auto alive = departure.documentID ? session.index().byDocumentID(*departure.documentID)
+                                      : session.index().byFileID(departure.fileID);
+    if (alive && alive->documentID == departure.documentID && pathBelowFolders(session, *alive)) return std::nullopt;
+    std::string path = departure.path;
+    if (!isBelowFolders(path)) {
+        // A folder on the way may have another name by now, the stream's own among them.
+        auto folder = session.index().byFileID(FileID{departure.folder});
+        auto place = folder ? comparer_.placeOf(session, *folder) : std::nullopt;
+        if (!place || folder->state != store::ObjectState::live) return std::nullopt;
+        path = pathOf(*place) + path.substr(path.rfind('/'));
+        if (!isBelowFolders(path)) return std::nullopt;
+    }
+    return FileEvent{EventID{departure.event}, kEventItemRemoved, std::move(path), departure.fileID,
+                     departure.documentID};
+}
+
+std::optional<FileEvent> JournalReplay::eventForDocument(store::Session& session, const store::DocumentChange& change,
+                                                         EventID since) {
+    // Told only when no path record after the same position tells of the document.
+    auto row = session.index().byDocumentID(change.documentID);
+    if (row && row->state == store::ObjectState::live && row->event > raw(since)) return std::nullopt;
+    if (auto source = session.journal().departureOf(FileID{change.source});
+        source && source->documentID == change.documentID && source->event > raw(since)) {
+        return std::nullopt;
+    }
+    const auto& device = std::get<StreamOverDevice>(options_.over);
+    std::string path = device.path + "/" + std::to_string(raw(device.device)) + "/changed/" +
+                       std::to_string(raw(change.documentID)) + "/src=" + std::to_string(change.source) +
+                       ",dst=" + std::to_string(change.destination);
+    return FileEvent{EventID{change.event}, kEventItemModified, std::move(path), std::nullopt, change.documentID};
+}
+
+}  // namespace tarnwell::events

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "platform/events/FileEventService.h"
+#include "platform/files/Comparer.h"
+#include "platform/store/Store.h"
+
+namespace tarnwell::events {
+
+/// Reads the journal for one stream: turns its records into events about what is true now. Not for two threads at once.
+class JournalReplay {
+public:
+    JournalReplay(files::Comparer& comparer, store::Store& store, const StreamOptions& options,
+                  std::vector<Place> folders)
+        : comparer_(comparer), store_(store), options_(options), folders_(std::move(folders)) {}
+
+    /// True when everything after the position is still told.
+    Result<bool> canReplayAfter(EventID since);
+    /// The events after the position up to `upTo`, at most a batch of them, and how far the batch reaches.
+    struct Batch {
+        std::vector<FileEvent> events;
+        EventID reached{};
+        bool more = false;
+    };
+    Result<Batch> batchAfter(EventID since, EventID upTo);
+
+private:
+    std::optional<FileEvent> eventFor(store::Session& session, const store::Journal::Record& record);
+    std::optional<FileEvent> eventForObject(store::Session& session, const store::ObjectRow& row, EventID event);
+    std::optional<FileEvent> eventForDeparture(store::Session& session, const store::Departure& departure);
+    std::optional<FileEvent> eventForDocument(store::Session& session, const store::DocumentChange& change,
+                                              EventID since);
+    std::optional<std::string> pathBelowFolders(store::Session& session, const store::ObjectRow& row);
+    bool isBelowFolders(std::string_view path) const;
+
+    files::Comparer& comparer_;
+    store::Store& store_;
+    const StreamOptions& options_;
+    std::vector<Place> folders_;
+};
+
+}  // namespace tarnwell::events

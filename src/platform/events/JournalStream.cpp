@@ -1,0 +1,84 @@
+#include "platform/events/JournalStream.h"
+
+#include "platform/events/JournalReplay.h"
+
+namespace tarnwell::events {
+
+JournalStream::JournalStream(std::shared_ptr<EventHub> hub, StreamOptions options, FileEventStream::Callback callback)
+    : hub_(std::move(hub)), options_(std::move(options)), callback_(std::move(callback)), position_(options_.since) {}
+
+std::optional<std::vector<URL>> JournalStream::folders() const {
+    auto paths = std::get_if<StreamOverPaths>(&options_.over);
+    return paths != nullptr ? std::optional(paths->folders) : std::nullopt;
+}
+
+bool JournalStream::start() {
+    if (queue_ == nullptr || running_.exchange(true)) return false;
+    if (options_.historyDelay == std::chrono::milliseconds(0)) {
+        queue_->async([self = shared_from_this()] { self->replayHistory(); });
+    } else {
+        queue_->after(options_.historyDelay, [weak = weak_from_this()] {
+            if (auto self = weak.lock()) self->replayHistory();
+        });
+    }
+    return true;
+}
+
+void JournalStream::stop() {
+    if (running_.exchange(false)) hub_->leave(this);
+}
+
+void JournalStream::deliver(const std::vector<FileEvent>& events) {
+    if (running_.load() && !events.empty()) callback_(events);
+}
+
+void JournalStream::drop() {
+    deliver({FileEvent{position_, kEventUserDropped, std::nullopt, std::nullopt, std::nullopt}});
+}
+
+bool JournalStream::deliverUpTo(EventID upTo) {
+    while (running_.load() && raw(position_) < raw(upTo)) {
+        auto batch = hub_->withServices([&](store::Store& store, files::Comparer& comparer) {
+            auto its = folders();
+            JournalReplay replay(comparer, store, options_, its ? hub_->placesOf(*its) : std::vector<Place>());
+            return replay.batchAfter(position_, upTo);
+        });
+        if (!batch) return false;
+        position_ = batch->reached;
+        deliver(batch->events);
+    }
+    return true;
+}
+
+void JournalStream::replayHistory() {
+    if (!running_.load()) return;
+    // Joined before the journal is read, so that nothing recorded meanwhile is missed.
+    hub_->join(shared_from_this());
+    auto reached = hub_->barrier(folders(), options_.interest);
+    if (!reached) return drop();
+    auto possible = hub_->withServices([&](store::Store& store, files::Comparer& comparer) {
+        return JournalReplay(comparer, store, options_, {}).canReplayAfter(options_.since);
+    });
+    if (!possible || !*possible) return drop();
+    if (!deliverUpTo(*reached)) return drop();
+    deliver({FileEvent{position_, kEventHistoryDone, std::nullopt, std::nullopt, std::nullopt}});
+    live_.store(true);
+    readOn();
+}
+
+void JournalStream::recordsArrived() {
+    if (!running_.load() || !live_.load() || readingOn_.exchange(true)) return;
+    queue_->after(options_.latency, [weak = weak_from_this()] {
+        if (auto self = weak.lock()) self->readOn();
+    });
+}
+
+void JournalStream::readOn() {
+    readingOn_.store(false);
+    if (!running_.load()) return;
+    auto reached = hub_->withServices(
+        [&](store::Store& store, files::Comparer&) -> Result<EventID> { return store.lastEventID(); });
+    if (reached && !deliverUpTo(*reached)) drop();
+}
+
+}  // namespace tarnwell::events

@@ -1,0 +1,175 @@
+#include "platform/files/Comparer.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "platform/files/ComparisonRun.h"
+
+namespace tarnwell::files {
+
+bool isVisibleEntry(const FolderContext& folder, std::string_view name, bool isDirectory) {
+    if (!folder.contentsVisible) return false;
+    if (name.starts_with('.')) return folder.isRoot && name == ".Trash";
+    return !(folder.isRoot && isDirectory && name == "Inbox");
+}
+
+Comparer::Comparer(const Roots& roots, store::Store& store, mime::TypeDatabase& types)
+    : roots_(roots), store_(store), types_(types) {}
+
+Result<void> Comparer::compare(const std::vector<Place>& folders, Detail detail) {
+    std::lock_guard running(runMutex_);
+    ComparisonRun run(*this);
+    if (folders.empty()) {
+        if (auto result = run.compareRoots(detail); !result) return result;
+    }
+    for (const Place& folder : folders) {
+        if (auto result = run.compareBelow(folder, detail); !result) return result;
+    }
+    return run.finish();
+}
+
+Result<void> Comparer::compareFolder(const Place& folder) {
+    std::lock_guard running(runMutex_);
+    ComparisonRun run(*this);
+    if (auto result = run.compareOne(folder); !result) return result;
+    return run.finish();
+}
+
+Result<void> Comparer::compareFolder(const Place& folder, const store::ObjectRow& row, int handle) {
+    std::lock_guard running(runMutex_);
+    ComparisonRun run(*this);
+    if (auto result = run.compareKnownFolder(folder, row, handle); !result) return result;
+    return run.finish();
+}
+
+std::optional<Comparer::FileSystemEntry> Comparer::knownFileSystem(std::uint64_t device) {
+    std::lock_guard lock(fileSystemsMutex_);
+    auto it = fileSystems_.find(device);
+    return it != fileSystems_.end() ? std::optional(it->second) : std::nullopt;
+}
+
+Result<Comparer::FileSystemEntry> Comparer::fileSystemOf(std::uint64_t device, int descriptor) {
+    if (auto known = knownFileSystem(device)) return *known;
+    auto identity = filesystem::fileSystemIdentityOf(descriptor);
+    if (!identity) return failure(identity.error());
+    FileSystemEntry entry;
+    entry.keepsChangeTimes = identity->keepsChangeTimes;
+    {
+        store::Session session(store_);
+        session.write();
+        entry.number = session.index().fileSystemNumber(identity->identity.empty() ? "unnamed" : identity->identity);
+        if (auto committed = session.commit(); !committed) return failure(committed.error());
+    }
+    std::lock_guard lock(fileSystemsMutex_);
+    return fileSystems_.emplace(device, entry).first->second;
+}
+
+Result<store::ObjectIdentity> Comparer::identityOf(const filesystem::Status& status, int descriptor) {
+    auto fileSystem = fileSystemOf(status.device, descriptor);
+    if (!fileSystem) return failure(fileSystem.error());
+    return store::ObjectIdentity{fileSystem->number, status.inode, status.birth};
+}
+
+std::optional<Place> Comparer::placeOf(store::Session& session, const store::ObjectRow& row) const {
+    if (row.parent == 0) {
+        auto root = roots_.locate(row.name);
+        return root && root->relative.empty() ? root : std::nullopt;
+    }
+    if (row.state != store::ObjectState::live) return std::nullopt;
+    // Written from its end, since the way leads upwards.
+    std::string reversed(row.name.rbegin(), row.name.rend());
+    const store::FolderNode* folder = session.index().folderNode(row.parent);
+    while (folder != nullptr && folder->parent != 0) {
+        if (!folder->live) return std::nullopt;
+        reversed += '/';
+        reversed.append(folder->name.rbegin(), folder->name.rend());
+        folder = session.index().folderNode(folder->parent);
+    }
+    if (folder == nullptr) return std::nullopt;
+    auto root = roots_.locate(folder->name);
+    if (!root || !root->relative.empty()) return std::nullopt;
+    return Place{root->root, std::string(reversed.rbegin(), reversed.rend())};
+}
+
+bool Comparer::leadsTo(store::Session& session, const store::ObjectRow& row, const Place& place) const {
+    if (row.state != store::ObjectState::live) return false;
+    auto known = placeOf(session, row);
+    return known && known->root == place.root && known->relative == place.relative;
+}
+
+bool Comparer::standsAt(const store::ObjectRow& row, const Place& place) {
+    auto status = filesystem::statusBeneath(place.root->directory.get(), place.relative);
+    return status && isObject(row, *status);
+}
+
+bool Comparer::isObject(const store::ObjectRow& row, const filesystem::Status& status) {
+    if (status.inode != row.identity.inode || status.birth != row.identity.birth) return false;
+    auto fileSystem = knownFileSystem(status.device);
+    // A device that was not met yet: inode and birth alike on two of them is what its number guards against later.
+    return !fileSystem || fileSystem->number == row.identity.fileSystem;
+}
+
+Result<store::ObjectRow> Comparer::rowAt(const Place& place) {
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        auto status = filesystem::statusBeneath(place.root->directory.get(), place.relative);
+        if (!status) return failure(status.error());
+        if (auto met = meetFileSystem(place, *status); !met) return failure(met.error());
+        auto row = rowByPath(place, *status);
+        if (row || !row.error().is(ErrorDomain::posix, ESTALE)) return row;
+        // Not known as it is: compare the folders on the way, from the root down to the parent.
+        std::string relative;
+        std::size_t next = 0;
+        do {
+            if (auto compared = compareFolder(Place{place.root, relative}); !compared) return failure(compared.error());
+            std::size_t slash = place.relative.find('/', next);
+            if (slash == std::string::npos) break;
+            relative = place.relative.substr(0, slash);
+            next = slash + 1;
+        } while (true);
+        auto again = rowByPath(place, *status);
+        if (again || !again.error().is(ErrorDomain::posix, ESTALE)) return again;
+    }
+    return failure(posixError(EAGAIN, "the object keeps changing, or the folder it lies in cannot be read"));
+}
+
+/// Finds out which file system a device number stands for, from the folder that the place is or lies in.
+Result<void> Comparer::meetFileSystem(const Place& place, const filesystem::Status& status) {
+    if (knownFileSystem(status.device)) return {};
+    Place folder = place;
+    if (!S_ISDIR(status.mode)) {
+        std::size_t slash = place.relative.rfind('/');
+        folder.relative = slash == std::string::npos ? std::string() : place.relative.substr(0, slash);
+    }
+    auto opened = filesystem::openBeneath(folder.root->directory.get(), folder.relative, O_RDONLY | O_DIRECTORY);
+    if (!opened) return failure(opened.error());
+    auto its = filesystem::statusOf(opened->get());
+    if (!its) return failure(its.error());
+    if (its->device != status.device)
+        return failure(posixError(EXDEV, "a file of another file system is mounted here"));
+    auto entry = fileSystemOf(status.device, opened->get());
+    return entry ? Result<void>() : failure(entry.error());
+}
+
+Result<store::ObjectRow> Comparer::rowByPath(const Place& place, const filesystem::Status& status) {
+    auto fileSystem = knownFileSystem(status.device);
+    if (!fileSystem) return failure(posixError(ESTALE));
+    store::Session session(store_);
+    auto row = session.index().byIdentity({fileSystem->number, status.inode, status.birth});
+    if (auto checked = session.check(); !checked) return failure(checked.error());
+    if (!row) return failure(posixError(ESTALE));
+    if (leadsTo(session, *row, place)) return *row;
+    // A further name of a file with several is known by its link.
+    std::size_t slash = place.relative.rfind('/');
+    std::string name = slash == std::string::npos ? place.relative : place.relative.substr(slash + 1);
+    for (const store::LinkRow& link : session.index().linksOf(row->fileID)) {
+        if (link.name != name) continue;
+        auto folder = session.index().byFileID(FileID{link.parent});
+        Place parent{place.root, slash == std::string::npos ? std::string() : place.relative.substr(0, slash)};
+        if (folder && leadsTo(session, *folder, parent)) return *row;
+    }
+    return failure(posixError(ESTALE));
+}
+
+}  // namespace tarnwell::files

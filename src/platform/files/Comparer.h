@@ -1,0 +1,96 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/base/Result.h"
+#include "platform/filesystem/Beneath.h"
+#include "platform/filesystem/Roots.h"
+#include "platform/mime/TypeDatabase.h"
+#include "platform/store/Store.h"
+
+namespace tarnwell::files {
+
+/// How closely a comparison looks. `names` trusts a folder whose change time shows that its entries are the known ones,
+/// and looks at no file in it; `everything` looks at each object.
+enum class Detail { names, everything };
+
+/// What the folder's place says about its contents.
+struct FolderContext {
+    bool isRoot = false;
+    bool contentsVisible = true;    ///< clients may be told of what lies in it
+    std::optional<FileID> package;  ///< the visible package in which it lies, or which it is
+};
+
+/// The context of what lies in a folder entry, and whether the entry itself is visible.
+bool isVisibleEntry(const FolderContext& folder, std::string_view name, bool isDirectory);
+
+/// Keeps the index equal to the disk: looks at folders, finds what differs from what is known, decides which object is
+/// which, and records the differences.
+///
+/// C1: what a comparison cannot read (denied, gone meanwhile, an unavailable root) is left as it was known.
+/// C2: an object is told by its identity; a document ID stays with the object wherever it turns up, except that where a
+///     document was replaced under its name it stays with the name: a rename over it, an exchange of two documents, a
+///     new file after the old one went or took a backup name.
+/// C3: one comparison at a time; lookups of known objects go on meanwhile.
+class Comparer {
+public:
+    Comparer(const Roots& roots, store::Store& store, mime::TypeDatabase& types);
+
+    /// Compares the folders and everything below them; all roots when the list is empty.
+    Result<void> compare(const std::vector<Place>& folders, Detail detail);
+    /// Compares the names in one folder only, if they changed.
+    Result<void> compareFolder(const Place& folder);
+    /// The same for a folder whose row is at hand; nothing happens if another object stands at the place by now. With a
+    /// handle (O_PATH) of the folder above it, a folder that did not change is known without walking its path.
+    Result<void> compareFolder(const Place& folder, const store::ObjectRow& row, int handle = -1);
+
+    /// The row of what stands at the place, looked at on disk; folders on the way are compared where they differ.
+    /// ENOENT where nothing stands.
+    Result<store::ObjectRow> rowAt(const Place& place);
+    /// Where the object of a live row is, by the index alone; nothing where an ancestor is not live or its root is not
+    /// among this program's.
+    std::optional<Place> placeOf(store::Session& session, const store::ObjectRow& row) const;
+    /// True when the object of that row stands at its place on disk now.
+    bool standsAt(const store::ObjectRow& row, const Place& place);
+    /// True when a status is of the row's object.
+    bool isObject(const store::ObjectRow& row, const filesystem::Status& status);
+    /// True for the device number of a file system on which objects below the roots were met.
+    bool isMetDevice(std::uint64_t device) { return knownFileSystem(device).has_value(); }
+
+    Result<store::ObjectIdentity> identityOf(const filesystem::Status& status, int descriptor);
+
+    /// Objects looked at so far by all comparisons, for progress displays.
+    std::uint64_t objectsSeen() const { return objectsSeen_.load(std::memory_order_relaxed); }
+
+private:
+    friend class ComparisonRun;
+    struct FileSystemEntry {
+        std::uint32_t number = 0;
+        bool keepsChangeTimes = false;
+    };
+    std::optional<FileSystemEntry> knownFileSystem(std::uint64_t device);
+    Result<FileSystemEntry> fileSystemOf(std::uint64_t device, int descriptor);
+    Result<void> meetFileSystem(const Place& place, const filesystem::Status& status);
+    Result<store::ObjectRow> rowByPath(const Place& place, const filesystem::Status& status);
+    bool leadsTo(store::Session& session, const store::ObjectRow& row, const Place& place) const;
+
+    const Roots& roots_;
+    store::Store& store_;
+    mime::TypeDatabase& types_;
+    std::mutex runMutex_;  ///< held by the comparison under way
+    /// Missing objects may wait to be settled: an earlier program may have been cut off. Under runMutex_.
+    bool unsettled_ = true;
+    std::mutex fileSystemsMutex_;
+    std::unordered_map<std::uint64_t, FileSystemEntry> fileSystems_;  ///< by device number
+    std::atomic<std::uint64_t> objectsSeen_{0};
+};
+
+}  // namespace tarnwell::files

@@ -1,0 +1,268 @@
+#include "platform/files/ComparisonRun.h"
+
+#include <string>
+#include <unordered_map>
+
+#include "platform/files/FileKinds.h"
+
+namespace tarnwell::files {
+
+using store::ObjectRow;
+using store::ObjectState;
+
+// Which object is which: what stands in a folder now against what was known to stand there.
+
+void ComparisonRun::difference(Folder& folder, const Reading& reading) {
+    std::unordered_map<std::string_view, std::size_t> byName;
+    byName.reserve(folder.known.size());
+    for (std::size_t i = 0; i < folder.known.size(); ++i) {
+        // A missing object may have left its name to a live one: the live one has it.
+        auto [it, added] = byName.emplace(folder.known[i].name, i);
+        if (!added && folder.known[i].state == ObjectState::live) it->second = i;
+    }
+    std::vector<store::LinkRow> links = session().index().linksIn(raw(folder.row.fileID));
+    std::vector<bool> linkSeen(links.size(), false);
+
+    std::vector<std::pair<const DiskEntry*, ObjectRow*>> unknown;
+    for (const DiskEntry& entry : reading.entries) {
+        auto it = byName.find(entry.name);
+        ObjectRow* row = it != byName.end() ? &folder.known[it->second] : nullptr;
+        if (row != nullptr && row->identity == entry.identity) {
+            folder.matched[it->second] = true;
+            bool attributes = row->changed != entry.status.changed || row->modified != entry.status.modified ||
+                              row->size != entry.status.size;
+            if (row->state == ObjectState::missing) {
+                write();
+                row->state = ObjectState::live;
+                session().index().setState(row->fileID, ObjectState::live);
+            }
+            if (attributes) {
+                write();
+                noteAttributes(*row, entry.status);
+                folder.changed = true;
+            }
+            continue;
+        }
+        bool isKnownLink = false;
+        for (std::size_t i = 0; i < links.size() && !isKnownLink; ++i) {
+            if (links[i].name != entry.name) continue;
+            auto target = session().index().byFileID(links[i].fileID);
+            if (target && target->identity == entry.identity && target->state == ObjectState::live) {
+                linkSeen[i] = true;
+                isKnownLink = true;
+            }
+        }
+        if (!isKnownLink) unknown.emplace_back(&entry, row);
+    }
+    for (std::size_t i = 0; i < links.size(); ++i) {
+        if (linkSeen[i]) continue;
+        write();
+        session().index().removeLink(links[i]);
+    }
+    for (std::size_t i = 0; i < folder.known.size(); ++i) {
+        if (folder.matched[i] || folder.known[i].state == ObjectState::missing) continue;
+        write();
+        folder.known[i].state = ObjectState::missing;
+        session().index().setState(folder.known[i].fileID, ObjectState::missing);
+        folder.changed = true;
+        comparer_.unsettled_ = true;
+    }
+    for (auto& [entry, displaced] : unknown) {
+        write();
+        placeUnknown(folder, *entry, displaced, reading);
+        folder.changed = true;
+    }
+}
+
+std::optional<filesystem::Status> ComparisonRun::statusAtPlaceOf(const ObjectRow& row) {
+    auto place = comparer_.placeOf(session(), row);
+    if (!place) return std::nullopt;
+    auto status = filesystem::statusBeneath(place->root->directory.get(), place->relative);
+    return status ? std::optional(*status) : std::nullopt;
+}
+
+void ComparisonRun::placeUnknown(Folder& folder, const DiskEntry& entry, ObjectRow* displaced, const Reading& reading) {
+    auto row = session().index().byIdentity(entry.identity);
+    if (!row) {
+        addNew(folder, entry, displaced);
+        return;
+    }
+    if (row->parent == 0) return;
+    bool here = row->parent == raw(folder.row.fileID) && row->name == entry.name;
+    if (here && row->state != ObjectState::gone) {
+        // Brought here already, as the other half of an exchange.
+        row->state = ObjectState::live;
+        noteAttributes(*row, entry.status);
+        return;
+    }
+    bool displacedDocument = displaced != nullptr && displaced->isDocument() && displaced->documentID.has_value();
+    // What stands now where the object was known to be?
+    std::optional<std::pair<std::uint64_t, std::int64_t>> there;
+    if (row->state != ObjectState::gone) {
+        if (row->parent == raw(folder.row.fileID)) {
+            if (const DiskEntry* other = reading.find(row->name)) there = {other->status.inode, other->status.birth};
+        } else {
+            ObjectRow asLive = *row;
+            asLive.state = ObjectState::live;
+            if (auto status = statusAtPlaceOf(asLive)) there = {status->inode, status->birth};
+        }
+    }
+    if (there && there->first == row->identity.inode && there->second == row->identity.birth) {
+        // Two names at once: a further hard link. Folders seen twice (bind mounts) keep their first place.
+        if (!row->isDirectory()) {
+            session().index().addLink({row->fileID, raw(folder.row.fileID), entry.name, 0});
+        }
+        return;
+    }
+    if (there && displacedDocument && row->isDocument() && row->documentID &&
+        there->first == displaced->identity.inode && there->second == displaced->identity.birth &&
+        exchange(folder, entry, *displaced, *row)) {
+        return;
+    }
+    Takeover takeover;
+    if (displacedDocument) {
+        takeover.displaced = displaced->fileID;
+        takeover.successorsOldFolder = row->visible && row->state != ObjectState::gone ? row->parent : 0;
+        takeover.successorsOldPath = pathOf(*row);
+    }
+    moveHere(folder, *row, entry, displacedDocument);
+    if (displacedDocument) {
+        takeover.successor = row->fileID;
+        takeovers_.push_back(std::move(takeover));
+    }
+}
+
+/// Two documents changed names with each other: each name keeps its document ID. False when the other one cannot be
+/// brought to its new place from here.
+bool ComparisonRun::exchange(Folder& folder, const DiskEntry& entry, ObjectRow& displaced, ObjectRow& moved) {
+    ObjectRow fresh = displaced;
+    std::swap(fresh.parent, moved.parent);
+    std::swap(fresh.name, moved.name);
+    std::swap(fresh.position, moved.position);
+    std::swap(fresh.visible, moved.visible);
+    std::swap(fresh.package, moved.package);
+    auto first = fresh.documentID, second = moved.documentID;
+    // Document IDs are unique: take one off before it is given to the other.
+    fresh.documentID.reset();
+    fresh.state = ObjectState::live;
+    fresh.changed = 0;  // looked at again with its own folder
+    session().index().update(fresh);
+    moved.documentID = first;
+    moved.state = ObjectState::live;
+    moved.size = entry.status.size;
+    moved.modified = entry.status.modified;
+    moved.changed = entry.status.changed;
+    session().journal().recordDocumentChange(*first, raw(fresh.fileID), raw(moved.fileID));
+    if (moved.visible) session().journal().recordChange(moved, store::kChangeModified);
+    session().index().update(moved);
+    fresh.documentID = second;
+    session().journal().recordDocumentChange(*second, raw(moved.fileID), raw(fresh.fileID));
+    if (fresh.visible) session().journal().recordChange(fresh, store::kChangeModified);
+    session().index().update(fresh);
+    displaced = fresh;
+    for (std::size_t i = 0; i < folder.known.size(); ++i) {
+        if (folder.known[i].fileID == fresh.fileID || folder.known[i].fileID == moved.fileID) folder.matched[i] = true;
+    }
+    return true;
+}
+
+void ComparisonRun::addNew(Folder& folder, const DiskEntry& entry, ObjectRow* displaced) {
+    ObjectRow row;
+    row.identity = entry.identity;
+    row.parent = raw(folder.row.fileID);
+    row.name = entry.name;
+    row.kind = kindOf(entry.status.mode);
+    row.package = row.isDirectory() && comparer_.types_.isPackageName(entry.name);
+    row.visible = isVisibleEntry(folder.job.context, entry.name, row.isDirectory());
+    row.size = entry.status.size;
+    row.modified = entry.status.modified;
+    row.changed = entry.status.changed;
+    bool takesOver = displaced != nullptr && displaced->documentID && displaced->isDocument() && row.isDocument();
+    if (row.visible) {
+        if (row.isDocument() && !takesOver) row.documentID = session().numbers().nextDocument();
+        session().journal().recordChange(row, store::kChangeCreated);
+    }
+    session().index().insert(row);
+    if (takesOver) takeovers_.push_back({displaced->fileID, row.fileID, 0, ""});
+}
+
+/// Brings a known object to the folder: renamed in it, moved into it, or back after it was gone.
+void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& entry, bool keepDocumentOpen) {
+    ObjectRow old = row;
+    bool toldOf = old.visible && old.state != ObjectState::gone;
+    std::string oldPath = toldOf ? pathOf(old) : std::string();
+    bool sameFolder = old.parent == raw(folder.row.fileID);
+
+    row.parent = raw(folder.row.fileID);
+    row.name = entry.name;
+    row.kind = kindOf(entry.status.mode);
+    row.package = row.isDirectory() && comparer_.types_.isPackageName(entry.name);
+    row.visible = isVisibleEntry(folder.job.context, entry.name, row.isDirectory());
+    row.state = ObjectState::live;
+    row.size = entry.status.size;
+    row.modified = entry.status.modified;
+    row.changed = entry.status.changed;
+    bool showedContents = row.isDirectory() && toldOf && !old.package;
+    bool showsContents = row.isDirectory() && row.visible && !row.package;
+    if (showedContents && !showsContents) {
+        // Deepest first: what lies below leaves before the folder. It stands there still, unseen, and is found as what
+        // it is when the folder is read again.
+        for (const ObjectRow& child : session().index().allChildren(row.fileID)) {
+            if (child.visible) leave(child, oldPath + "/" + child.name, Leaving::hidden);
+        }
+        row.listed = 0;
+    }
+    if (!sameFolder || old.state == ObjectState::gone) row.position = session().numbers().nextPosition();
+    if (row.isDocument() != old.isDocument() && row.documentID) {
+        // A folder that is no package any more is known by its file ID again.
+        if (toldOf) session().journal().recordDeparture(row.fileID, row.documentID, old.parent, oldPath);
+        session().journal().recordDocumentChange(*row.documentID, raw(row.fileID), 0);
+        row.documentID.reset();
+    } else if (toldOf && (!sameFolder || !row.visible)) {
+        session().journal().recordDeparture(row.fileID, row.documentID, old.parent, oldPath);
+    }
+    if (row.visible) {
+        if (row.isDocument() && !row.documentID && !keepDocumentOpen) {
+            row.documentID = session().numbers().nextDocument();
+        }
+        session().journal().recordChange(row, toldOf ? store::kChangeRenamed : store::kChangeCreated);
+    }
+    if (row.isDirectory() && old.state == ObjectState::gone) row.listed = 0;
+    session().index().update(row);
+    if (showsContents && !showedContents && old.state != ObjectState::gone) {
+        arrive(row, contextBelow(folder.job.context, row));
+    }
+}
+
+/// Makes what lies below a folder that became visible known to clients.
+void ComparisonRun::arrive(const ObjectRow& folder, const FolderContext& context) {
+    std::vector<std::pair<FileID, FolderContext>> pending{{folder.fileID, context}};
+    while (!pending.empty()) {
+        auto [id, below] = pending.back();
+        pending.pop_back();
+        for (ObjectRow& child : session().index().allChildren(id)) {
+            child.visible = isVisibleEntry(below, child.name, child.isDirectory());
+            if (child.visible) {
+                if (child.isDocument() && !child.documentID) child.documentID = session().numbers().nextDocument();
+                session().journal().recordChange(child, store::kChangeCreated);
+            }
+            session().index().update(child);
+            if (child.isDirectory()) pending.emplace_back(child.fileID, contextBelow(below, child));
+        }
+    }
+}
+
+std::string ComparisonRun::pathOf(const ObjectRow& row) {
+    std::string path = row.name;
+    std::uint64_t parent = row.parent;
+    // The folders above may be missing by now; the path is where clients knew the object.
+    for (int depth = 0; parent != 0 && depth < 1'000'000; ++depth) {
+        auto folder = session().index().byFileID(FileID{parent});
+        if (!folder) break;
+        path = folder->name + "/" + path;
+        parent = folder->parent;
+    }
+    return path;
+}
+
+}  // namespace tarnwell::files

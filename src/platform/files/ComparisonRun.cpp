@@ -1,0 +1,406 @@
+#include "platform/files/ComparisonRun.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <ctime>
+#include <unordered_map>
+
+#include "platform/files/BackupName.h"
+#include "platform/files/FileKinds.h"
+
+namespace tarnwell::files {
+
+namespace {
+
+using store::ObjectRow;
+using store::ObjectState;
+
+/// How long a run keeps the store before others may look in.
+constexpr auto kSessionSpan = std::chrono::milliseconds(25);
+/// A folder whose change time is younger than this when its reading begins may change again without a new time: file
+/// systems stamp with the kernel's coarse clock, which ticks every 1 to 10 ms.
+constexpr std::int64_t kSettlingTime = 25'000'000;
+
+std::int64_t coarseNow() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    return now.tv_sec * 1'000'000'000 + now.tv_nsec;
+}
+
+bool isGoneWhileWorking(const Error& error) {
+    return error.domain == ErrorDomain::posix &&
+           (error.code == ENOENT || error.code == ENOTDIR || error.code == ELOOP || error.code == ESTALE);
+}
+
+std::string joined(const std::string& folder, std::string_view name) {
+    std::string path;
+    path.reserve(folder.size() + 1 + name.size());
+    path += folder;
+    if (!path.empty()) path += '/';
+    path += name;
+    return path;
+}
+
+}  // namespace
+
+// ---- the store, held for a while -------------------------------------------------------------------------------
+
+store::Session& ComparisonRun::session() {
+    if (!session_) {
+        session_.emplace(comparer_.store_);
+        sessionBegan_ = std::chrono::steady_clock::now();
+    }
+    return *session_;
+}
+
+Result<void> ComparisonRun::release() {
+    if (!session_) return {};
+    auto result = session_->commit();
+    session_.reset();
+    return result;
+}
+
+Result<void> ComparisonRun::breathe() {
+    if (session_ && std::chrono::steady_clock::now() - sessionBegan_ > kSessionSpan) return release();
+    return {};
+}
+
+// ---- which folders ---------------------------------------------------------------------------------------------
+
+FolderContext ComparisonRun::contextBelow(const FolderContext& context, const ObjectRow& row) const {
+    FolderContext below;
+    below.isRoot = false;
+    below.contentsVisible = row.visible && !row.package;
+    below.package = row.visible && row.package ? std::optional(row.fileID) : context.package;
+    return below;
+}
+
+Result<ObjectRow> ComparisonRun::rootRow(const std::shared_ptr<const Root>& root) {
+    auto status = filesystem::statusOf(root->directory.get());
+    if (!status) return failure(status.error());
+    if (auto released = release(); !released) return failure(released.error());
+    auto identity = comparer_.identityOf(*status, root->directory.get());
+    if (!identity) return failure(identity.error());
+    auto row = session().index().byIdentity(*identity);
+    if (row && row->parent == 0 && row->name == root->name && row->state == ObjectState::live) return *row;
+    write();
+    if (row) {
+        // Known from before as a folder inside another root, or as this root under another name.
+        row->parent = 0;
+        row->name = root->name;
+        row->state = ObjectState::live;
+        row->visible = true;
+        row->package = false;
+        row->listed = 0;
+        session().index().update(*row);
+        return *row;
+    }
+    ObjectRow fresh;
+    fresh.identity = *identity;
+    fresh.name = root->name;
+    fresh.kind = FileKind::directory;
+    fresh.visible = true;
+    fresh.modified = status->modified;
+    fresh.changed = status->changed;
+    session().index().insert(fresh);
+    return fresh;
+}
+
+/// The context of a known folder by the index alone.
+FolderContext ComparisonRun::contextOf(const ObjectRow& folder) {
+    if (folder.parent == 0) return FolderContext{true, true, std::nullopt};
+    FolderContext context{false, folder.visible && !folder.package, std::nullopt};
+    // What is unseen may lie in a package, whose change it is to clients.
+    std::optional<ObjectRow> row = folder;
+    while (row && !row->visible && row->parent != 0) row = session().index().byFileID(FileID{row->parent});
+    if (row && row->visible && row->package) context.package = row->fileID;
+    return context;
+}
+
+Result<std::optional<ComparisonRun::Job>> ComparisonRun::jobFor(const Place& folder) {
+    auto root = rootRow(folder.root);
+    if (!root) return failure(root.error());
+    Job job{folder.root, "", root->fileID, FolderContext{true, true, std::nullopt}};
+    if (folder.relative.empty()) return std::optional(std::move(job));
+    if (auto released = release(); !released) return failure(released.error());
+    auto status = filesystem::statusBeneath(folder.root->directory.get(), folder.relative);
+    if (!status)
+        return isGoneWhileWorking(status.error()) ? Result<std::optional<Job>>(std::optional<Job>())
+                                                  : failure(status.error());
+    if (auto known = comparer_.rowByPath(folder, *status); known && known->isDirectory()) {
+        return std::optional(Job{folder.root, folder.relative, known->fileID, contextOf(*known)});
+    }
+    return jobByNames(folder, std::move(job));
+}
+
+/// Goes down from the root, comparing each folder on the way where it changed.
+Result<std::optional<ComparisonRun::Job>> ComparisonRun::jobByNames(const Place& folder, Job job) {
+    std::size_t next = 0;
+    while (next < folder.relative.size()) {
+        std::size_t slash = std::min(folder.relative.find('/', next), folder.relative.size());
+        std::string name = folder.relative.substr(next, slash - next);
+        next = slash + 1;
+        auto processed = processFolder(job, Detail::names, nullptr);
+        if (!processed) return failure(processed.error());
+        std::optional<ObjectRow> found;
+        for (ObjectRow& row : session().index().folders(job.folder)) {
+            if (row.name == name) found = std::move(row);
+        }
+        if (auto checked = session().check(); !checked) return failure(checked.error());
+        if (!found) return std::optional<Job>();
+        job.relative = joined(job.relative, name);
+        job.folder = found->fileID;
+        job.context = contextBelow(job.context, *found);
+    }
+    return std::optional(std::move(job));
+}
+
+Result<void> ComparisonRun::compareRoots(Detail detail) {
+    std::vector<Job> jobs;
+    for (const auto& root : comparer_.roots_.all()) {
+        auto row = rootRow(root);
+        if (!row) {
+            if (row.error().domain != ErrorDomain::posix) return failure(row.error());
+            complete_ = false;
+            continue;
+        }
+        jobs.push_back({root, "", row->fileID, FolderContext{true, true, std::nullopt}});
+    }
+    coversRoots_ = true;
+    return drain(std::move(jobs), detail, true);
+}
+
+Result<void> ComparisonRun::compareBelow(const Place& folder, Detail detail) {
+    auto job = jobFor(folder);
+    if (!job) {
+        if (job.error().domain != ErrorDomain::posix) return failure(job.error());
+        complete_ = false;
+        return {};
+    }
+    if (!*job) return {};
+    std::vector<Job> jobs;
+    jobs.push_back(std::move(**job));
+    return drain(std::move(jobs), detail, true);
+}
+
+Result<void> ComparisonRun::compareOne(const Place& folder) {
+    auto job = jobFor(folder);
+    if (!job) return failure(job.error());
+    if (!*job) return {};
+    std::vector<Job> jobs;
+    jobs.push_back(std::move(**job));
+    return drain(std::move(jobs), Detail::names, false);
+}
+
+Result<void> ComparisonRun::compareKnownFolder(const Place& folder, const ObjectRow& row, int handle) {
+    std::vector<Job> jobs;
+    jobs.push_back({folder.root, folder.relative, row.fileID, contextOf(row), FileID{row.parent}, handle});
+    return drain(std::move(jobs), Detail::names, false);
+}
+
+Result<void> ComparisonRun::drain(std::vector<Job> jobs, Detail detail, bool below) {
+    while (!jobs.empty()) {
+        Job job = std::move(jobs.back());
+        jobs.pop_back();
+        auto processed = processFolder(job, detail, below ? &jobs : nullptr);
+        if (!processed) return failure(processed.error());
+        if (auto result = breathe(); !result) return result;
+    }
+    return {};
+}
+
+void ComparisonRun::pushFolders(const Job& job, std::vector<Job>* jobs) {
+    if (jobs == nullptr) return;
+    const auto folders = session().index().folders(job.folder);
+    if (folders.empty()) return;
+    if (auto handle = openHandle(job)) handles_.keep(job.folder, std::move(*handle));
+    for (const ObjectRow& row : folders) {
+        jobs->push_back(
+            {job.root, joined(job.relative, row.name), row.fileID, contextBelow(job.context, row), job.folder});
+    }
+}
+
+// ---- one folder ------------------------------------------------------------------------------------------------
+
+int ComparisonRun::Handles::find(FileID folder) const {
+    for (auto kept = handles_.rbegin(); kept != handles_.rend(); ++kept) {
+        if (kept->first == folder) return kept->second.get();
+    }
+    return -1;
+}
+
+void ComparisonRun::Handles::keep(FileID folder, Descriptor handle) {
+    if (handles_.size() == kMost) handles_.pop_front();
+    handles_.emplace_back(folder, std::move(handle));
+}
+
+int ComparisonRun::parentHandleOf(const Job& job) const {
+    return job.parentHandle >= 0 ? job.parentHandle : handles_.find(job.parent);
+}
+
+Result<filesystem::Status> ComparisonRun::statusOf(const Job& job) const {
+    const int parent = parentHandleOf(job);
+    if (parent < 0) return filesystem::statusBeneath(job.root->directory.get(), job.relative);
+    return filesystem::statusAt(parent, job.relative.c_str() + job.relative.rfind('/') + 1);
+}
+
+Result<Descriptor> ComparisonRun::openHandle(const Job& job) const {
+    const int parent = parentHandleOf(job);
+    if (parent < 0) return filesystem::openBeneath(job.root->directory.get(), job.relative, O_PATH | O_DIRECTORY);
+    return filesystem::openBeneath(parent, job.relative.substr(job.relative.rfind('/') + 1), O_PATH | O_DIRECTORY);
+}
+
+Result<bool> ComparisonRun::processFolder(const Job& job, Detail detail, std::vector<Job>* jobs) {
+    // Left out for whatever reason, a folder may hold what is looked for elsewhere.
+    const auto leaveOut = [&] {
+        complete_ = false;
+        return false;
+    };
+    auto status = statusOf(job);
+    if (!status) return leaveOut();
+    auto row = session().index().byFileID(job.folder);
+    if (auto checked = session().check(); !checked) return failure(checked.error());
+    if (!row || row->identity.inode != status->inode || row->identity.birth != status->birth) return leaveOut();
+    // The folder itself was removed while it is held open: that says nothing of what it held elsewhere.
+    if (status->links == 0) return leaveOut();
+
+    bool listedIsTrue = row->listed != 0 && row->listed == status->changed;
+    if (listedIsTrue && detail == Detail::names) {
+        pushFolders(job, jobs);
+        return true;
+    }
+    if (listedIsTrue) {
+        auto handle = openHandle(job);
+        if (handle && compareKnown(job, handle->get(), session().index().allChildren(job.folder))) {
+            pushFolders(job, jobs);
+            if (auto checked = session().check(); !checked) return failure(checked.error());
+            return true;
+        }
+    }
+    auto descriptor = filesystem::openBeneath(job.root->directory.get(), job.relative, O_RDONLY | O_DIRECTORY);
+    if (!descriptor) return leaveOut();
+    auto opened = filesystem::statusOf(descriptor->get());
+    if (!opened || opened->inode != status->inode || opened->birth != status->birth) return leaveOut();
+
+    auto reading = readFolder(descriptor->get(), *opened);
+    if (!reading && reading.error().domain != ErrorDomain::posix) return failure(reading.error());
+    if (!reading) return leaveOut();
+    row = session().index().byFileID(job.folder);
+    if (!row) return leaveOut();
+    Folder folder{job, *row, session().index().allChildren(job.folder), {}, false};
+    folder.matched.assign(folder.known.size(), false);
+    difference(folder, *reading);
+
+    std::int64_t listed = reading->settled ? opened->changed : 0;
+    auto entries = static_cast<std::uint32_t>(reading->entries.size());
+    bool ownChange =
+        folder.row.parent != 0 && (folder.row.modified != opened->modified || folder.row.changed != opened->changed);
+    if (ownChange) {
+        write();
+        noteAttributes(folder.row, *opened);
+    }
+    if (folder.row.listed != listed || folder.row.entries != entries) {
+        write();
+        session().index().setListed(job.folder, listed, entries);
+    }
+    if (folder.changed && job.context.package) {
+        // To clients a package is one document: what changed inside changed it.
+        if (auto package = session().index().byFileID(*job.context.package)) {
+            session().journal().recordChange(*package, store::kChangeModified);
+            session().index().update(*package);
+        }
+    }
+    pushFolders(job, jobs);
+    if (auto checked = session().check(); !checked) return failure(checked.error());
+    return true;
+}
+
+Result<Comparer::FileSystemEntry> ComparisonRun::fileSystemFor(std::uint64_t device, int descriptor) {
+    if (auto known = comparer_.knownFileSystem(device)) return *known;
+    // Storing its number takes a session of its own.
+    if (auto released = release(); !released) return failure(released.error());
+    return comparer_.fileSystemOf(device, descriptor);
+}
+
+Result<ComparisonRun::Reading> ComparisonRun::readFolder(int descriptor, const filesystem::Status& before) {
+    auto fileSystem = fileSystemFor(before.device, descriptor);
+    if (!fileSystem) return failure(fileSystem.error());
+    Reading reading;
+    std::int64_t began = coarseNow();
+    filesystem::DirectoryReader reader(descriptor);
+    filesystem::DirectoryEntry entry;
+    while (true) {
+        auto more = reader.next(entry);
+        if (!more) return failure(more.error());
+        if (!*more) break;
+        auto status = filesystem::statusAt(descriptor, entry.name.data());
+        if (!status) {
+            if (isGoneWhileWorking(status.error())) continue;
+            return failure(status.error());
+        }
+        std::uint32_t number = fileSystem->number;
+        if (status->device != before.device) {
+            // Another file system is mounted here: it must be opened to be told apart.
+            auto mounted = filesystem::openBeneath(descriptor, std::string(entry.name), O_RDONLY);
+            auto its = mounted ? fileSystemFor(status->device, mounted->get())
+                               : Result<Comparer::FileSystemEntry>(failure(mounted.error()));
+            if (!its) {
+                if (its.error().domain != ErrorDomain::posix) return failure(its.error());
+                complete_ = false;
+                continue;
+            }
+            number = its->number;
+        }
+        store::ObjectIdentity identity{number, status->inode, status->birth};
+        reading.entries.push_back({std::string(entry.name), *status, identity});
+        comparer_.objectsSeen_.fetch_add(1, std::memory_order_relaxed);
+    }
+    auto after = filesystem::statusOf(descriptor);
+    if (!after) return failure(after.error());
+    reading.settled =
+        fileSystem->keepsChangeTimes && after->changed == before.changed && before.changed + kSettlingTime < began;
+    return reading;
+}
+
+const ComparisonRun::DiskEntry* ComparisonRun::Reading::find(const std::string& name) const {
+    if (byName.empty()) {
+        for (const DiskEntry& entry : entries) byName.emplace(entry.name, &entry);
+    }
+    auto it = byName.find(name);
+    return it != byName.end() ? it->second : nullptr;
+}
+
+/// Looks at each known object of a folder whose names are known to be right; false when that turns out to be wrong.
+bool ComparisonRun::compareKnown(const Job& job, int handle, std::vector<ObjectRow> known) {
+    bool changed = false;
+    for (ObjectRow& row : known) {
+        if (row.state != ObjectState::live) return false;
+        auto status = filesystem::statusAt(handle, row.name.c_str());
+        if (!status || status->inode != row.identity.inode || status->birth != row.identity.birth) return false;
+        comparer_.objectsSeen_.fetch_add(1, std::memory_order_relaxed);
+        if (row.changed == status->changed && row.modified == status->modified && row.size == status->size) continue;
+        write();
+        noteAttributes(row, *status);
+        changed = true;
+    }
+    if (changed && job.context.package) {
+        if (auto package = session().index().byFileID(*job.context.package)) {
+            session().journal().recordChange(*package, store::kChangeModified);
+            session().index().update(*package);
+        }
+    }
+    return true;
+}
+
+void ComparisonRun::noteAttributes(ObjectRow& row, const filesystem::Status& status) {
+    bool content = row.modified != status.modified || row.size != status.size;
+    row.size = status.size;
+    row.modified = status.modified;
+    row.changed = status.changed;
+    if (row.visible) session().journal().recordChange(row, content ? store::kChangeModified : store::kChangeAttributes);
+    session().index().update(row);
+}
+
+}  // namespace tarnwell::files

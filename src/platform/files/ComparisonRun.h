@@ -1,0 +1,126 @@
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/base/Descriptor.h"
+#include "platform/files/Comparer.h"
+
+namespace tarnwell::files {
+
+/// One comparison from its start to its end. Used by Comparer only, under its run mutex. Its parts: which folders are
+/// read (ComparisonRun.cpp), which object is which in one of them (ComparisonDifference.cpp), what became of those that
+/// were missing (ComparisonSettling.cpp).
+class ComparisonRun {
+public:
+    explicit ComparisonRun(Comparer& comparer) : comparer_(comparer) {}
+
+    Result<void> compareRoots(Detail detail);
+    Result<void> compareBelow(const Place& folder, Detail detail);
+    Result<void> compareOne(const Place& folder);
+    /// `handle` as for Comparer::compareFolder.
+    Result<void> compareKnownFolder(const Place& folder, const store::ObjectRow& row, int handle);
+    /// Settles what was missing. Call once, after the folders.
+    Result<void> finish();
+
+private:
+    struct Job {
+        std::shared_ptr<const Root> root;
+        std::string relative;
+        FileID folder{};
+        FolderContext context;
+        FileID parent{};        ///< by which its handle is found, if one is kept
+        int parentHandle = -1;  ///< one that the caller keeps
+    };
+    /// Handles (O_PATH descriptors) of the folders passed last, to ask for the status of what is known to lie in them
+    /// without walking the whole path, which in a deep tree takes longer than everything else. Nothing is read through
+    /// a handle: its folder may have been moved out of its root.
+    class Handles {
+    public:
+        int find(FileID folder) const;  ///< -1 where none is kept
+        void keep(FileID folder, Descriptor handle);
+
+    private:
+        static constexpr std::size_t kMost = 64;
+        std::deque<std::pair<FileID, Descriptor>> handles_;
+    };
+    struct DiskEntry {
+        std::string name;
+        filesystem::Status status;
+        store::ObjectIdentity identity;
+    };
+    struct Reading {
+        const DiskEntry* find(const std::string& name) const;
+        std::vector<DiskEntry> entries;
+        mutable std::unordered_map<std::string_view, const DiskEntry*> byName;  ///< made when first asked
+        bool settled = false;  ///< the folder's change time vouches for the entries
+    };
+    /// A document that was replaced under its name, and the object that has the name now.
+    struct Takeover {
+        FileID displaced{};
+        FileID successor{};
+        std::uint64_t successorsOldFolder = 0;  ///< where the successor was known before; 0 for a new object
+        std::string successorsOldPath;
+    };
+    /// The state of comparing one folder.
+    struct Folder {
+        const Job& job;
+        store::ObjectRow row;
+        std::vector<store::ObjectRow> known;
+        std::vector<bool> matched;
+        bool changed = false;
+    };
+
+    Result<std::optional<Job>> jobFor(const Place& folder);
+    Result<std::optional<Job>> jobByNames(const Place& folder, Job job);
+    FolderContext contextOf(const store::ObjectRow& folder);
+    Result<store::ObjectRow> rootRow(const std::shared_ptr<const Root>& root);
+    Result<void> drain(std::vector<Job> jobs, Detail detail, bool below);
+    Result<bool> processFolder(const Job& job, Detail detail, std::vector<Job>* jobs);
+    int parentHandleOf(const Job& job) const;
+    Result<filesystem::Status> statusOf(const Job& job) const;
+    Result<Descriptor> openHandle(const Job& job) const;
+    Result<Comparer::FileSystemEntry> fileSystemFor(std::uint64_t device, int descriptor);
+    Result<Reading> readFolder(int descriptor, const filesystem::Status& before);
+    bool compareKnown(const Job& job, int handle, std::vector<store::ObjectRow> known);
+    void difference(Folder& folder, const Reading& reading);
+    void placeUnknown(Folder& folder, const DiskEntry& entry, store::ObjectRow* displaced, const Reading& reading);
+    bool exchange(Folder& folder, const DiskEntry& entry, store::ObjectRow& displaced, store::ObjectRow& moved);
+    void noteAttributes(store::ObjectRow& row, const filesystem::Status& status);
+    void moveHere(Folder& folder, store::ObjectRow& row, const DiskEntry& entry, bool keepDocumentOpen);
+    void addNew(Folder& folder, const DiskEntry& entry, store::ObjectRow* displaced);
+    void settleTakeovers();
+    void settleTakeover(const Takeover& takeover);
+    Result<void> settleMissing();
+    bool promotable(const store::ObjectRow& row);
+    bool standsAtLink(const store::ObjectRow& row, const store::LinkRow& link);
+    bool promoteLink(store::ObjectRow& row);
+    /// Why objects leave: their place is gone, or it stands there still and is hidden.
+    enum class Leaving { gone, hidden };
+    void leave(store::ObjectRow row, const std::string& path, Leaving leaving);
+    void arrive(const store::ObjectRow& folder, const FolderContext& context);
+    void pushFolders(const Job& job, std::vector<Job>* jobs);
+    FolderContext contextBelow(const FolderContext& context, const store::ObjectRow& row) const;
+    std::string pathOf(const store::ObjectRow& row);
+    std::optional<filesystem::Status> statusAtPlaceOf(const store::ObjectRow& row);
+
+    store::Session& session();
+    void write() { session().write(); }
+    /// Lets others in if this run has held the store for a while.
+    Result<void> breathe();
+    Result<void> release();
+
+    Comparer& comparer_;
+    std::optional<store::Session> session_;
+    std::chrono::steady_clock::time_point sessionBegan_;
+    std::vector<Takeover> takeovers_;
+    Handles handles_;
+    bool complete_ = true;      ///< nothing was left out so far
+    bool coversRoots_ = false;  ///< every root was compared with all below it
+};
+
+}  // namespace tarnwell::files

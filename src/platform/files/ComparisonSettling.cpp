@@ -1,0 +1,205 @@
+#include "platform/files/ComparisonRun.h"
+
+#include <algorithm>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/files/BackupName.h"
+
+namespace tarnwell::files {
+
+using store::ObjectRow;
+using store::ObjectState;
+
+// The end of a run: documents that were replaced under their names, and objects that were found nowhere.
+
+Result<void> ComparisonRun::finish() {
+    if (!takeovers_.empty() && !coversRoots_) {
+        // Whether a replaced document is gone or lives elsewhere is known only when every folder was looked at.
+        bool wasMissing = false;
+        for (const Takeover& takeover : takeovers_) {
+            auto row = session().index().byFileID(takeover.displaced);
+            wasMissing = wasMissing || (row && row->state == ObjectState::missing);
+        }
+        if (wasMissing) {
+            if (auto result = compareRoots(Detail::names); !result) return result;
+        }
+    }
+    settleTakeovers();
+    if (auto result = settleMissing(); !result) return result;
+    if (coversRoots_ && complete_) {
+        if (!session().index().inState(ObjectState::gone, 1).empty()) {
+            write();
+            session().index().purgeGone();
+            session().journal().trim();
+        }
+    }
+    return release();
+}
+
+void ComparisonRun::settleTakeovers() {
+    // Settling by index: a takeover's rows are read afresh, since one may touch the rows of another. A document that
+    // takes a name over and lost its own gives its identity away before it gets another one.
+    std::unordered_map<std::uint64_t, std::size_t> byDisplaced;
+    for (std::size_t i = 0; i < takeovers_.size(); ++i) byDisplaced.emplace(raw(takeovers_[i].displaced), i);
+    std::vector<bool> settled(takeovers_.size(), false);
+    std::vector<std::size_t> chain;
+    for (std::size_t i = 0; i < takeovers_.size(); ++i) {
+        for (std::size_t next = i; !settled[next];) {
+            settled[next] = true;
+            chain.push_back(next);
+            auto found = byDisplaced.find(raw(takeovers_[next].successor));
+            if (found != byDisplaced.end()) next = found->second;
+        }
+        for (; !chain.empty(); chain.pop_back()) {
+            write();
+            settleTakeover(takeovers_[chain.back()]);
+        }
+    }
+    takeovers_.clear();
+}
+
+void ComparisonRun::settleTakeover(const Takeover& takeover) {
+    auto displaced = session().index().byFileID(takeover.displaced);
+    auto successor = session().index().byFileID(takeover.successor);
+    if (!successor || successor->state != ObjectState::live) return;
+    bool replaced = displaced && displaced->documentID && successor->isDocument() &&
+                    (displaced->state == ObjectState::missing ||
+                     (displaced->state == ObjectState::live && displaced->parent == successor->parent &&
+                      isBackupName(successor->name, displaced->name)));
+    if (!replaced || promotable(*displaced)) {
+        if (successor->visible && successor->isDocument() && !successor->documentID) {
+            successor->documentID = session().numbers().nextDocument();
+            session().journal().recordChange(*successor, store::kChangeCreated);
+            session().index().update(*successor);
+        }
+        return;
+    }
+    if (successor->documentID) {
+        // A rename over a document: the one that was renamed ends as a document of its own.
+        if (takeover.successorsOldFolder != 0) {
+            session().journal().recordDeparture(successor->fileID, successor->documentID, takeover.successorsOldFolder,
+                                                takeover.successorsOldPath);
+        }
+        session().journal().recordDocumentChange(*successor->documentID, raw(successor->fileID), 0);
+    }
+    DocumentID document = *displaced->documentID;
+    displaced->documentID.reset();
+    if (displaced->state == ObjectState::live) {
+        // The old version under its backup name is a document of its own from now on.
+        if (displaced->visible) {
+            displaced->documentID = session().numbers().nextDocument();
+            session().journal().recordChange(*displaced, store::kChangeCreated);
+        }
+        successor->position = std::min(successor->position, displaced->position);
+        displaced->position = session().numbers().nextPosition();
+    } else {
+        displaced->state = ObjectState::gone;
+        if (displaced->parent == successor->parent) successor->position = displaced->position;
+    }
+    session().index().update(*displaced);
+    successor->documentID = document;
+    session().journal().recordDocumentChange(document, raw(displaced->fileID), raw(successor->fileID));
+    if (successor->visible) session().journal().recordChange(*successor, store::kChangeModified);
+    session().index().update(*successor);
+}
+
+/// True when a missing file still has another name.
+bool ComparisonRun::promotable(const ObjectRow& row) {
+    if (row.state != ObjectState::missing || row.isDirectory()) return false;
+    for (const store::LinkRow& link : session().index().linksOf(row.fileID)) {
+        if (standsAtLink(row, link)) return true;
+    }
+    return false;
+}
+
+bool ComparisonRun::standsAtLink(const ObjectRow& row, const store::LinkRow& link) {
+    ObjectRow there = row;
+    there.parent = link.parent;
+    there.name = link.name;
+    there.state = ObjectState::live;
+    auto status = statusAtPlaceOf(there);
+    return status && status->inode == row.identity.inode && status->birth == row.identity.birth;
+}
+
+bool ComparisonRun::promoteLink(ObjectRow& row) {
+    if (row.isDirectory()) return false;
+    for (const store::LinkRow& link : session().index().linksOf(row.fileID)) {
+        if (!standsAtLink(row, link)) continue;
+        auto folder = session().index().byFileID(FileID{link.parent});
+        if (!folder) continue;
+        if (row.visible) {
+            session().journal().recordDeparture(row.fileID, row.documentID, row.parent, pathOf(row));
+        }
+        FolderContext context{folder->parent == 0, folder->parent == 0 || (folder->visible && !folder->package), {}};
+        row.parent = link.parent;
+        row.name = link.name;
+        row.position = link.position;
+        row.state = ObjectState::live;
+        row.visible = isVisibleEntry(context, row.name, false);
+        if (row.visible) {
+            if (row.isDocument() && !row.documentID) row.documentID = session().numbers().nextDocument();
+            session().journal().recordChange(row, store::kChangeRenamed);
+        }
+        session().index().removeLink(link);
+        session().index().update(row);
+        return true;
+    }
+    return false;
+}
+
+Result<void> ComparisonRun::settleMissing() {
+    if (!comparer_.unsettled_) return {};
+    while (true) {
+        auto missing = session().index().inState(ObjectState::missing, 256);
+        if (missing.empty()) break;
+        write();
+        for (ObjectRow& row : missing) {
+            // A folder that left earlier in this batch took what lay below it along.
+            auto current = session().index().byFileID(row.fileID);
+            if (!current || current->state != ObjectState::missing) continue;
+            if (!promoteLink(*current)) leave(*current, pathOf(*current), Leaving::gone);
+        }
+        if (auto checked = session().check(); !checked) return checked;
+        if (auto result = breathe(); !result) return result;
+    }
+    if (auto released = release(); !released) return released;
+    comparer_.unsettled_ = false;
+    return {};
+}
+
+/// Records that an object, and all that is known below it, is there no more: deepest first.
+void ComparisonRun::leave(ObjectRow row, const std::string& path, Leaving leaving) {
+    struct Step {
+        ObjectRow row;
+        std::string path;
+        bool contentsDone;
+    };
+    std::vector<Step> steps;
+    steps.push_back({std::move(row), path, false});
+    while (!steps.empty()) {
+        Step step = std::move(steps.back());
+        steps.pop_back();
+        if (step.row.isDirectory() && !step.contentsDone) {
+            auto children = session().index().allChildren(step.row.fileID);
+            step.contentsDone = true;
+            std::string folderPath = step.path;
+            steps.push_back(std::move(step));
+            for (ObjectRow& child : children) {
+                // What turned up elsewhere is no child any more; what is missing too goes with its folder.
+                std::string childPath = folderPath + "/" + child.name;
+                steps.push_back({std::move(child), std::move(childPath), false});
+            }
+            continue;
+        }
+        // A file that has another name elsewhere lives on under that one.
+        if (leaving == Leaving::gone && promoteLink(step.row)) continue;
+        if (step.row.visible) {
+            session().journal().recordDeparture(step.row.fileID, step.row.documentID, step.row.parent, step.path);
+        }
+        session().index().setState(step.row.fileID, ObjectState::gone);
+    }
+}
+
+}  // namespace tarnwell::files

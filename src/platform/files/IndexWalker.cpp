@@ -1,0 +1,266 @@
+#include "platform/files/IndexWalker.h"
+
+#include <fcntl.h>
+
+#include "platform/files/Snapshots.h"
+
+namespace tarnwell::files {
+
+namespace {
+
+constexpr std::size_t kBatch = 256;
+/// Deeper folders are opened again by path when the walk comes back to them, so that descriptors stay bounded.
+constexpr std::size_t kOpenLevels = 32;
+
+std::string joined(const std::string& folder, std::string_view name) {
+    std::string path;
+    path.reserve(folder.size() + 1 + name.size());
+    path += folder;
+    if (!path.empty()) path += '/';
+    path += name;
+    return path;
+}
+
+}  // namespace
+
+void WalkPositions::remember(FileID folder, unsigned options, std::uint64_t count, std::uint64_t position) {
+    std::lock_guard lock(mutex_);
+    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+        // The newest goes last, so that what was remembered before something left the folder is forgotten first.
+        if (it->folder == folder && it->options == options && it->count == count) {
+            entries_.erase(it);
+            break;
+        }
+    }
+    entries_.push_back({folder, options, count, position});
+    if (entries_.size() > kRemembered) entries_.pop_front();
+}
+
+std::pair<std::uint64_t, std::uint64_t> WalkPositions::best(FileID folder, unsigned options, std::uint64_t count) {
+    std::lock_guard lock(mutex_);
+    std::pair<std::uint64_t, std::uint64_t> found{0, 0};
+    for (const Entry& entry : entries_) {
+        if (entry.folder == folder && entry.options == options && entry.count <= count && entry.count > found.first) {
+            found = {entry.count, entry.position};
+        }
+    }
+    return found;
+}
+
+IndexWalker::IndexWalker(Comparer& comparer, store::Store& store, mime::TypeDatabase& types, WalkPositions& positions,
+                         Place folder, std::string folderPath, store::ObjectRow row, unsigned options,
+                         WalkErrorHandler errorHandler)
+    : comparer_(comparer),
+      store_(store),
+      types_(types),
+      positions_(positions),
+      options_(options),
+      errorHandler_(std::move(errorHandler)) {
+    auto level = std::make_unique<Level>();
+    level->place = std::move(folder);
+    level->path = std::move(folderPath);
+    level->folder = std::move(row);
+    levels_.push_back(std::move(level));
+}
+
+IndexWalker::~IndexWalker() {
+    if (levels_.empty() || levels_.size() > 1 || pendingFolder_ || count_ == 0) return;
+    // A scan looks one entry past its window, so the next page may begin at the last entry or after it.
+    FileID folder = levels_[0]->folder.fileID;
+    if (count_ > 1 && previousPosition_ != 0) positions_.remember(folder, options_, count_ - 1, previousPosition_);
+    positions_.remember(folder, options_, count_, countedPosition_);
+}
+
+bool IndexWalker::report(const std::string& path, const Error& error) {
+    bool goOn = !errorHandler_ || errorHandler_(URL::file(path), error);
+    if (!goOn) stopped_ = true;
+    return goOn;
+}
+
+bool IndexWalker::open(Level& level) {
+    if (level.descriptor.valid()) return true;
+    auto descriptor =
+        filesystem::openBeneath(level.place.root->directory.get(), level.place.relative, O_RDONLY | O_DIRECTORY);
+    if (!descriptor) {
+        report(level.path, descriptor.error());
+        level.atEnd = true;
+        return false;
+    }
+    level.descriptor = std::move(*descriptor);
+    if (auto mount = filesystem::mountStateOf(level.descriptor.get())) level.mount = *mount;
+    return true;
+}
+
+/// A handle of the folder at that depth, reached through the one above it if that has one; -1 for none.
+int IndexWalker::handleOf(std::size_t depth) {
+    Level& level = *levels_[depth];
+    if (level.descriptor.valid()) return level.descriptor.get();
+    if (!level.handle.valid()) {
+        const std::string& path = level.place.relative;
+        int above = -1;
+        if (depth > 0) {
+            const Level& parent = *levels_[depth - 1];
+            above = parent.descriptor.valid() ? parent.descriptor.get() : parent.handle.get();
+        }
+        auto handle = above >= 0
+                          ? filesystem::openBeneath(above, path.substr(path.rfind('/') + 1), O_PATH | O_DIRECTORY)
+                          : filesystem::openBeneath(level.place.root->directory.get(), path, O_PATH | O_DIRECTORY);
+        if (!handle) return -1;
+        level.handle = std::move(*handle);
+    }
+    return level.handle.get();
+}
+
+bool IndexWalker::fill(Level& level) {
+    store::Session session(store_);
+    level.rows = session.index().children(level.folder.fileID, level.position, kBatch);
+    level.nextRow = 0;
+    if (auto checked = session.check(); !checked) {
+        report(level.path, checked.error());
+        level.rows.clear();
+    }
+    return !level.rows.empty();
+}
+
+const store::ObjectRow* IndexWalker::nextRow(Level& level) {
+    while (!level.atEnd) {
+        if (level.nextRow == level.rows.size() && !fill(level)) {
+            level.atEnd = true;
+            return nullptr;
+        }
+        const store::ObjectRow& row = level.rows[level.nextRow++];
+        level.position = row.position;
+        if ((options_ & kSkipHiddenFiles) != 0 && row.name.starts_with('.')) continue;
+        return &row;
+    }
+    return nullptr;
+}
+
+bool IndexWalker::descends(const store::ObjectRow& row) const {
+    if (!row.isDirectory() || (options_ & kSkipSubdirectoryDescendants) != 0) return false;
+    return !row.package || (options_ & kSkipPackageDescendants) == 0;
+}
+
+void IndexWalker::enter(const Level& parent, const store::ObjectRow& row) {
+    pendingFolder_.emplace(Place{parent.place.root, joined(parent.place.relative, row.name)}, row);
+    pendingPath_ = joined(parent.path, row.name);
+}
+
+std::optional<URL> IndexWalker::urlFor(Level& level, const store::ObjectRow& row) {
+    if (!open(level)) return std::nullopt;
+    auto status = filesystem::statusAt(level.descriptor.get(), row.name.c_str());
+    if (!status) return std::nullopt;
+    URL url = URL::file(joined(level.path, row.name));
+    bool sameObject = status->inode == row.identity.inode && status->birth == row.identity.birth;
+    store::ObjectRow current;
+    const store::ObjectRow* known = &row;
+    if (!sameObject) {
+        // Replaced since its folder was compared: find out what it is now.
+        auto found = comparer_.rowAt(Place{level.place.root, joined(level.place.relative, row.name)});
+        if (!found) return std::nullopt;
+        current = std::move(*found);
+        known = &current;
+    }
+    auto snapshot = makeSnapshot(types_, level.descriptor.get(), level.mount, row.name.c_str(), *status);
+    if (!snapshot) return std::nullopt;
+    if (known->isDirectory() && known->listed != 0 && known->listed == status->changed) {
+        (*snapshot)->entryCount = known->entries;
+    }
+    url.cache().setFileID(known->fileID);
+    if (known->documentID) url.cache().setDocumentID(*known->documentID);
+    url.cache().keep(std::move(*snapshot));
+    return url;
+}
+
+std::optional<URL> IndexWalker::next() {
+    while (auto row = step()) {
+        if (auto url = urlFor(*levels_.back(), *row)) {
+            counted(*row);
+            return url;
+        }
+    }
+    return std::nullopt;
+}
+
+/// An entry was delivered or skipped: a folder is entered next.
+void IndexWalker::counted(const store::ObjectRow& row) {
+    const Level& level = *levels_.back();
+    if (levels_.size() == 1) {
+        ++count_;
+        previousPosition_ = countedPosition_;
+        countedPosition_ = row.position;
+    }
+    if (descends(row)) enter(level, row);
+}
+
+/// Goes to the next row, not looked at on disk; null at the end. It lives until the next step.
+const store::ObjectRow* IndexWalker::step() {
+    while (!stopped_) {
+        if (pendingFolder_) {
+            auto [place, row] = std::move(*pendingFolder_);
+            pendingFolder_.reset();
+            auto compared = comparer_.compareFolder(place, row, handleOf(levels_.size() - 1));
+            if (!compared) {
+                if (!report(pendingPath_, compared.error())) return nullptr;
+            }
+            auto level = std::make_unique<Level>();
+            level->place = std::move(place);
+            level->path = pendingPath_;
+            level->folder = std::move(row);
+            if (levels_.size() >= kOpenLevels) {
+                Level& above = *levels_[levels_.size() - kOpenLevels];
+                above.descriptor = Descriptor();
+                above.handle = Descriptor();
+            }
+            levels_.push_back(std::move(level));
+        }
+        Level& level = *levels_.back();
+        const store::ObjectRow* row = nextRow(level);
+        if (row == nullptr) {
+            if (levels_.size() == 1) return nullptr;
+            levels_.pop_back();
+            continue;
+        }
+        return row;
+    }
+    return nullptr;
+}
+
+std::uint64_t IndexWalker::skip(std::uint64_t count) {
+    if ((options_ & kSkipSubdirectoryDescendants) == 0) {
+        // Counting a tree means walking its folders, but no entry needs to be looked at.
+        std::uint64_t skipped = 0;
+        for (; skipped < count; ++skipped) {
+            const store::ObjectRow* row = step();
+            if (row == nullptr) break;
+            counted(*row);
+        }
+        return skipped;
+    }
+    Level& level = *levels_.front();
+    // A scan ends by passing over one entry past its window: the next page begins where it stands now.
+    if (count_ > 0) positions_.remember(level.folder.fileID, options_, count_, countedPosition_);
+    auto [known, position] = positions_.best(level.folder.fileID, options_, count_ + count);
+    std::uint64_t done = 0;
+    if (known > count_) {
+        done = known - count_;
+        level.position = position;
+        level.rows.clear();
+        level.nextRow = 0;
+    }
+    if (done < count) {
+        store::Session session(store_);
+        auto skipped = session.index().skipChildren(level.folder.fileID, level.position, count - done,
+                                                    (options_ & kSkipHiddenFiles) != 0);
+        level.position = skipped.position;
+        level.rows.clear();
+        level.nextRow = 0;
+        done += skipped.count;
+    }
+    count_ += done;
+    previousPosition_ = 0;
+    countedPosition_ = level.position;
+    return done;
+}
+
+}  // namespace tarnwell::files

@@ -1,0 +1,88 @@
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/files/Comparer.h"
+#include "platform/files/FileSystem.h"
+#include "platform/filesystem/Access.h"
+
+namespace tarnwell::files {
+
+/// Remembers where in a folder's order earlier walks stopped, so that the walk for the next page goes on there instead
+/// of counting from the beginning. A place is good as long as nothing left the folder since, which the caller of a
+/// later page finds out anyway. Any thread may call it.
+class WalkPositions {
+public:
+    void remember(FileID folder, unsigned options, std::uint64_t count, std::uint64_t position);
+    /// The greatest remembered count not above `count`, with its position; {0, 0} for none.
+    std::pair<std::uint64_t, std::uint64_t> best(FileID folder, unsigned options, std::uint64_t count);
+
+private:
+    static constexpr std::size_t kRemembered = 256;
+    struct Entry {
+        FileID folder{};
+        unsigned options = 0;
+        std::uint64_t count = 0;
+        std::uint64_t position = 0;
+    };
+    std::mutex mutex_;
+    std::deque<Entry> entries_;
+};
+
+/// Walks folders in the order that the index keeps, looking at each entry on disk.
+class IndexWalker : public DirectoryWalker {
+public:
+    /// `folderPath` is the URL path of the folder, whose names were compared just now.
+    IndexWalker(Comparer& comparer, store::Store& store, mime::TypeDatabase& types, WalkPositions& positions,
+                Place folder, std::string folderPath, store::ObjectRow row, unsigned options,
+                WalkErrorHandler errorHandler);
+    ~IndexWalker() override;
+
+    std::optional<URL> next() override;
+    std::uint64_t skip(std::uint64_t count) override;
+
+private:
+    struct Level {
+        Place place;
+        std::string path;
+        store::ObjectRow folder;
+        Descriptor descriptor;
+        Descriptor handle;  ///< O_PATH, for looks at the status of what lies in it while nothing is read
+        filesystem::MountState mount = filesystem::MountState::writable;
+        std::vector<store::ObjectRow> rows;
+        std::size_t nextRow = 0;
+        std::uint64_t position = 0;  ///< of the last row taken
+        bool atEnd = false;
+    };
+    const store::ObjectRow* step();
+    void counted(const store::ObjectRow& row);
+    bool open(Level& level);
+    int handleOf(std::size_t depth);
+    bool fill(Level& level);
+    const store::ObjectRow* nextRow(Level& level);
+    bool descends(const store::ObjectRow& row) const;
+    void enter(const Level& parent, const store::ObjectRow& row);
+    std::optional<URL> urlFor(Level& level, const store::ObjectRow& row);
+    bool report(const std::string& path, const Error& error);
+
+    Comparer& comparer_;
+    store::Store& store_;
+    mime::TypeDatabase& types_;
+    WalkPositions& positions_;
+    unsigned options_;
+    WalkErrorHandler errorHandler_;
+    std::vector<std::unique_ptr<Level>> levels_;
+    std::optional<std::pair<Place, store::ObjectRow>> pendingFolder_;  ///< a folder delivered last, to be entered next
+    std::string pendingPath_;
+    std::uint64_t count_ = 0;             ///< entries delivered or skipped of the first folder
+    std::uint64_t countedPosition_ = 0;   ///< of the last of them
+    std::uint64_t previousPosition_ = 0;  ///< of the one before it; 0 when it is not known
+    bool stopped_ = false;
+};
+
+}  // namespace tarnwell::files

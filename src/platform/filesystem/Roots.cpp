@@ -1,0 +1,268 @@
+#include "platform/filesystem/Roots.h"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "platform/filesystem/SystemCall.h"
+
+namespace tarnwell {
+namespace {
+
+constexpr std::string_view kDocuments = "Documents";
+constexpr std::string_view kDocumentsBelow = "/Documents";
+constexpr std::string_view kMadeUp = "/.tarnwell/";
+
+/// The length of the path up to and with its first component "Documents"; npos if it has none.
+std::size_t endOfDocuments(std::string_view path) {
+    for (std::size_t at = path.find(kDocumentsBelow); at != std::string_view::npos;
+         at = path.find(kDocumentsBelow, at + 1)) {
+        const std::size_t end = at + kDocumentsBelow.size();
+        if (end == path.size() || path[end] == '/') return end;
+    }
+    return std::string_view::npos;
+}
+
+std::string nameForRealPath(std::string_view realPath) {
+    if (endOfDocuments(realPath) == realPath.size()) return std::string(realPath);
+    std::string name(kMadeUp);
+    for (const char c : realPath) {
+        if (c == '/') {
+            name += "%2F";
+        } else if (c == '%') {
+            name += "%25";
+        } else {
+            name += c;
+        }
+    }
+    name += kDocumentsBelow;
+    return name;
+}
+
+std::string_view parentOf(std::string_view path) {
+    const std::size_t slash = path.rfind('/');
+    return path.substr(0, slash == 0 ? 1 : slash);
+}
+
+std::string joined(std::string_view folder, std::string_view below) {
+    std::string result(folder);
+    if (!below.empty()) {
+        if (result.back() != '/') result += '/';
+        result += below;
+    }
+    return result;
+}
+
+/// True when the path below a root holds plain names only.
+bool hasPlainComponents(std::string_view relative) {
+    if (relative.find('\0') != std::string_view::npos) return false;
+    for (std::size_t begin = 0;;) {
+        const std::size_t slash = relative.find('/', begin);
+        const std::string_view component = relative.substr(begin, slash - begin);
+        if (component.empty() || component == "." || component == "..") return false;
+        if (slash == std::string_view::npos) return true;
+        begin = slash + 1;
+    }
+}
+
+bool hasParentComponent(std::string_view path) {
+    for (std::size_t at = path.find("/.."); at != std::string_view::npos; at = path.find("/..", at + 1)) {
+        if (at + 3 == path.size() || path[at + 3] == '/') return true;
+    }
+    return false;
+}
+
+Result<Descriptor> openFolder(int parent, const char* path, std::uint64_t resolve) {
+    open_how how{};
+    how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    how.resolve = resolve;
+    const long fd =
+        filesystem::untilNotInterrupted([&] { return ::syscall(SYS_openat2, parent, path, &how, sizeof how); });
+    if (fd < 0) return filesystem::failedCall();
+    return Descriptor(static_cast<int>(fd));
+}
+
+struct ResolvedFolder {
+    std::string path;
+    Descriptor directory;
+};
+
+/// Follows links now, and opens what they lead to by a path that holds none any more.
+Result<ResolvedFolder> resolveFolder(const std::string& path) {
+    if (!path.starts_with('/') || path.find('\0') != std::string::npos) {
+        return failure(posixError(EINVAL, "a root needs an absolute path: " + path));
+    }
+    const std::unique_ptr<char, void (*)(void*)> resolved(::realpath(path.c_str(), nullptr), &std::free);
+    if (!resolved) return filesystem::failedCall();
+    std::string realPath(resolved.get());
+    if (realPath == kMadeUp.substr(0, kMadeUp.size() - 1) || realPath.starts_with(kMadeUp)) {
+        return failure(posixError(EINVAL, "nothing in /.tarnwell can be monitored: " + realPath));
+    }
+    auto directory = openFolder(AT_FDCWD, realPath.c_str(), RESOLVE_NO_SYMLINKS);
+    if (!directory) return failure(directory.error());
+    return ResolvedFolder{std::move(realPath), std::move(*directory)};
+}
+
+bool isSameFolder(const Root& a, const Root& b) {
+    struct stat first{}, second{};
+    if (::fstat(a.directory.get(), &first) != 0 || ::fstat(b.directory.get(), &second) != 0) return false;
+    return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+}  // namespace
+
+Roots::~Roots() {
+    for (auto& bucket : byName_) {
+        const Node* node = bucket.load(std::memory_order_acquire);
+        while (node != nullptr) {
+            const std::unique_ptr<const Node> owned(node);
+            node = owned->next;
+        }
+    }
+}
+
+const Root* Roots::find(std::string_view name, const std::shared_ptr<const Root>** holder) const {
+    const Node* node = byName_[TextHash{}(name) % kBuckets].load(std::memory_order_acquire);
+    while (node != nullptr && node->root->name != name) node = node->next;
+    if (node == nullptr) return nullptr;
+    if (holder != nullptr) *holder = &node->root;
+    return node->root.get();
+}
+
+Result<std::shared_ptr<const Root>> Roots::addStorage(const std::string& realPath) {
+    auto resolved = resolveFolder(realPath);
+    if (!resolved) return failure(resolved.error());
+    std::string name = nameForRealPath(resolved->path);
+    const std::string territory = resolved->path;
+    return insert(Root{Root::Kind::storage, std::move(name), std::move(resolved->path), std::move(resolved->directory)},
+                  territory);
+}
+
+Result<URL> Roots::addContainer(const std::string& realContainer) {
+    auto container = resolveFolder(realContainer);
+    if (!container) return failure(container.error());
+    std::string realPath = joined(container->path, kDocuments);
+    std::string name = nameForRealPath(realPath);
+    const URL url = URL::file(parentOf(name));
+    const Root* known = find(name);
+    if (known != nullptr && known->kind == Root::Kind::library) return url;
+
+    auto documents = openFolder(container->directory.get(), kDocuments.data(), RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS);
+    if (!documents) {
+        if (!documents.error().is(ErrorDomain::posix, ELOOP)) return failure(documents.error());
+        return failure(posixError(ENOTDIR, "a link stands where a folder is needed: " + realPath));
+    }
+    auto root =
+        insert(Root{Root::Kind::library, std::move(name), std::move(realPath), std::move(*documents)}, container->path);
+    if (!root) return failure(root.error());
+    return url;
+}
+
+/// `territory` is all that belongs to the new root: the storage root itself, a library's whole container.
+Result<void> Roots::compatible(const Root& root, const std::string& territory, const Root& other) {
+    if (root.kind == Root::Kind::storage && other.kind == Root::Kind::storage) {
+        return failure(posixError(EEXIST, "there is a storage root already: " + other.realPath));
+    }
+    const bool bothLibraries = root.kind == other.kind;
+    const std::string_view mine = bothLibraries ? std::string_view(root.realPath) : territory;
+    const std::string_view theirs = !bothLibraries && other.kind == Root::Kind::library
+                                        ? parentOf(other.realPath)
+                                        : std::string_view(other.realPath);
+    if (relationship(theirs, mine) != Relationship::other) {
+        return failure(posixError(
+            EXDEV, std::string(mine) + " lies in " + std::string(theirs) + ", which belongs to another root"));
+    }
+    if (relationship(mine, theirs) != Relationship::other) {
+        return failure(posixError(
+            EXDEV, std::string(mine) + " contains " + std::string(theirs) + ", which belongs to another root"));
+    }
+    if (isSameFolder(root, other)) {
+        return failure(posixError(EXDEV, root.realPath + " is the same folder as " + other.realPath));
+    }
+    return {};
+}
+
+Result<std::shared_ptr<const Root>> Roots::insert(Root root, const std::string& territory) {
+    const auto added = std::make_shared<const Root>(std::move(root));
+    auto node = std::make_unique<Node>(Node{added, nullptr});
+    for (;;) {
+        // The comparison asks the kernel, so it runs outside of the lock, again if a root came in between.
+        const auto before = all();
+        for (const auto& other : before) {
+            if (other->kind == added->kind && other->realPath == added->realPath) return other;
+            auto fits = compatible(*added, territory, *other);
+            if (!fits) return failure(fits.error());
+        }
+        const std::lock_guard lock(mutex_);
+        if (roots_.size() != before.size()) continue;
+        roots_.insert(added->kind == Root::Kind::storage ? roots_.begin() : roots_.end(), added);
+        byRealPath_.emplace(added->realPath, added);
+        auto& bucket = byName_[TextHash{}(added->name) % kBuckets];
+        node->next = bucket.load(std::memory_order_relaxed);
+        bucket.store(node.release(), std::memory_order_release);
+        return added;
+    }
+}
+
+std::shared_ptr<const Root> Roots::storage() const {
+    const std::lock_guard lock(mutex_);
+    if (roots_.empty() || roots_.front()->kind != Root::Kind::storage) return nullptr;
+    return roots_.front();
+}
+
+std::vector<std::shared_ptr<const Root>> Roots::all() const {
+    const std::lock_guard lock(mutex_);
+    return roots_;
+}
+
+std::optional<Place> Roots::locate(std::string_view path) const {
+    const std::size_t end = endOfDocuments(path);
+    if (end == std::string_view::npos) return std::nullopt;
+    const std::shared_ptr<const Root>* root = nullptr;
+    if (find(path.substr(0, end), &root) == nullptr) return std::nullopt;
+    if (end == path.size()) return Place{*root, {}};
+    const std::string_view relative = path.substr(end + 1);
+    if (!hasPlainComponents(relative)) return std::nullopt;
+    return Place{*root, std::string(relative)};
+}
+
+std::string Roots::realPath(std::string_view path) const {
+    // A name that was not made up is the real path already.
+    if (!path.starts_with(kMadeUp)) return std::string(path);
+    const std::size_t slash = std::min(path.find('/', kMadeUp.size()), path.size());
+    std::string_view below = path.substr(std::min(slash + 1, path.size()));
+    const std::string container(path.substr(0, slash));
+    const Root* root = find(container + std::string(kDocumentsBelow));
+    if (root == nullptr || hasParentComponent(path)) return std::string(path);
+    if (below != kDocuments && !below.starts_with("Documents/")) return joined(parentOf(root->realPath), below);
+    below.remove_prefix(std::min(kDocuments.size() + 1, below.size()));
+    return joined(root->realPath, below);
+}
+
+URL Roots::urlForRealPath(std::string_view realPath) const {
+    URL url = URL::file(realPath);
+    const std::string_view path = url.path();
+    if (hasParentComponent(path)) return url;
+    const std::lock_guard lock(mutex_);
+    if (const auto own = byRealPath_.find(joined(path, kDocuments));
+        own != byRealPath_.end() && own->second->kind == Root::Kind::library) {
+        return URL::file(parentOf(own->second->name));
+    }
+    for (std::size_t end = path.size(); end != std::string_view::npos;
+         end = end == 0 ? end - 1 : path.rfind('/', end - 1)) {
+        const auto found = byRealPath_.find(end == 0 ? path.substr(0, 1) : path.substr(0, end));
+        if (found == byRealPath_.end()) continue;
+        const Root& root = *found->second;
+        if (root.name == root.realPath) return url;
+        const std::string_view below = path.substr(std::min(path.size(), root.realPath == "/" ? 1 : end + 1));
+        return URL::file(joined(root.name, below));
+    }
+    return url;
+}
+
+}  // namespace tarnwell

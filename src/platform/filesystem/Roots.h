@@ -1,0 +1,102 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/base/Descriptor.h"
+#include "platform/base/Result.h"
+#include "platform/url/URL.h"
+
+namespace tarnwell {
+
+/// One monitored folder: the storage root or a library's Documents. Resolved once, then held open; never changes.
+struct Root {
+    enum class Kind { storage, library };
+    Kind kind;
+    /// The path that names the root inside the program: its first component "Documents" is its last.
+    std::string name;
+    /// Where it really is, links resolved.
+    std::string realPath;
+    /// O_PATH descriptor of the folder.
+    Descriptor directory;
+};
+
+/// A place below a root (or the root itself, with an empty relative path).
+struct Place {
+    std::shared_ptr<const Root> root;
+    std::string relative;  ///< no leading slash, no empty, "." or ".." component, no NUL
+};
+
+/// All roots of one program, by the name that URLs carry. Any thread may call any operation; `locate` and `realPath`
+/// take no lock.
+///
+/// R1: no two roots have the same name or are the same folder, none lies in another, none is dropped or changed once
+///     added (a folder that is removed and made again stays unavailable).
+/// R2: a root's name holds the component "Documents" exactly once, at its end. Where the real path is such a path, it
+///     is the name; elsewhere the name is "/.tarnwell/<real path with % and / escaped>/Documents".
+/// R3: no real path of a root lies in "/.tarnwell", so that made-up names meet no real ones.
+class Roots {
+public:
+    Roots() = default;
+    Roots(const Roots&) = delete;
+    Roots& operator=(const Roots&) = delete;
+    ~Roots();
+
+    /// Adds the storage root, a folder that exists (a link to one is followed, now and never again). Adding it again
+    /// gives the same root. EEXIST where another storage root stands, EXDEV where it and a library's container lie in
+    /// one another, EINVAL for a path that is not absolute or lies in "/.tarnwell".
+    Result<std::shared_ptr<const Root>> addStorage(const std::string& realPath);
+
+    /// Adds the library whose data container is at `realContainer` (links followed once), if its "Documents" is a real
+    /// folder, not a link. Returns the URL that names the container; appending "Documents" names the root.
+    /// Adding a container again gives the same URL, whatever became of its Documents. ENOENT where there is no
+    /// Documents folder, ENOTDIR where it is a link or no folder, EXDEV where the container lies in the storage root or
+    /// the other way round, or its Documents and another library's lie in one another, EINVAL as for `addStorage`.
+    Result<URL> addContainer(const std::string& realContainer);
+
+    std::shared_ptr<const Root> storage() const;
+    /// All roots, the storage first, then in the order of adding.
+    std::vector<std::shared_ptr<const Root>> all() const;
+
+    /// The place that a URL's path names; nothing for a path below no root, with an empty, "." or ".." component below
+    /// the root, or with a NUL.
+    std::optional<Place> locate(std::string_view path) const;
+
+    /// The real path for people and clients: of a place below a root or a library's container its real place, of any
+    /// other path itself.
+    std::string realPath(std::string_view path) const;
+    /// The URL for a real path as a person gives it (absolute); it is not resolved. A root, what is below it and a
+    /// library's container itself get their names, other paths and those with a ".." component stay as they are.
+    URL urlForRealPath(std::string_view realPath) const;
+
+private:
+    struct Node {
+        std::shared_ptr<const Root> root;
+        const Node* next;
+    };
+    struct TextHash {
+        using is_transparent = void;
+        std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+    };
+    static constexpr std::size_t kBuckets = 1024;
+
+    const Root* find(std::string_view name, const std::shared_ptr<const Root>** holder = nullptr) const;
+    /// Adds the root unless R1 forbids it or another of its name came first, which is given then.
+    Result<std::shared_ptr<const Root>> insert(Root root, const std::string& territory);
+    static Result<void> compatible(const Root& root, const std::string& territory, const Root& other);
+
+    /// Chains of nodes that are only ever added to, at their front (R1), so that readers need no lock.
+    std::array<std::atomic<const Node*>, kBuckets> byName_{};
+    mutable std::mutex mutex_;
+    std::vector<std::shared_ptr<const Root>> roots_;
+    std::unordered_map<std::string, std::shared_ptr<const Root>, TextHash, std::equal_to<>> byRealPath_;
+};
+
+}  // namespace tarnwell

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/registry/AppRegistry.h"
+#include "platform/registry/DesktopEntry.h"
+#include "platform/registry/FlatpakMetadata.h"
+#include "platform/registry/ParsedFileCache.h"
+#include "platform/registry/ProblemLog.h"
+#include "platform/registry/RegistrySources.h"
+
+namespace tarnwell::registry {
+
+inline constexpr std::size_t kMaxFolderEntries = 20'000;
+inline constexpr int kMaxDesktopFolderDepth = 4;
+
+/// One application as the disk told of it at one time.
+struct Application {
+    std::string identifier;
+    Origin origin = Origin::desktopEntry;
+    ApplicationType type = ApplicationType::user;
+    std::string containerPath;  ///< absolute; neither resolved nor known to exist
+    std::optional<std::string> localizedName = std::nullopt;
+    std::optional<bool> supportsDocumentBrowser = std::nullopt;
+    bool opensDocuments = false;
+    bool sharesFiles = false;
+};
+using ApplicationPtr = std::shared_ptr<const Application>;
+
+/// Finds applications in the sources, afresh for each call. Any thread may call it. What cannot be read, is no key
+/// file, is no application or has an unusable identifier is left out, with a debug line where that is a fault of the
+/// file.
+///
+/// Several desktop files of one Flatpak or Snap make one application: its name is that of the main one ("<ID>.desktop",
+/// "<snap>_<snap>.desktop", else the first by name), and it declares and opens what any of them does.
+class ApplicationScanner {
+public:
+    ApplicationScanner(RegistrySources sources, ProblemLog& problems);
+
+    /// Sorted by the identifiers' bytes, each once: Flatpaks before Snaps before other desktop entries, and what the
+    /// user has hides what the system has.
+    std::vector<ApplicationPtr> applications(ApplicationType type);
+    /// The user's application of that identifier, else the system's; null if there is none. With an origin, only those
+    /// found there.
+    ApplicationPtr application(const std::string& identifier, std::optional<Origin> origin = std::nullopt);
+
+private:
+    using Found = std::map<std::string, Application>;
+    /// What is asked for: everything, or one identifier, perhaps of one origin.
+    struct Query {
+        ApplicationType type;
+        const std::string* identifier = nullptr;
+        std::optional<Origin> origin = std::nullopt;
+    };
+
+    Found scan(const Query& query);
+    Found scanFlatpaks(const std::string& installation, const Query& query);
+    Found scanSnaps(const std::string& folder, const Query& query);
+    Found scanDesktopEntries(const Query& query);
+
+    std::optional<Application> desktopApplication(const std::string& identifier, const std::string& path,
+                                                  ApplicationType type);
+    bool keepsDocuments(const std::string& installation, const std::string& identifier);
+    void applyOverrides(PersistentFolders& folders, const std::string& installation, const std::string& identifier);
+    /// The entry, if the file is an application's and not hidden. Of a file without the needed key nothing is known,
+    /// and nothing said: it is none of ours.
+    std::shared_ptr<const DesktopEntry> entryAt(const std::string& path, std::string_view neededKey = {});
+    std::shared_ptr<const FlatpakMetadata> metadataAt(const std::string& path);
+    bool acceptIdentifier(const std::string& identifier, const std::string& path, Origin origin);
+
+    RegistrySources sources_;
+    ProblemLog& problems_;
+    ParsedFileCache<DesktopEntry> entries_;
+    ParsedFileCache<FlatpakMetadata> metadata_;
+};
+
+}  // namespace tarnwell::registry

@@ -1,0 +1,196 @@
+#include "platform/registry/LinuxAppRegistry.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <mutex>
+
+#include "platform/log/LineText.h"
+#include "platform/registry/ApplicationScanner.h"
+#include "platform/registry/ProblemLog.h"
+
+namespace tarnwell::registry {
+
+struct LinuxAppRegistry::State {
+    State(RegistrySources sources, Roots& sharedRoots, log::Log& log)
+        : roots(sharedRoots), problems(log), scanner(std::move(sources), problems) {}
+    Roots& roots;
+    ProblemLog problems;
+    ApplicationScanner scanner;
+};
+
+namespace {
+
+using State = LinuxAppRegistry::State;
+
+constexpr const char* kDocumentBrowserKey = "UISupportsDocumentBrowser";
+constexpr std::string_view kDocumentsSuffix = "/Documents";
+
+std::string canonicalPath(const std::string& path) {
+    std::unique_ptr<char, decltype(&std::free)> resolved(realpath(path.c_str(), nullptr), &std::free);
+    return resolved ? std::string(resolved.get()) : std::string();
+}
+
+/// A data container by real path, and the URL that names it once its Documents folder is there.
+class Container {
+public:
+    Container(std::string identifier, std::string path) : identifier_(std::move(identifier)), path_(std::move(path)) {}
+
+    std::optional<URL> url(State& state) const {
+        {
+            std::lock_guard lock(mutex_);
+            if (!name_.empty()) return URL::file(name_);
+        }
+        const auto added = state.roots.addContainer(path_);
+        if (!added) {
+            state.problems.report(path_, "no documents of \"" + log::asOneLine(identifier_) + "\" in \"" +
+                                             log::asOneLine(path_) + "\"; " + describe(added.error()));
+            return std::nullopt;
+        }
+        state.problems.settle(path_);
+        std::lock_guard lock(mutex_);
+        name_ = added->path();
+        return URL::file(name_);
+    }
+
+    /// Links resolved; nothing where there is no such folder.
+    std::optional<std::string> realPath(State& state) const {
+        if (const auto named = url(state)) {
+            std::string documents = state.roots.realPath(named->appending("Documents").path());
+            if (documents.ends_with(kDocumentsSuffix)) {
+                documents.resize(documents.size() - kDocumentsSuffix.size());
+                return documents;
+            }
+        }
+        std::string resolved = canonicalPath(path_);
+        if (resolved.empty()) return std::nullopt;
+        return resolved;
+    }
+
+    const std::string& path() const { return path_; }
+
+private:
+    std::string identifier_;
+    std::string path_;
+    mutable std::mutex mutex_;
+    /// The path of the URL, once it is known. Each caller gets a URL with a cache of its own: the container's values
+    /// are to be read afresh.
+    mutable std::string name_;
+};
+
+std::map<std::string, bool> declaredValues(const Application& application, const std::set<std::string>& keys) {
+    std::map<std::string, bool> values;
+    if (application.supportsDocumentBrowser && keys.contains(kDocumentBrowserKey)) {
+        values.emplace(kDocumentBrowserKey, *application.supportsDocumentBrowser);
+    }
+    return values;
+}
+
+std::string describeRecord(const std::string& identifier, Origin origin, const std::string& container) {
+    return log::asOneLine(identifier) + " (" + std::string(nameOf(origin)) + ") at \"" + log::asOneLine(container) +
+           "\"";
+}
+
+/// An application as it was when the registry looked.
+class InstalledRecord final : public BundleRecord {
+public:
+    InstalledRecord(std::shared_ptr<State> state, ApplicationPtr application)
+        : state_(std::move(state)),
+          application_(std::move(application)),
+          container_(application_->identifier, application_->containerPath) {}
+
+    std::optional<std::string> bundleIdentifier() const override { return application_->identifier; }
+    std::optional<URL> dataContainerURL() const override { return container_.url(*state_); }
+    std::optional<std::string> localizedName() const override { return application_->localizedName; }
+    std::optional<std::map<std::string, bool>> infoValues(const std::set<std::string>& keys) const override {
+        return declaredValues(*application_, keys);
+    }
+    bool supportsOpeningDocumentsInPlace() const override { return application_->opensDocuments; }
+    bool isFileSharingEnabled() const override { return application_->sharesFiles; }
+    Origin origin() const override { return application_->origin; }
+    ApplicationType type() const override { return application_->type; }
+    ArchivedBundleRecord archived() const override {
+        return {application_->identifier, container_.realPath(*state_), application_->origin, application_->type};
+    }
+    std::string description() const override {
+        return describeRecord(application_->identifier, application_->origin, container_.path());
+    }
+
+private:
+    std::shared_ptr<State> state_;
+    ApplicationPtr application_;
+    Container container_;
+};
+
+/// What an archive kept of an application, completed with what is installed now.
+class ArchivedRecord final : public BundleRecord {
+public:
+    ArchivedRecord(std::shared_ptr<State> state, ArchivedBundleRecord archived)
+        : state_(std::move(state)),
+          archived_(std::move(archived)),
+          container_(archived_.bundleIdentifier.value_or("(null)"), archived_.dataContainerPath.value_or("")) {}
+
+    std::optional<std::string> bundleIdentifier() const override { return archived_.bundleIdentifier; }
+    std::optional<URL> dataContainerURL() const override {
+        // A damaged archive may hold any text.
+        if (!container_.path().starts_with('/')) return std::nullopt;
+        return container_.url(*state_);
+    }
+    std::optional<std::string> localizedName() const override {
+        const ApplicationPtr application = installed();
+        return application ? application->localizedName : std::nullopt;
+    }
+    std::optional<std::map<std::string, bool>> infoValues(const std::set<std::string>& keys) const override {
+        const ApplicationPtr application = installed();
+        return application ? declaredValues(*application, keys) : std::map<std::string, bool>();
+    }
+    bool supportsOpeningDocumentsInPlace() const override {
+        const ApplicationPtr application = installed();
+        return application && application->opensDocuments;
+    }
+    bool isFileSharingEnabled() const override {
+        const ApplicationPtr application = installed();
+        return application && application->sharesFiles;
+    }
+    Origin origin() const override { return archived_.origin; }
+    ApplicationType type() const override { return archived_.type; }
+    ArchivedBundleRecord archived() const override { return archived_; }
+    std::string description() const override {
+        return describeRecord(archived_.bundleIdentifier.value_or("(null)"), archived_.origin, container_.path());
+    }
+
+private:
+    ApplicationPtr installed() const {
+        if (!archived_.bundleIdentifier) return nullptr;
+        return state_->scanner.application(*archived_.bundleIdentifier, archived_.origin);
+    }
+
+    std::shared_ptr<State> state_;
+    ArchivedBundleRecord archived_;
+    Container container_;
+};
+
+}  // namespace
+
+std::unique_ptr<LinuxAppRegistry> LinuxAppRegistry::create(RegistrySources sources, Roots& roots, log::Log& log) {
+    auto state = std::make_shared<State>(std::move(sources), roots, log);
+    return std::unique_ptr<LinuxAppRegistry>(new LinuxAppRegistry(std::move(state)));
+}
+
+void LinuxAppRegistry::enumerateApplications(ApplicationType type,
+                                             const std::function<void(const BundleRecordPtr&)>& body) {
+    for (ApplicationPtr& application : state_->scanner.applications(type)) {
+        body(std::make_shared<InstalledRecord>(state_, std::move(application)));
+    }
+}
+
+BundleRecordPtr LinuxAppRegistry::recordForBundleIdentifier(const std::string& bundleIdentifier) {
+    ApplicationPtr application = state_->scanner.application(bundleIdentifier);
+    if (!application) return nullptr;
+    return std::make_shared<InstalledRecord>(state_, std::move(application));
+}
+
+BundleRecordPtr LinuxAppRegistry::recordFromArchive(const ArchivedBundleRecord& archived) {
+    return std::make_shared<ArchivedRecord>(state_, archived);
+}
+
+}  // namespace tarnwell::registry

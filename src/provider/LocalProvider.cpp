@@ -1,0 +1,128 @@
+#include "provider/LocalProvider.h"
+
+#include <chrono>
+
+#include "applibraries/LocalRootEnumerator.h"
+#include "fs/LocalFileEnumerator.h"
+
+namespace tarnwell::provider {
+
+using hostframework::ItemIdentifier;
+using hostframework::ProviderEnumerator;
+using items::LogSection;
+
+namespace {
+
+constexpr const char* kRefreshQueueLabel = "tarnwell.app-refresh.queue";
+constexpr const char* kRefreshPacerName = "tarnwell.app-refresh.pacer";
+constexpr std::chrono::milliseconds kRefreshInterval{500};
+
+bool isListedByRootEnumerator(const ItemIdentifier& identifier) {
+    return identifier == hostframework::kRootContainer || identifier == hostframework::kWorkingSetContainer ||
+           identifier == hostframework::kAllDirectoriesContainer;
+}
+
+}  // namespace
+
+std::shared_ptr<LocalProvider> LocalProvider::create(const ProviderContext& context) {
+    std::shared_ptr<LocalProvider> provider(new LocalProvider(context));
+    provider->startUp();
+    return provider;
+}
+
+LocalProvider::LocalProvider(const ProviderContext& context)
+    : context_(context),
+      lookup_(context),
+      appRefreshQueue_(dispatch::SerialQueue::create(context.fs.pool, kRefreshQueueLabel)),
+      appRefreshPacer_(std::make_unique<hostframework::Pacer>(kRefreshPacerName, appRefreshQueue_, kRefreshInterval)) {}
+
+void LocalProvider::startUp() {
+    appRefreshPacer_->setEventBlock([weakSelf = weak_from_this()] {
+        if (auto self = weakSelf.lock()) self->pacerEvent();
+    });
+    appRefreshPacer_->resume();
+    appRefreshPacer_->signal();
+    context_.fs.items.log.info("auto notify changes on " + hostframework::kWorkingSetContainer + " at startup");
+    context_.fs.items.providerManager.signalEnumeratorForContainer(hostframework::kWorkingSetContainer,
+                                                                   [](const std::optional<Error>&) {});
+}
+
+Result<hostframework::ProviderItemPtr> LocalProvider::itemForIdentifier(const ItemIdentifier& identifier) {
+    return lookup_.itemForIdentifier(identifier);
+}
+
+std::optional<URL> LocalProvider::URLForItemWithPersistentIdentifier(const ItemIdentifier& identifier) {
+    return urlForItemWithPersistentIdentifier(identifier);
+}
+
+std::optional<ItemIdentifier> LocalProvider::persistentIdentifierForItemAtURL(const URL& url) {
+    return persistentIdentifierForItemAt(url);
+}
+
+std::optional<URL> LocalProvider::urlForItemWithPersistentIdentifier(const ItemIdentifier& identifier) const {
+    auto url = lookup_.urlForIdentifier(identifier);
+    return url ? std::optional(std::move(*url)) : std::nullopt;
+}
+
+std::optional<ItemIdentifier> LocalProvider::persistentIdentifierForItemAt(const URL& url) const {
+    return lookup_.identifierForURL(url);
+}
+
+void LocalProvider::providePlaceholderAtURL(const URL&, const hostframework::Completion& completionHandler) {
+    completionHandler(std::nullopt);
+}
+
+void LocalProvider::startProvidingItemAtURL(const URL&, const hostframework::Completion& completionHandler) {
+    completionHandler(std::nullopt);
+}
+
+void LocalProvider::stopProvidingItemAtURL(const URL&) {}
+
+void LocalProvider::itemChangedAtURL(const URL&) {}
+
+Result<std::shared_ptr<ProviderEnumerator>> LocalProvider::enumeratorForContainerItemIdentifier(
+    const ItemIdentifier& identifier) {
+    const LogSection section(context_.fs.items.log, "enumerator for " + identifier);
+    if (isListedByRootEnumerator(identifier)) return rootEnumerator(identifier);
+    auto url = lookup_.urlForIdentifier(identifier);
+    if (!url) return failure(url.error());
+    auto enumerator = fs::LocalFileEnumerator::create(context_.fs, identifier, {std::move(*url)});
+    if (const auto& notifier = enumerator->notifier()) notifier->start();
+    return enumerator;
+}
+
+std::shared_ptr<ProviderEnumerator> LocalProvider::rootEnumerator(const ItemIdentifier& identifier) const {
+    auto enumerator =
+        applibraries::LocalRootEnumerator::create(context_.fs, context_.appLibraries.services(), identifier);
+    if (!enumerator->isRunning()) {
+        if (const auto& notifier = enumerator->localFileEnumerator()->notifier()) notifier->start();
+    }
+    return enumerator;
+}
+
+void LocalProvider::refreshInstalledAppsWithCompletionHandler(RefreshCompletion completionHandler) {
+    appRefreshQueue_->async([self = shared_from_this(), completion = std::move(completionHandler)]() mutable {
+        self->appRefreshCompletionHandlers_.push_back(std::move(completion));
+        self->appRefreshPacer_->signal();
+    });
+}
+
+void LocalProvider::pacerEvent() {
+    auto& log = context_.fs.items.log;
+    appRefreshQueue_->assertCurrent();
+    const LogSection section(log, "pacer event");
+    const bool didMainListChange = context_.appLibraries.refreshAppLibraries();
+    log.debug("auto-upgrading shared app library manager");
+    const bool didManagerChange =
+        context_.appLibraries.sharedManager().upgradeFromMainCache(nullptr, applibraries::IndexCleanup::no);
+    for (const auto& completion : appRefreshCompletionHandlers_) completion();
+    if (didMainListChange) notifyChanges(hostframework::kRootContainer);
+    if (didManagerChange) notifyChanges(hostframework::kWorkingSetContainer);
+}
+
+void LocalProvider::notifyChanges(const ItemIdentifier& container) {
+    context_.fs.items.log.info("notify changes on " + container);
+    context_.fs.items.providerManager.signalEnumeratorForContainer(container, [](const std::optional<Error>&) {});
+}
+
+}  // namespace tarnwell::provider

@@ -1,0 +1,15 @@
+#pragma once
+
+#include "applibraries/AppLibraryContext.h"
+#include "fs/FSEnvironment.h"
+
+namespace tarnwell::provider {
+
+/// Everything that a provider works with. The program's context owns all of it and outlives the provider, its
+/// enumerators and the work that they have queued.
+struct ProviderContext {
+    const fs::FSEnvironment& fs;
+    applibraries::AppLibraryContext& appLibraries;
+};
+
+}  // namespace tarnwell::provider

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/events/FileEventService.h"
+
+namespace tarnwell::testing {
+
+using EventBatch = std::vector<events::FileEvent>;
+
+/// Item events and conditions, in the few forms that scripts need.
+events::FileEvent eventAt(std::uint64_t id, const std::string& path);
+events::FileEvent eventAt(std::uint64_t id, const std::string& path, FileID fileID);
+events::FileEvent eventAt(std::uint64_t id, const std::string& path, DocumentID documentID);
+events::FileEvent eventWithFlags(std::uint64_t id, std::uint32_t flags);
+inline events::FileEvent historyDoneEvent(std::uint64_t id) { return eventWithFlags(id, events::kEventHistoryDone); }
+
+/// A journal that plays what a test wrote down. Any thread may call it; streams must go before it does.
+class ScriptedFileEventService : public events::FileEventService {
+public:
+    /// What became of one stream that was created.
+    struct StreamRecord {
+        events::StreamOptions options;
+        std::string queueLabel;
+        bool started = false;
+        bool stopped = false;
+        bool invalidated = false;
+        bool destroyed = false;
+    };
+    struct CurrentEventIDRequest {
+        std::vector<URL> folders;
+        events::Interest interest;
+    };
+
+    explicit ScriptedFileEventService(UUID uuid) : uuid_(uuid) {}
+
+    /// Nothing makes `deviceUUID` fail.
+    void setDeviceUUID(std::optional<UUID> uuid);
+    /// What both kinds of "now" answer; 0 at first.
+    void setEventID(std::uint64_t id);
+    /// `currentEventID` fails with it; nothing lets it succeed again.
+    void failCurrentEventID(std::optional<Error> error);
+    enum class Refusal { none, create, start };
+    void refuseStreams(Refusal refusal);
+    /// The batches that every stream plays as soon as it starts.
+    void setHistory(std::vector<EventBatch> batches);
+
+    /// Plays one batch on every stream that runs, on its queue, and returns when it was received. Not on such a queue.
+    void play(const EventBatch& batch);
+
+    std::vector<StreamRecord> streams() const;
+    std::size_t runningStreams() const;
+    std::vector<CurrentEventIDRequest> currentEventIDRequests() const;
+
+    Result<UUID> deviceUUID(DeviceID device) override;
+    Result<EventID> currentEventID(const std::vector<URL>& folders, events::Interest interest) override;
+    EventID recordedEventID() override;
+    Result<std::unique_ptr<events::FileEventStream>> createStream(events::StreamOptions options,
+                                                                  events::FileEventStream::Callback callback) override;
+
+private:
+    class Stream;
+    struct StreamState;
+
+    mutable std::mutex mutex_;
+    std::optional<UUID> uuid_;
+    EventID eventID_{};
+    std::optional<Error> currentEventIDError_;
+    Refusal refusal_ = Refusal::none;
+    std::vector<EventBatch> history_;
+    std::vector<CurrentEventIDRequest> requests_;
+    std::vector<std::shared_ptr<StreamState>> streams_;
+};
+
+}  // namespace tarnwell::testing

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace tarnwell::deep {
+
+/// Somebody who works in a folder at random: makes, writes, renames, moves, swaps, links, hides and removes files,
+/// folders, links and pipes. The same seed on an empty folder gives the same work. One thread at a time.
+class RandomChanges {
+public:
+    struct Options {
+        /// The tree is kept at about this many names.
+        std::size_t mostNames = 200;
+        /// Links that are made lead here as often as to a place inside.
+        std::string outside = "/nonexistent";
+        bool makesHardLinks = true;
+    };
+    RandomChanges(std::string root, std::uint64_t seed, Options options);
+
+    /// One piece of work; what cannot be done is left. Returns it in words, for a failure's account.
+    std::string step();
+
+    std::uint64_t below(std::uint64_t bound) { return random_() % bound; }
+    /// A path below the root that was there a moment ago; empty when there is none.
+    const std::string& anyPath();
+
+private:
+    void lookAround();
+    std::string folder();
+    std::string file();
+    std::string anywhere();
+    std::string freshName();
+    std::string absolute(const std::string& relative) const;
+    std::string create();
+    std::string change();
+    std::string rename();
+    std::string save();
+    std::string hide();
+    std::string remove();
+
+    const std::string root_;
+    const Options options_;
+    std::mt19937_64 random_;
+    std::vector<std::string> all_, folders_, files_;
+    unsigned sinceLook_ = 0;
+    const std::string none_;
+};
+
+}  // namespace tarnwell::deep

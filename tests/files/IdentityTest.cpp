@@ -1,0 +1,241 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdio>
+#include <functional>
+#include <set>
+
+#include "items/TWPFileObjectIdentifier.h"
+#include "testing/TestDevice.h"
+
+namespace tarnwell::files {
+namespace {
+
+using testing::TestDevice;
+using testing::writeFile;
+
+std::string identifierOf(TestDevice& device, const std::string& relative) {
+    return items::TWPFileObjectIdentifier(device.environment()).itemIdentifier(device.url(relative)).value_or("none");
+}
+
+std::string placeOf(TestDevice& device, const std::string& identifier) {
+    auto url = items::TWPFileObjectIdentifier(device.environment()).fileURLWithItemIdentifier(identifier);
+    if (!url) return "nowhere";
+    std::string root = device.url().path();
+    return url->path().size() > root.size() ? url->path().substr(root.size() + 1) : url->path();
+}
+
+void renameIn(TestDevice& device, const std::string& from, const std::string& to) {
+    ASSERT_EQ(0, ::rename(device.path(from).c_str(), device.path(to).c_str()));
+}
+
+/// What happens to two files while the program is off, and who is who afterwards.
+struct Row {
+    const char* title;
+    std::vector<std::string> before;
+    std::function<void(TestDevice&)> happens;
+    /// Where the identifier that stood at a path before stands afterwards; "nowhere" when it names nothing.
+    std::vector<std::pair<std::string, std::string>> afterwards;
+};
+
+std::ostream& operator<<(std::ostream& out, const Row& row) { return out << row.title; }
+
+const std::vector<Row> kRows = {
+    {"rename", {"a.txt"}, [](TestDevice& d) { renameIn(d, "a.txt", "b.txt"); }, {{"a.txt", "b.txt"}}},
+    {"move to another folder",
+     {"a.txt", "sub/x.txt"},
+     [](TestDevice& d) { renameIn(d, "a.txt", "sub/a.txt"); },
+     {{"a.txt", "sub/a.txt"}, {"sub/x.txt", "sub/x.txt"}}},
+    {"move of a parent",
+     {"one/two/a.txt", "one/b.txt", "other/c.txt"},
+     [](TestDevice& d) { renameIn(d, "one", "other/moved"); },
+     {{"one/two/a.txt", "other/moved/two/a.txt"},
+      {"one/b.txt", "other/moved/b.txt"},
+      {"one/two", "other/moved/two"},
+      {"one", "other/moved"}}},
+    {"rename over a document by one that was known",
+     {"a.txt", "b.txt"},
+     [](TestDevice& d) { renameIn(d, "b.txt", "a.txt"); },
+     {{"a.txt", "a.txt"}, {"b.txt", "nowhere"}}},
+    {"rename over a document by one from another folder",
+     {"a.txt", "sub/b.txt"},
+     [](TestDevice& d) { renameIn(d, "sub/b.txt", "a.txt"); },
+     {{"a.txt", "a.txt"}, {"sub/b.txt", "nowhere"}}},
+    {"safe-save by a new file renamed over",
+     {"a.txt", "b.txt"},
+     [](TestDevice& d) {
+         writeFile(d.path(".a.txt.tmp"), "second version");
+         renameIn(d, ".a.txt.tmp", "a.txt");
+     },
+     {{"a.txt", "a.txt"}, {"b.txt", "b.txt"}}},
+    {"exchange of two documents",
+     {"a.txt", "b.txt"},
+     [](TestDevice& d) {
+         ASSERT_EQ(0, renameat2(AT_FDCWD, d.path("a.txt").c_str(), AT_FDCWD, d.path("b.txt").c_str(), RENAME_EXCHANGE));
+     },
+     {{"a.txt", "a.txt"}, {"b.txt", "b.txt"}}},
+    {"exchange of two documents in different folders",
+     {"a.txt", "sub/b.txt"},
+     [](TestDevice& d) {
+         ASSERT_EQ(
+             0, renameat2(AT_FDCWD, d.path("a.txt").c_str(), AT_FDCWD, d.path("sub/b.txt").c_str(), RENAME_EXCHANGE));
+     },
+     {{"a.txt", "a.txt"}, {"sub/b.txt", "sub/b.txt"}}},
+    {"exchange of two folders",
+     {"one/a.txt", "two/b.txt"},
+     [](TestDevice& d) {
+         ASSERT_EQ(0, renameat2(AT_FDCWD, d.path("one").c_str(), AT_FDCWD, d.path("two").c_str(), RENAME_EXCHANGE));
+     },
+     {{"one", "two"}, {"two", "one"}, {"one/a.txt", "two/a.txt"}, {"two/b.txt", "one/b.txt"}}},
+    {"moved aside for good, then made anew",
+     {"a.txt"},
+     [](TestDevice& d) {
+         renameIn(d, "a.txt", "elsewhere.txt");
+         writeFile(d.path("a.txt"), "another document");
+     },
+     {{"a.txt", "elsewhere.txt"}}},
+    {"moved to another folder, then made anew",
+     {"a.txt", "sub/x.txt"},
+     [](TestDevice& d) {
+         renameIn(d, "a.txt", "sub/a.txt");
+         writeFile(d.path("a.txt"), "another document");
+     },
+     {{"a.txt", "sub/a.txt"}}},
+    {"moved to a backup name, then made anew",
+     {"a.txt"},
+     [](TestDevice& d) {
+         renameIn(d, "a.txt", "a.txt~");
+         writeFile(d.path("a.txt"), "second version");
+     },
+     {{"a.txt", "a.txt"}}},
+    {"removed, then made anew",
+     {"a.txt"},
+     [](TestDevice& d) {
+         ASSERT_EQ(0, unlink(d.path("a.txt").c_str()));
+         writeFile(d.path("a.txt"), "second version");
+     },
+     {{"a.txt", "a.txt"}}},
+    {"removed",
+     {"a.txt", "sub/b.txt"},
+     [](TestDevice& d) { ASSERT_EQ(0, unlink(d.path("a.txt").c_str())); },
+     {{"a.txt", "nowhere"}, {"sub/b.txt", "sub/b.txt"}}},
+    {"three renamed in a circle",
+     {"a.txt", "b.txt", "c.txt"},
+     [](TestDevice& d) {
+         renameIn(d, "a.txt", "t");
+         renameIn(d, "c.txt", "a.txt");
+         renameIn(d, "b.txt", "c.txt");
+         renameIn(d, "t", "b.txt");
+     },
+     {{"a.txt", "b.txt"}, {"b.txt", "c.txt"}, {"c.txt", "a.txt"}}},
+    {"hidden and shown again under another name",
+     {"one/a.txt"},
+     [](TestDevice& d) {
+         renameIn(d, "one", ".one");
+         renameIn(d, ".one", "two");
+     },
+     {{"one/a.txt", "two/a.txt"}, {"one", "two"}}},
+    {"the first name of a file with two is removed",
+     {"a.txt"},
+     [](TestDevice& d) {
+         ASSERT_EQ(0, link(d.path("a.txt").c_str(), d.path("second.txt").c_str()));
+         ASSERT_EQ(0, unlink(d.path("a.txt").c_str()));
+     },
+     {{"a.txt", "second.txt"}}},
+};
+
+class IdentityAcrossTimeOff : public ::testing::TestWithParam<Row> {};
+
+TEST_P(IdentityAcrossTimeOff, KeepsIdentifiersWithTheirObjects) {
+    TestDevice device;
+    for (const std::string& file : GetParam().before) {
+        if (auto slash = file.rfind('/'); slash != std::string::npos) {
+            testing::makeDirectories(device.path(file.substr(0, slash)));
+        }
+        writeFile(device.path(file), "content of " + file);
+    }
+    device.settle();
+    std::vector<std::pair<std::string, std::string>> expected;
+    for (const auto& [before, after] : GetParam().afterwards) {
+        expected.emplace_back(identifierOf(device, before), after);
+        ASSERT_NE("none", expected.back().first) << before;
+    }
+
+    GetParam().happens(device);
+    device.restart();
+
+    for (const auto& [identifier, after] : expected) EXPECT_EQ(after, placeOf(device, identifier)) << identifier;
+    for (const auto& [identifier, after] : expected) {
+        if (after != "nowhere") {
+            EXPECT_EQ(identifier, identifierOf(device, after)) << after;
+        }
+    }
+    device.settle();
+    device.restart();
+    for (const auto& [identifier, after] : expected) EXPECT_EQ(after, placeOf(device, identifier)) << "settled";
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, IdentityAcrossTimeOff, ::testing::ValuesIn(kRows), [](const auto& row) {
+    std::string name;
+    for (const char* c = row.param.title; *c != '\0'; ++c)
+        name += std::isalnum(static_cast<unsigned char>(*c)) ? *c : '_';
+    return name;
+});
+
+TEST(Identity, ACopyGetsAnIdentifierOfItsOwn) {
+    TestDevice device;
+    writeFile(device.path("a.txt"), "text");
+    std::string original = identifierOf(device, "a.txt");
+    writeFile(device.path("copy.txt"), "text");
+    device.restart();
+    EXPECT_EQ(original, identifierOf(device, "a.txt"));
+    EXPECT_NE(original, identifierOf(device, "copy.txt"));
+}
+
+TEST(Identity, AFileWithTwoNamesIsOneDocumentAtItsOldestName) {
+    TestDevice device;
+    writeFile(device.path("first.txt"), "text");
+    std::string identifier = identifierOf(device, "first.txt");
+    ASSERT_EQ(0, link(device.path("first.txt").c_str(), device.path("second.txt").c_str()));
+    device.restart();
+    EXPECT_EQ(identifier, identifierOf(device, "second.txt"));
+    EXPECT_EQ("first.txt", placeOf(device, identifier));
+}
+
+TEST(Identity, NoIdentifierComesBackForAnotherObjectWhereInodeNumbersAreReused) {
+    TestDevice device;
+    writeFile(device.path("folder-probe"), "");
+    std::set<std::string> files, folders;
+    std::set<std::uint64_t> inodes;
+    constexpr int kRounds = 10'000;
+    for (int i = 0; i < kRounds; ++i) {
+        std::string name = "round" + std::to_string(i % 7);
+        bool folder = i % 2 == 0;
+        if (folder) {
+            ASSERT_EQ(0, mkdir(device.path(name).c_str(), 0755));
+        } else {
+            writeFile(device.path(name), "x");
+        }
+        struct stat status{};
+        ASSERT_EQ(0, ::stat(device.path(name).c_str(), &status));
+        inodes.insert(status.st_ino);
+        std::string identifier = identifierOf(device, name);
+        ASSERT_TRUE((folder ? folders : files).insert(identifier).second) << identifier << " in round " << i;
+        if (folder) {
+            ASSERT_EQ(0, rmdir(device.path(name).c_str()));
+        } else {
+            ASSERT_EQ(0, unlink(device.path(name).c_str()));
+            // A new file under the name of a document that went is that document: let its end be seen first.
+            device.settle();
+        }
+    }
+    RecordProperty("distinctInodes", static_cast<int>(inodes.size()));
+    EXPECT_EQ(static_cast<std::size_t>(kRounds) / 2, folders.size());
+    EXPECT_EQ(static_cast<std::size_t>(kRounds) / 2, files.size());
+}
+
+}  // namespace
+}  // namespace tarnwell::files

@@ -1,0 +1,185 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <set>
+
+#include "testing/TestDevice.h"
+
+namespace tarnwell::files {
+namespace {
+
+using testing::TestDevice;
+using testing::writeFile;
+
+std::vector<std::string> names(TestDevice& device, const std::string& folder, unsigned options,
+                               std::uint64_t skip = 0) {
+    auto walker = device.files().walk(device.url(folder), options, {});
+    if (!walker) return {"error " + describe(walker.error())};
+    std::vector<std::string> found;
+    if (skip > 0) found.push_back("skipped " + std::to_string((*walker)->skip(skip)));
+    std::string prefix = device.url(folder).path() + "/";
+    while (auto url = (*walker)->next()) found.push_back(url->path().substr(prefix.size()));
+    return found;
+}
+
+constexpr unsigned kFlat = kSkipHiddenFiles | kSkipPackageDescendants | kSkipSubdirectoryDescendants;
+
+TEST(Walker, KeepsTheOrderInWhichEntriesCame) {
+    TestDevice device;
+    std::vector<std::string> expected;
+    for (const char* name : {"zebra", "apple", "mango", "banana"}) {
+        writeFile(device.path(name), name);
+        device.settle();
+        expected.push_back(name);
+    }
+    EXPECT_EQ(expected, names(device, "", kFlat));
+    device.restart();
+    EXPECT_EQ(expected, names(device, "", kFlat));
+}
+
+TEST(Walker, ARenamedEntryKeepsItsPlaceAndAMovedOneGoesLast) {
+    TestDevice device;
+    testing::makeDirectories(device.path("sub"));
+    writeFile(device.path("sub/moved"), "");
+    device.settle();
+    for (const char* name : {"one", "two"}) {
+        writeFile(device.path(name), name);
+        device.settle();
+    }
+    ASSERT_EQ(0, rename(device.path("one").c_str(), device.path("zzz").c_str()));
+    ASSERT_EQ(0, rename(device.path("sub/moved").c_str(), device.path("aaa").c_str()));
+    EXPECT_EQ((std::vector<std::string>{"sub", "zzz", "two", "aaa"}), names(device, "", kFlat));
+}
+
+TEST(Walker, ASafeSavedDocumentKeepsItsPlace) {
+    TestDevice device;
+    for (const char* name : {"one", "two", "three"}) {
+        writeFile(device.path(name), name);
+        device.settle();
+    }
+    writeFile(device.path(".one.tmp"), "new");
+    ASSERT_EQ(0, rename(device.path(".one.tmp").c_str(), device.path("one").c_str()));
+    EXPECT_EQ((std::vector<std::string>{"one", "two", "three"}), names(device, "", kFlat));
+}
+
+TEST(Walker, LeavesOutWhatTheOptionsSay) {
+    TestDevice device;
+    for (const char* folder : {"sub/deep", ".hidden"}) testing::makeDirectories(device.path(folder));
+    for (const char* file : {"sub/deep/file", ".hidden/file", ".dot"}) writeFile(device.path(file), "");
+    EXPECT_EQ((std::vector<std::string>{"sub"}), names(device, "", kFlat));
+    EXPECT_EQ((std::vector<std::string>{"sub", "sub/deep", "sub/deep/file"}),
+              names(device, "", kSkipHiddenFiles | kSkipPackageDescendants));
+    auto all = names(device, "", kWalkDefault);
+    std::sort(all.begin(), all.end());
+    EXPECT_EQ((std::vector<std::string>{".dot", ".hidden", ".hidden/file", "sub", "sub/deep", "sub/deep/file"}), all);
+}
+
+TEST(Walker, SkippingCountsWhatItPasses) {
+    TestDevice device;
+    for (int i = 0; i < 10; ++i) writeFile(device.path("f" + std::to_string(i)), "");
+    auto everything = names(device, "", kFlat);
+    ASSERT_EQ(10u, everything.size());
+    auto rest = names(device, "", kFlat, 7);
+    EXPECT_EQ((std::vector<std::string>{"skipped 7", everything[7], everything[8], everything[9]}), rest);
+    EXPECT_EQ((std::vector<std::string>{"skipped 10"}), names(device, "", kFlat, 25));
+    auto deep = names(device, "", kSkipHiddenFiles, 9);
+    EXPECT_EQ((std::vector<std::string>{"skipped 9", everything[9]}), deep);
+}
+
+TEST(Walker, AWalkThatGoesOnSeesEachEntryOnceWhileOthersCome) {
+    TestDevice device;
+    for (int i = 0; i < 25; ++i) writeFile(device.path("f" + std::to_string(i)), "");
+    std::set<std::string> seen;
+    std::uint64_t offset = 0;
+    for (int page = 0; page < 6; ++page) {
+        auto walker = device.files().walk(device.url(), kFlat, {});
+        ASSERT_TRUE(walker.has_value());
+        ASSERT_EQ(offset, (*walker)->skip(offset));
+        for (int i = 0; i < 10; ++i) {
+            auto url = (*walker)->next();
+            if (!url) break;
+            ++offset;
+            EXPECT_TRUE(seen.insert(std::string(url->lastPathComponent())).second) << url->path();
+        }
+        (*walker)->next();
+        writeFile(device.path("late" + std::to_string(page)), "");
+    }
+    for (int i = 0; i < 25; ++i) EXPECT_TRUE(seen.contains("f" + std::to_string(i)));
+}
+
+TEST(Walker, PrefetchesTheValuesOfEachEntry) {
+    TestDevice device;
+    writeFile(device.path("note.txt"), "four");
+    testing::setUserAttribute(device.path("note.txt"), "com.vellum.test", "value");
+    auto walker = device.files().walk(device.url(), kFlat, {});
+    ASSERT_TRUE(walker.has_value());
+    auto url = (*walker)->next();
+    ASSERT_TRUE(url.has_value());
+    // Gone from the disk, so every answer comes from what the walk looked at.
+    ASSERT_EQ(0, unlink(device.path("note.txt").c_str()));
+    auto& files = device.files();
+    EXPECT_EQ(ResourceValue(std::string("note.txt")), files.resourceValue(*url, ResourceKey::name).value());
+    EXPECT_EQ(ResourceValue(std::string("text/plain")), files.resourceValue(*url, ResourceKey::typeIdentifier).value());
+    EXPECT_EQ(ResourceValue(std::uint64_t{4}), files.resourceValue(*url, ResourceKey::fileSize).value());
+    EXPECT_EQ(ResourceValue(true), files.resourceValue(*url, ResourceKey::isReadable).value());
+    EXPECT_EQ(ResourceValue(true), files.resourceValue(*url, ResourceKey::isWritable).value());
+    Bytes buffer(5);
+    EXPECT_EQ(5u, files.getAttribute(*url, "com.vellum.test", buffer).value());
+    EXPECT_EQ("value", textOf(buffer));
+    EXPECT_TRUE(files.getAttribute(*url, "com.vellum.none", {}).error().is(ErrorDomain::posix, ENODATA));
+}
+
+TEST(Walker, AFolderThatIsNoneCannotBeWalked) {
+    TestDevice device;
+    writeFile(device.path("file"), "");
+    EXPECT_TRUE(device.files().walk(device.url("none"), kFlat, {}).error().is(ErrorDomain::posix, ENOENT));
+    EXPECT_TRUE(device.files().walk(device.url("file"), kFlat, {}).error().is(ErrorDomain::posix, ENOTDIR));
+}
+
+TEST(Walker, ReachesTheBottomOfATreeFiveThousandDeep) {
+    TestDevice device;
+    constexpr int kDepth = 5000;
+    // Made relative to the folder before, since the whole path is longer than a system call takes.
+    int folder = open(device.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(folder, 0);
+    for (int i = 0; i < kDepth; ++i) {
+        ASSERT_EQ(0, mkdirat(folder, "d", 0755));
+        int next = openat(folder, "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        close(folder);
+        ASSERT_GE(next, 0);
+        folder = next;
+    }
+    close(folder);
+    auto walker = device.files().walk(device.url(), kSkipHiddenFiles | kSkipPackageDescendants, {});
+    ASSERT_TRUE(walker.has_value());
+    int found = 0;
+    std::optional<URL> last;
+    while (auto url = (*walker)->next()) {
+        ++found;
+        last = url;
+    }
+    EXPECT_EQ(kDepth, found);
+    auto row = device.files().resourceValue(*last, ResourceKey::fileID);
+    ASSERT_TRUE(row.has_value());
+    auto url = device.files().pathOfFileID(FileID{std::get<std::uint64_t>(*row)}, device.device());
+    ASSERT_TRUE(url.has_value());
+    EXPECT_EQ(last->path(), url->path());
+}
+
+TEST(Walker, NamesOfEveryKindArePassedOnAsTheyAre) {
+    TestDevice device;
+    std::vector<std::string> odd = {
+        std::string(255, 'n'), "line\nbreak", "not-\xff\xfe-utf8", " ", "-rf", "\x01", "a=b"};
+    for (const std::string& name : odd) writeFile(device.path(name), "");
+    auto found = names(device, "", kFlat);
+    std::sort(found.begin(), found.end());
+    std::sort(odd.begin(), odd.end());
+    EXPECT_EQ(odd, found);
+}
+
+}  // namespace
+}  // namespace tarnwell::files

@@ -1,0 +1,136 @@
+#include "tour/Tour.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
+
+#include "platform/filesystem/PlainFile.h"
+
+namespace tarnwell::tour {
+namespace {
+
+constexpr std::size_t kShownLines = 3;
+const std::string kGroceries = "home/.var/app/org.example.Notes/Documents/Groceries.md";
+
+std::string shellLine(const std::vector<std::string>& words) {
+    std::string line;
+    for (const std::string& word : words) line += (line.empty() ? "" : " ") + shellWord(word);
+    return line;
+}
+
+}  // namespace
+
+std::string shellWord(const std::string& word) {
+    constexpr std::string_view kPlain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./:,+@%=";
+    if (!word.empty() && word.find_first_not_of(kPlain) == std::string::npos) return word;
+    std::string quoted = "'";
+    for (const char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
+Result<void> Tour::writeEnvironmentFile() const {
+    std::string text = "# Points Tarnwell at the sample device. Source it in a shell of its own: it changes HOME.\n";
+    for (const auto& [name, value] : device_.environment()) {
+        text += value ? "export " + name + "=" + shellWord(*value) + "\n" : "unset " + name + "\n";
+    }
+    std::error_code code;
+    const auto program = std::filesystem::absolute(program_, code);
+    if (!code) text += "export PATH=" + shellWord(program.parent_path().string()) + ":\"$PATH\"\n";
+    return filesystem::writeFileAtomically(device_.root + "/env.sh", bytesOf(text));
+}
+
+EnvironmentChanges Tour::environmentWith(const EnvironmentChanges& further) const {
+    EnvironmentChanges changes = device_.environment();
+    for (const auto& [name, value] : further) changes[name] = value;
+    return changes;
+}
+
+void Tour::heading(const std::string& text) const {
+    const bool coloured = isatty(STDOUT_FILENO) == 1;
+    std::cout << (coloured ? "\n\x1b[1m" : "\n== ") << text << (coloured ? "\x1b[0m\n" : "\n");
+}
+
+void Tour::command(const std::vector<std::string>& arguments, const EnvironmentChanges& further) {
+    std::vector<std::string> words{program_};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<std::string> assignments;
+    for (const auto& [name, value] : further) assignments.push_back(name + "=" + value.value_or(""));
+    std::cout << "$ " << shellLine(assignments) << (assignments.empty() ? "" : " ") << shellLine(words) << std::endl;
+    const auto outcome = run(words, environmentWith(further), Output::shown);
+    if (outcome && outcome->status == 0) return;
+    everythingWorked_ = false;
+    std::cout << "(" << (outcome ? "exit status " + std::to_string(outcome->status) : describe(outcome.error())) << ")"
+              << std::endl;
+}
+
+void Tour::many() {
+    const std::vector<std::string> words{program_, "--json", "ls", place("home/Documents/Many")};
+    std::cout << "$ " << shellLine(words) << std::endl;
+    const auto outcome = run(words, device_.environment(), Output::captured);
+    if (!outcome || outcome->status != 0) {
+        everythingWorked_ = false;
+        std::cout << "(" << (outcome ? "exit status " + std::to_string(outcome->status) : describe(outcome.error()))
+                  << ")" << std::endl;
+        return;
+    }
+    const std::string& text = outcome->output;
+    const auto lines = static_cast<std::size_t>(std::ranges::count(text, '\n'));
+    std::size_t shown = 0;
+    for (std::size_t i = 0; i < std::min(kShownLines, lines); ++i) shown = text.find('\n', shown) + 1;
+    std::cout << text.substr(0, shown);
+    if (lines > kShownLines) std::cout << "… and " << lines - kShownLines << " more lines\n";
+    std::cout << lines << " entries were listed, " << kManyEntries << " are there." << std::endl;
+    if (lines != kManyEntries) everythingWorked_ = false;
+}
+
+bool Tour::show() {
+    heading("A sample device");
+    std::cout << "In " << folder_ << " is now a home of one person, with applications and their documents:\n"
+              << "  Notes     a Flatpak of this person    home/.var/app/org.example.Notes\n"
+              << "  Sketches  a Flatpak of the system     home/.var/app/org.example.Sketches\n"
+              << "  Scanner   a Snap                      home/snap/scanner/current\n"
+              << "  Maps      a program with a container  home/Apps/Maps\n"
+              << "  Viewer    keeps no documents, so it gets no library\n"
+              << "Your own files are not touched. All commands below run with the variables of " << place("env.sh")
+              << ".\n";
+    for (const std::string& remark : device_.remarks) std::cout << "Note: " << remark << "\n";
+
+    heading("Applications that keep documents");
+    command({"apps"});
+    heading("The same in German: names are read live");
+    command({"apps"}, {{"LANGUAGE", "de"}});
+    heading("The top of the storage");
+    command({"ls", "root"});
+    heading("One application's library");
+    std::cout
+        << "Hidden files, the Inbox and the trash are not listed; a link that leads out is shown, never followed.\n";
+    command({"ls", "#org.example.Notes"});
+    heading("One file in full");
+    command({"info", place(kGroceries)});
+    command({"--json", "info", place(kGroceries)});
+    heading("Names that are hard to show");
+    command({"ls", place("home/Documents/Names")});
+    heading("A folder of " + std::to_string(kManyEntries) + " entries");
+    many();
+    next();
+    return everythingWorked_;
+}
+
+void Tour::next() const {
+    heading("Go on yourself");
+    std::cout << "Open a shell on the device, then try:\n\n"
+              << "  bash\n"
+              << "  . " << shellWord(place("env.sh")) << "\n"
+              << "  tarnwell ls '#org.example.Notes' --recursive\n"
+              << "  tarnwell id " << shellWord(place(kGroceries)) << "\n"
+              << "  tarnwell path '#snap.scanner'\n"
+              << "  tarnwell anchor '#org.example.Notes'\n"
+              << "  tarnwell doctor\n"
+              << "  exit\n\n"
+              << "For your own storage and applications, without the sample device: " << shellWord(program_)
+              << " apps\n";
+}
+
+}  // namespace tarnwell::tour
