@@ -162,11 +162,11 @@ void LocalFileEnumerator::gather(EnumerationObserver& observer, const std::optio
 
 Result<LocalFileEnumerator::GatherStart> LocalFileEnumerator::beginGathering() const {
     environment_.items.log.debug("start gather phase");
-    // Without a second page nobody asks what happened since the first one, so nothing below needs to be looked at. A
-    // folder that grows past its page meanwhile has a position that is too early at worst: its listing begins again.
-    if (fitsOnePage()) return GatherStart{environment_.events.recordedEventID(), 0};
-    // Only deletions upset a listing, and finding those is many times cheaper than finding every change.
-    const auto now = environment_.events.currentEventID(urls_, events::Interest::departuresOnly);
+    // Only deletions upset a listing, and finding those is many times cheaper than finding every change. Without a
+    // second page nobody asks what happened since the first one; a folder that grows past its page meanwhile has a
+    // position that is too early at worst, and its listing begins again.
+    const auto interest = fitsOnePage() ? events::Interest::nothing : events::Interest::departuresOnly;
+    const auto now = environment_.events.currentEventID(urls_, interest);
     if (!now) {
         environment_.items.log.error("can't get current event ID for " + pathsOf(urls_) + "; " + describe(now.error()));
         return failure(now.error());

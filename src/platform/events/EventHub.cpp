@@ -27,6 +27,7 @@ Result<EventID> EventHub::barrier(const std::optional<std::vector<URL>>& folders
     files::Detail detail = interest == Interest::departuresOnly ? files::Detail::names : files::Detail::everything;
     return withServices([&](store::Store& store, files::Comparer& comparer) -> Result<EventID> {
         std::vector<Place> places;
+        if (interest == Interest::nothing) return store.lastEventID();
         if (folders) places = placesOf(*folders);
         // An empty list means all roots to the comparer; folders that are below no root have nothing to compare.
         if (!folders || !places.empty()) {

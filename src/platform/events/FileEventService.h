@@ -42,8 +42,9 @@ struct FileEvent {
 };
 
 /// What a stream, or a look at the current event ID, is interested in. Departures only lets the service look at folders
-/// and leave the contents of files alone, which is many times cheaper.
-enum class Interest { everything, departuresOnly };
+/// and leave the contents of files alone, which is many times cheaper; nothing (of use for a position only, not for a
+/// stream) looks at no disk at all, for whom a position that is too early costs a repetition at worst.
+enum class Interest { everything, departuresOnly, nothing };
 
 /// Streams over paths report changes below the folders; the document-ID stream of a device reports document-ID changes.
 struct StreamOverPaths {

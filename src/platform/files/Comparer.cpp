@@ -37,7 +37,7 @@ Result<void> Comparer::compareFolder(const Place& folder) {
     return run.finish();
 }
 
-Result<void> Comparer::compareFolder(const Place& folder, const store::ObjectRow& row, int handle) {
+Result<void> Comparer::compareFolder(const Place& folder, const store::EntryRow& row, int handle) {
     std::lock_guard running(runMutex_);
     ComparisonRun run(*this);
     if (auto result = run.compareKnownFolder(folder, row, handle); !result) return result;
@@ -72,7 +72,7 @@ Result<store::ObjectIdentity> Comparer::identityOf(const filesystem::Status& sta
     return store::ObjectIdentity{fileSystem->number, status.inode, status.birth};
 }
 
-std::optional<Place> Comparer::placeOf(store::Session& session, const store::ObjectRow& row) const {
+std::optional<Place> Comparer::placeOf(store::Session& session, const store::EntryRow& row) const {
     if (row.parent == 0) {
         auto root = roots_.locate(row.name);
         return root && root->relative.empty() ? root : std::nullopt;
@@ -93,18 +93,18 @@ std::optional<Place> Comparer::placeOf(store::Session& session, const store::Obj
     return Place{root->root, std::string(reversed.rbegin(), reversed.rend())};
 }
 
-bool Comparer::leadsTo(store::Session& session, const store::ObjectRow& row, const Place& place) const {
+bool Comparer::leadsTo(store::Session& session, const store::EntryRow& row, const Place& place) const {
     if (row.state != store::ObjectState::live) return false;
     auto known = placeOf(session, row);
     return known && known->root == place.root && known->relative == place.relative;
 }
 
-bool Comparer::standsAt(const store::ObjectRow& row, const Place& place) {
+bool Comparer::standsAt(const store::EntryRow& row, const Place& place) {
     auto status = filesystem::statusBeneath(place.root->directory.get(), place.relative);
     return status && isObject(row, *status);
 }
 
-bool Comparer::isObject(const store::ObjectRow& row, const filesystem::Status& status) {
+bool Comparer::isObject(const store::EntryRow& row, const filesystem::Status& status) {
     if (status.inode != row.identity.inode || status.birth != row.identity.birth) return false;
     auto fileSystem = knownFileSystem(status.device);
     // A device that was not met yet: inode and birth alike on two of them is what its number guards against later.

@@ -50,18 +50,18 @@ public:
     Result<void> compareFolder(const Place& folder);
     /// The same for a folder whose row is at hand; nothing happens if another object stands at the place by now. With a
     /// handle (O_PATH) of the folder above it, a folder that did not change is known without walking its path.
-    Result<void> compareFolder(const Place& folder, const store::ObjectRow& row, int handle = -1);
+    Result<void> compareFolder(const Place& folder, const store::EntryRow& row, int handle = -1);
 
     /// The row of what stands at the place, looked at on disk; folders on the way are compared where they differ.
     /// ENOENT where nothing stands.
     Result<store::ObjectRow> rowAt(const Place& place);
     /// Where the object of a live row is, by the index alone; nothing where an ancestor is not live or its root is not
     /// among this program's.
-    std::optional<Place> placeOf(store::Session& session, const store::ObjectRow& row) const;
+    std::optional<Place> placeOf(store::Session& session, const store::EntryRow& row) const;
     /// True when the object of that row stands at its place on disk now.
-    bool standsAt(const store::ObjectRow& row, const Place& place);
+    bool standsAt(const store::EntryRow& row, const Place& place);
     /// True when a status is of the row's object.
-    bool isObject(const store::ObjectRow& row, const filesystem::Status& status);
+    bool isObject(const store::EntryRow& row, const filesystem::Status& status);
     /// True for the device number of a file system on which objects below the roots were met.
     bool isMetDevice(std::uint64_t device) { return knownFileSystem(device).has_value(); }
 
@@ -80,7 +80,7 @@ private:
     Result<FileSystemEntry> fileSystemOf(std::uint64_t device, int descriptor);
     Result<void> meetFileSystem(const Place& place, const filesystem::Status& status);
     Result<store::ObjectRow> rowByPath(const Place& place, const filesystem::Status& status);
-    bool leadsTo(store::Session& session, const store::ObjectRow& row, const Place& place) const;
+    bool leadsTo(store::Session& session, const store::EntryRow& row, const Place& place) const;
 
     const Roots& roots_;
     store::Store& store_;

@@ -136,14 +136,16 @@ void ComparisonRun::placeUnknown(Folder& folder, const DiskEntry& entry, ObjectR
 /// brought to its new place from here.
 bool ComparisonRun::exchange(Folder& folder, const DiskEntry& entry, ObjectRow& displaced, ObjectRow& moved) {
     ObjectRow fresh = displaced;
+    const std::uint64_t movedPosition = moved.position;
     std::swap(fresh.parent, moved.parent);
     std::swap(fresh.name, moved.name);
-    std::swap(fresh.position, moved.position);
+    moved.position = fresh.position;
     std::swap(fresh.visible, moved.visible);
     std::swap(fresh.package, moved.package);
     auto first = fresh.documentID, second = moved.documentID;
-    // Document IDs are unique: take one off before it is given to the other.
+    // Document IDs and positions are unique: taken off before they are given to the other.
     fresh.documentID.reset();
+    fresh.position = session().numbers().nextPosition();
     fresh.state = ObjectState::live;
     fresh.changed = 0;  // looked at again with its own folder
     session().index().update(fresh);
@@ -156,6 +158,7 @@ bool ComparisonRun::exchange(Folder& folder, const DiskEntry& entry, ObjectRow& 
     if (moved.visible) session().journal().recordChange(moved, store::kChangeModified);
     session().index().update(moved);
     fresh.documentID = second;
+    fresh.position = movedPosition;
     session().journal().recordDocumentChange(*second, raw(moved.fileID), raw(fresh.fileID));
     if (fresh.visible) session().journal().recordChange(fresh, store::kChangeModified);
     session().index().update(fresh);

@@ -14,6 +14,7 @@ namespace tarnwell::files {
 
 namespace {
 
+using store::EntryRow;
 using store::ObjectRow;
 using store::ObjectState;
 
@@ -69,7 +70,7 @@ Result<void> ComparisonRun::breathe() {
 
 // ---- which folders ---------------------------------------------------------------------------------------------
 
-FolderContext ComparisonRun::contextBelow(const FolderContext& context, const ObjectRow& row) const {
+FolderContext ComparisonRun::contextBelow(const FolderContext& context, const EntryRow& row) const {
     FolderContext below;
     below.isRoot = false;
     below.contentsVisible = row.visible && !row.package;
@@ -109,11 +110,11 @@ Result<ObjectRow> ComparisonRun::rootRow(const std::shared_ptr<const Root>& root
 }
 
 /// The context of a known folder by the index alone.
-FolderContext ComparisonRun::contextOf(const ObjectRow& folder) {
+FolderContext ComparisonRun::contextOf(const EntryRow& folder) {
     if (folder.parent == 0) return FolderContext{true, true, std::nullopt};
     FolderContext context{false, folder.visible && !folder.package, std::nullopt};
     // What is unseen may lie in a package, whose change it is to clients.
-    std::optional<ObjectRow> row = folder;
+    std::optional<EntryRow> row = folder;
     while (row && !row->visible && row->parent != 0) row = session().index().byFileID(FileID{row->parent});
     if (row && row->visible && row->package) context.package = row->fileID;
     return context;
@@ -144,8 +145,8 @@ Result<std::optional<ComparisonRun::Job>> ComparisonRun::jobByNames(const Place&
         next = slash + 1;
         auto processed = processFolder(job, Detail::names, nullptr);
         if (!processed) return failure(processed.error());
-        std::optional<ObjectRow> found;
-        for (ObjectRow& row : session().index().folders(job.folder)) {
+        std::optional<EntryRow> found;
+        for (EntryRow& row : session().index().folders(job.folder)) {
             if (row.name == name) found = std::move(row);
         }
         if (auto checked = session().check(); !checked) return failure(checked.error());
@@ -194,7 +195,7 @@ Result<void> ComparisonRun::compareOne(const Place& folder) {
     return drain(std::move(jobs), Detail::names, false);
 }
 
-Result<void> ComparisonRun::compareKnownFolder(const Place& folder, const ObjectRow& row, int handle) {
+Result<void> ComparisonRun::compareKnownFolder(const Place& folder, const EntryRow& row, int handle) {
     std::vector<Job> jobs;
     jobs.push_back({folder.root, folder.relative, row.fileID, contextOf(row), FileID{row.parent}, handle});
     return drain(std::move(jobs), Detail::names, false);
@@ -216,7 +217,7 @@ void ComparisonRun::pushFolders(const Job& job, std::vector<Job>* jobs) {
     const auto folders = session().index().folders(job.folder);
     if (folders.empty()) return;
     if (auto handle = openHandle(job)) handles_.keep(job.folder, std::move(*handle));
-    for (const ObjectRow& row : folders) {
+    for (const EntryRow& row : folders) {
         jobs->push_back(
             {job.root, joined(job.relative, row.name), row.fileID, contextBelow(job.context, row), job.folder});
     }

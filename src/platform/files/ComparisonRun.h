@@ -23,7 +23,7 @@ public:
     Result<void> compareBelow(const Place& folder, Detail detail);
     Result<void> compareOne(const Place& folder);
     /// `handle` as for Comparer::compareFolder.
-    Result<void> compareKnownFolder(const Place& folder, const store::ObjectRow& row, int handle);
+    Result<void> compareKnownFolder(const Place& folder, const store::EntryRow& row, int handle);
     /// Settles what was missing. Call once, after the folders.
     Result<void> finish();
 
@@ -77,7 +77,7 @@ private:
 
     Result<std::optional<Job>> jobFor(const Place& folder);
     Result<std::optional<Job>> jobByNames(const Place& folder, Job job);
-    FolderContext contextOf(const store::ObjectRow& folder);
+    FolderContext contextOf(const store::EntryRow& folder);
     Result<store::ObjectRow> rootRow(const std::shared_ptr<const Root>& root);
     Result<void> drain(std::vector<Job> jobs, Detail detail, bool below);
     Result<bool> processFolder(const Job& job, Detail detail, std::vector<Job>* jobs);
@@ -104,7 +104,7 @@ private:
     void leave(store::ObjectRow row, const std::string& path, Leaving leaving);
     void arrive(const store::ObjectRow& folder, const FolderContext& context);
     void pushFolders(const Job& job, std::vector<Job>* jobs);
-    FolderContext contextBelow(const FolderContext& context, const store::ObjectRow& row) const;
+    FolderContext contextBelow(const FolderContext& context, const store::EntryRow& row) const;
     std::string pathOf(const store::ObjectRow& row);
     std::optional<filesystem::Status> statusAtPlaceOf(const store::ObjectRow& row);
 

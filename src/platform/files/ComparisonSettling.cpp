@@ -96,7 +96,10 @@ void ComparisonRun::settleTakeover(const Takeover& takeover) {
         displaced->position = session().numbers().nextPosition();
     } else {
         displaced->state = ObjectState::gone;
-        if (displaced->parent == successor->parent) successor->position = displaced->position;
+        if (displaced->parent == successor->parent) {
+            successor->position = displaced->position;
+            displaced->position = session().numbers().nextPosition();
+        }
     }
     session().index().update(*displaced);
     successor->documentID = document;

@@ -8,7 +8,8 @@ namespace tarnwell::files {
 
 namespace {
 
-constexpr std::size_t kBatch = 256;
+/// Two batches are a page of 200 with the entry past it that a scan looks at.
+constexpr std::size_t kBatch = 101;
 /// Deeper folders are opened again by path when the walk comes back to them, so that descriptors stay bounded.
 constexpr std::size_t kOpenLevels = 32;
 
@@ -48,7 +49,7 @@ std::pair<std::uint64_t, std::uint64_t> WalkPositions::best(FileID folder, unsig
 }
 
 IndexWalker::IndexWalker(Comparer& comparer, store::Store& store, mime::TypeDatabase& types, WalkPositions& positions,
-                         Place folder, std::string folderPath, store::ObjectRow row, unsigned options,
+                         Place folder, std::string folderPath, store::EntryRow row, unsigned options,
                          WalkErrorHandler errorHandler)
     : comparer_(comparer),
       store_(store),
@@ -122,13 +123,13 @@ bool IndexWalker::fill(Level& level) {
     return !level.rows.empty();
 }
 
-const store::ObjectRow* IndexWalker::nextRow(Level& level) {
+const store::EntryRow* IndexWalker::nextRow(Level& level) {
     while (!level.atEnd) {
         if (level.nextRow == level.rows.size() && !fill(level)) {
             level.atEnd = true;
             return nullptr;
         }
-        const store::ObjectRow& row = level.rows[level.nextRow++];
+        const store::EntryRow& row = level.rows[level.nextRow++];
         level.position = row.position;
         if ((options_ & kSkipHiddenFiles) != 0 && row.name.starts_with('.')) continue;
         return &row;
@@ -136,24 +137,24 @@ const store::ObjectRow* IndexWalker::nextRow(Level& level) {
     return nullptr;
 }
 
-bool IndexWalker::descends(const store::ObjectRow& row) const {
+bool IndexWalker::descends(const store::EntryRow& row) const {
     if (!row.isDirectory() || (options_ & kSkipSubdirectoryDescendants) != 0) return false;
     return !row.package || (options_ & kSkipPackageDescendants) == 0;
 }
 
-void IndexWalker::enter(const Level& parent, const store::ObjectRow& row) {
+void IndexWalker::enter(const Level& parent, const store::EntryRow& row) {
     pendingFolder_.emplace(Place{parent.place.root, joined(parent.place.relative, row.name)}, row);
     pendingPath_ = joined(parent.path, row.name);
 }
 
-std::optional<URL> IndexWalker::urlFor(Level& level, const store::ObjectRow& row) {
+std::optional<URL> IndexWalker::urlFor(Level& level, const store::EntryRow& row) {
     if (!open(level)) return std::nullopt;
     auto status = filesystem::statusAt(level.descriptor.get(), row.name.c_str());
     if (!status) return std::nullopt;
     URL url = URL::file(joined(level.path, row.name));
     bool sameObject = status->inode == row.identity.inode && status->birth == row.identity.birth;
-    store::ObjectRow current;
-    const store::ObjectRow* known = &row;
+    store::EntryRow current;
+    const store::EntryRow* known = &row;
     if (!sameObject) {
         // Replaced since its folder was compared: find out what it is now.
         auto found = comparer_.rowAt(Place{level.place.root, joined(level.place.relative, row.name)});
@@ -183,7 +184,7 @@ std::optional<URL> IndexWalker::next() {
 }
 
 /// An entry was delivered or skipped: a folder is entered next.
-void IndexWalker::counted(const store::ObjectRow& row) {
+void IndexWalker::counted(const store::EntryRow& row) {
     const Level& level = *levels_.back();
     if (levels_.size() == 1) {
         ++count_;
@@ -194,7 +195,7 @@ void IndexWalker::counted(const store::ObjectRow& row) {
 }
 
 /// Goes to the next row, not looked at on disk; null at the end. It lives until the next step.
-const store::ObjectRow* IndexWalker::step() {
+const store::EntryRow* IndexWalker::step() {
     while (!stopped_) {
         if (pendingFolder_) {
             auto [place, row] = std::move(*pendingFolder_);
@@ -215,7 +216,7 @@ const store::ObjectRow* IndexWalker::step() {
             levels_.push_back(std::move(level));
         }
         Level& level = *levels_.back();
-        const store::ObjectRow* row = nextRow(level);
+        const store::EntryRow* row = nextRow(level);
         if (row == nullptr) {
             if (levels_.size() == 1) return nullptr;
             levels_.pop_back();
@@ -231,7 +232,7 @@ std::uint64_t IndexWalker::skip(std::uint64_t count) {
         // Counting a tree means walking its folders, but no entry needs to be looked at.
         std::uint64_t skipped = 0;
         for (; skipped < count; ++skipped) {
-            const store::ObjectRow* row = step();
+            const store::EntryRow* row = step();
             if (row == nullptr) break;
             counted(*row);
         }

@@ -39,7 +39,7 @@ class IndexWalker : public DirectoryWalker {
 public:
     /// `folderPath` is the URL path of the folder, whose names were compared just now.
     IndexWalker(Comparer& comparer, store::Store& store, mime::TypeDatabase& types, WalkPositions& positions,
-                Place folder, std::string folderPath, store::ObjectRow row, unsigned options,
+                Place folder, std::string folderPath, store::EntryRow row, unsigned options,
                 WalkErrorHandler errorHandler);
     ~IndexWalker() override;
 
@@ -50,24 +50,24 @@ private:
     struct Level {
         Place place;
         std::string path;
-        store::ObjectRow folder;
+        store::EntryRow folder;
         Descriptor descriptor;
         Descriptor handle;  ///< O_PATH, for looks at the status of what lies in it while nothing is read
         filesystem::MountState mount = filesystem::MountState::writable;
-        std::vector<store::ObjectRow> rows;
+        std::vector<store::EntryRow> rows;
         std::size_t nextRow = 0;
         std::uint64_t position = 0;  ///< of the last row taken
         bool atEnd = false;
     };
-    const store::ObjectRow* step();
-    void counted(const store::ObjectRow& row);
+    const store::EntryRow* step();
+    void counted(const store::EntryRow& row);
     bool open(Level& level);
     int handleOf(std::size_t depth);
     bool fill(Level& level);
-    const store::ObjectRow* nextRow(Level& level);
-    bool descends(const store::ObjectRow& row) const;
-    void enter(const Level& parent, const store::ObjectRow& row);
-    std::optional<URL> urlFor(Level& level, const store::ObjectRow& row);
+    const store::EntryRow* nextRow(Level& level);
+    bool descends(const store::EntryRow& row) const;
+    void enter(const Level& parent, const store::EntryRow& row);
+    std::optional<URL> urlFor(Level& level, const store::EntryRow& row);
     bool report(const std::string& path, const Error& error);
 
     Comparer& comparer_;
@@ -77,7 +77,7 @@ private:
     unsigned options_;
     WalkErrorHandler errorHandler_;
     std::vector<std::unique_ptr<Level>> levels_;
-    std::optional<std::pair<Place, store::ObjectRow>> pendingFolder_;  ///< a folder delivered last, to be entered next
+    std::optional<std::pair<Place, store::EntryRow>> pendingFolder_;  ///< a folder delivered last, to be entered next
     std::string pendingPath_;
     std::uint64_t count_ = 0;             ///< entries delivered or skipped of the first folder
     std::uint64_t countedPosition_ = 0;   ///< of the last of them

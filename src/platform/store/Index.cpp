@@ -8,9 +8,9 @@ namespace {
 
 constexpr std::uint32_t kKindMask = 0x0f, kPackageBit = 0x10, kVisibleBit = 0x20;
 
-#define TARNWELL_ROW_COLUMNS                                                                                         \
-    "fileID, fs, inode, birth, docID, parent, position, name, kind, state, size, modified, changed, event, change, " \
-    "listed, entries"
+#define TARNWELL_ENTRY_COLUMNS \
+    "position, fileID, fs, inode, birth, docID, parent, name, kind, state, listed, entries"
+#define TARNWELL_ROW_COLUMNS TARNWELL_ENTRY_COLUMNS ", size, modified, changed, event, change"
 
 }  // namespace
 
@@ -20,18 +20,18 @@ Index::Index(Database& database, Numbers& numbers)
       byFileID_(database, "SELECT " TARNWELL_ROW_COLUMNS " FROM object WHERE fileID = ?"),
       byIdentity_(database, "SELECT " TARNWELL_ROW_COLUMNS " FROM object WHERE fs = ? AND inode = ? AND birth = ?"),
       byDocument_(database, "SELECT " TARNWELL_ROW_COLUMNS " FROM object WHERE docID = ?"),
-      children_(database, "SELECT " TARNWELL_ROW_COLUMNS
+      children_(database, "SELECT " TARNWELL_ENTRY_COLUMNS
                           " FROM object WHERE parent = ? AND position > ? AND state = 0 ORDER BY position LIMIT ?"),
       allChildren_(database, "SELECT " TARNWELL_ROW_COLUMNS " FROM object WHERE parent = ? AND state < 2"),
-      folders_(database, "SELECT " TARNWELL_ROW_COLUMNS
+      folders_(database, "SELECT " TARNWELL_ENTRY_COLUMNS
                          " FROM object WHERE parent = ? AND kind & 15 = 1 AND state = 0 ORDER BY position"),
       positions_(database,
                  "SELECT position, substr(name, 1, 1) FROM object WHERE parent = ? AND position > ? AND "
                  "state = 0 ORDER BY position"),
       insert_(database, "INSERT INTO object(" TARNWELL_ROW_COLUMNS ") VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)"),
       update_(database,
-              "UPDATE object SET fs=?, inode=?, birth=?, docID=?, parent=?, position=?, name=?, kind=?, state=?, "
-              "size=?, modified=?, changed=?, event=?, change=?, listed=?, entries=? WHERE fileID=?"),
+              "UPDATE object SET position=?, fs=?, inode=?, birth=?, docID=?, parent=?, name=?, kind=?, state=?, "
+              "listed=?, entries=?, size=?, modified=?, changed=?, event=?, change=? WHERE fileID=?"),
       setListed_(database, "UPDATE object SET listed = ?, entries = ? WHERE fileID = ?"),
       setState_(database, "UPDATE object SET state = ? WHERE fileID = ?"),
       issued_(database, "SELECT 1 FROM object WHERE fileID = ?1 UNION ALL SELECT 1 FROM retired WHERE fileID = ?1"),
@@ -41,29 +41,34 @@ Index::Index(Database& database, Numbers& numbers)
                   "the statement and the index above name the kind by number");
 }
 
-ObjectRow Index::rowFrom(const Statement& s) const {
-    ObjectRow row;
-    row.fileID = FileID{s.unsignedAt(0)};
-    row.identity = {static_cast<std::uint32_t>(s.unsignedAt(1)), s.unsignedAt(2), s.signedAt(3)};
-    if (!s.isNullAt(4)) row.documentID = DocumentID{static_cast<std::uint32_t>(s.unsignedAt(4))};
-    row.parent = s.unsignedAt(5);
-    row.position = s.unsignedAt(6);
+void Index::readEntry(const Statement& s, EntryRow& row) {
+    row.position = s.unsignedAt(0);
+    row.fileID = FileID{s.unsignedAt(1)};
+    row.identity = {static_cast<std::uint32_t>(s.unsignedAt(2)), s.unsignedAt(3), s.signedAt(4)};
+    if (!s.isNullAt(5)) row.documentID = DocumentID{static_cast<std::uint32_t>(s.unsignedAt(5))};
+    row.parent = s.unsignedAt(6);
     row.name = s.bytesAt(7);
     auto kind = static_cast<std::uint32_t>(s.unsignedAt(8));
     row.kind = static_cast<FileKind>(kind & kKindMask);
     row.package = (kind & kPackageBit) != 0;
     row.visible = (kind & kVisibleBit) != 0;
     row.state = static_cast<ObjectState>(s.unsignedAt(9));
-    row.size = s.unsignedAt(10);
-    row.modified = s.signedAt(11);
-    row.changed = s.signedAt(12);
-    row.event = s.unsignedAt(13);
-    row.change = static_cast<std::uint32_t>(s.unsignedAt(14));
-    row.listed = s.signedAt(15);
-    row.entries = static_cast<std::uint32_t>(s.unsignedAt(16));
+    row.listed = s.signedAt(10);
+    row.entries = static_cast<std::uint32_t>(s.unsignedAt(11));
+}
+
+ObjectRow Index::rowFrom(const Statement& s) {
+    ObjectRow row;
+    readEntry(s, row);
+    row.size = s.unsignedAt(12);
+    row.modified = s.signedAt(13);
+    row.changed = s.signedAt(14);
+    row.event = s.unsignedAt(15);
+    row.change = static_cast<std::uint32_t>(s.unsignedAt(16));
     return row;
 }
 
+/// Binds every column but position and file ID, beginning at parameter `i`.
 void Index::bindRow(Statement& s, const ObjectRow& row, int i) {
     s.bind(i, row.identity.fileSystem).bind(i + 1, row.identity.inode).bindSigned(i + 2, row.identity.birth);
     if (row.documentID) {
@@ -73,10 +78,10 @@ void Index::bindRow(Statement& s, const ObjectRow& row, int i) {
     }
     std::uint32_t kind =
         static_cast<std::uint32_t>(row.kind) | (row.package ? kPackageBit : 0) | (row.visible ? kVisibleBit : 0);
-    s.bind(i + 4, row.parent).bind(i + 5, row.position).bindBytes(i + 6, row.name).bind(i + 7, kind);
-    s.bind(i + 8, static_cast<std::uint64_t>(row.state)).bind(i + 9, row.size).bindSigned(i + 10, row.modified);
-    s.bindSigned(i + 11, row.changed).bind(i + 12, row.event).bind(i + 13, row.change).bindSigned(i + 14, row.listed);
-    s.bind(i + 15, row.entries);
+    s.bind(i + 4, row.parent).bindBytes(i + 5, row.name).bind(i + 6, kind);
+    s.bind(i + 7, static_cast<std::uint64_t>(row.state)).bindSigned(i + 8, row.listed).bind(i + 9, row.entries);
+    s.bind(i + 10, row.size).bindSigned(i + 11, row.modified).bindSigned(i + 12, row.changed);
+    s.bind(i + 13, row.event).bind(i + 14, row.change);
 }
 
 std::uint32_t Index::fileSystemNumber(const std::string& identity) {
@@ -118,12 +123,12 @@ const FolderNode* Index::folderNode(std::uint64_t fileID) {
     return &folderNodes_.emplace(fileID, std::move(node)).first->second;
 }
 
-std::vector<ObjectRow> Index::children(FileID folder, std::uint64_t afterPosition, std::size_t limit) {
-    std::vector<ObjectRow> rows;
+std::vector<EntryRow> Index::children(FileID folder, std::uint64_t afterPosition, std::size_t limit) {
+    std::vector<EntryRow> rows;
     rows.reserve(limit);
     StatementScope s(children_);
     s->bind(1, raw(folder)).bind(2, afterPosition).bind(3, limit);
-    while (s->step()) rows.push_back(rowFrom(children_));
+    while (s->step()) readEntry(children_, rows.emplace_back());
     return rows;
 }
 
@@ -135,11 +140,11 @@ std::vector<ObjectRow> Index::allChildren(FileID folder) {
     return rows;
 }
 
-std::vector<ObjectRow> Index::folders(FileID folder) {
-    std::vector<ObjectRow> rows;
+std::vector<EntryRow> Index::folders(FileID folder) {
+    std::vector<EntryRow> rows;
     StatementScope s(folders_);
     s->bind(1, raw(folder));
-    while (s->step()) rows.push_back(rowFrom(folders_));
+    while (s->step()) readEntry(folders_, rows.emplace_back());
     return rows;
 }
 
@@ -176,15 +181,16 @@ void Index::insert(ObjectRow& row) {
     row.fileID = usable ? FileID{inode} : numbers_.nextFreshFile();
     row.position = numbers_.nextPosition();
     StatementScope s(insert_);
-    s->bind(1, raw(row.fileID));
-    bindRow(insert_, row, 2);
+    s->bind(1, row.position).bind(2, raw(row.fileID));
+    bindRow(insert_, row, 3);
     s->run();
 }
 
 void Index::update(const ObjectRow& row) {
     folderNodes_.erase(raw(row.fileID));
     StatementScope s(update_);
-    bindRow(update_, row, 1);
+    s->bind(1, row.position);
+    bindRow(update_, row, 2);
     s->bind(17, raw(row.fileID));
     s->run();
 }

@@ -32,8 +32,8 @@ enum class ObjectState : std::uint8_t {
     gone = 2,     ///< departed: recorded as such, kept until a full comparison has not found it anywhere
 };
 
-/// One object below the roots as it was last compared.
-struct ObjectRow {
+/// One object below the roots as far as a listing needs to know it.
+struct EntryRow {
     FileID fileID{};
     ObjectIdentity identity;
     std::optional<DocumentID> documentID;
@@ -44,11 +44,6 @@ struct ObjectRow {
     bool package = false;
     bool visible = false;  ///< clients may be told of it
     ObjectState state = ObjectState::live;
-    std::uint64_t size = 0;
-    std::int64_t modified = 0;
-    std::int64_t changed = 0;
-    std::uint64_t event = 0;   ///< of its last recorded change; 0 for none
-    std::uint32_t change = 0;  ///< what that change was, as event flags
     /// Folders: the change time at which the entries were read and known to be settled; 0 when they are to be read
     /// again.
     std::int64_t listed = 0;
@@ -57,6 +52,15 @@ struct ObjectRow {
     bool isDirectory() const { return kind == FileKind::directory; }
     /// Documents carry document IDs: regular files and packages.
     bool isDocument() const { return kind == FileKind::regular || (isDirectory() && package); }
+};
+
+/// All that is known of an object as it was last compared.
+struct ObjectRow : EntryRow {
+    std::uint64_t size = 0;
+    std::int64_t modified = 0;
+    std::int64_t changed = 0;
+    std::uint64_t event = 0;   ///< of its last recorded change; 0 for none
+    std::uint32_t change = 0;  ///< what that change was, as event flags
 };
 
 /// What the way from an object to its root needs to know of each folder on it.
@@ -82,6 +86,8 @@ struct LinkRow {
 /// I1: no two rows have the same identity, file ID or document ID.
 /// I2: a file ID is the object's inode number if this store never gave that number to another object, else a fresh one.
 /// I3: a live row's parent is a live folder row, or 0 for a root.
+/// I4: no two rows have the same position. It is the key of the table, so that the rows of a folder that was read at once
+///     lie side by side and a listing goes through them in the order in which they are stored.
 class Index {
 public:
     Index(Database& database, Numbers& numbers);
@@ -99,11 +105,11 @@ public:
     void forgetFolders() { folderNodes_.clear(); }
 
     /// Live children of a folder, in the order in which they came, after a position, at most `limit`.
-    std::vector<ObjectRow> children(FileID folder, std::uint64_t afterPosition, std::size_t limit);
+    std::vector<EntryRow> children(FileID folder, std::uint64_t afterPosition, std::size_t limit);
     /// Live and missing children with every field, in no order, for comparing a folder.
     std::vector<ObjectRow> allChildren(FileID folder);
     /// Live children that are folders, in the order in which they came.
-    std::vector<ObjectRow> folders(FileID folder);
+    std::vector<EntryRow> folders(FileID folder);
     /// Passes over `count` visible-by-name live children after a position; returns how many there were and the position
     /// of the last one.
     struct Skipped {
@@ -132,7 +138,8 @@ public:
     std::uint64_t rowCount();
 
 private:
-    ObjectRow rowFrom(const Statement& statement) const;
+    static void readEntry(const Statement& statement, EntryRow& row);
+    static ObjectRow rowFrom(const Statement& statement);
     void bindRow(Statement& statement, const ObjectRow& row, int first);
     bool wasIssued(std::uint64_t fileID);
 

@@ -24,14 +24,15 @@ CREATE TABLE meta(key TEXT PRIMARY KEY, value) WITHOUT ROWID;
 CREATE TABLE counter(kind INTEGER PRIMARY KEY, next INTEGER NOT NULL, reserved INTEGER NOT NULL);
 CREATE TABLE filesystem(id INTEGER PRIMARY KEY, identity TEXT NOT NULL UNIQUE);
 CREATE TABLE object(
-  fileID INTEGER PRIMARY KEY, fs INTEGER NOT NULL, inode INTEGER NOT NULL, birth INTEGER NOT NULL, docID INTEGER,
-  parent INTEGER NOT NULL, position INTEGER NOT NULL, name BLOB NOT NULL, kind INTEGER NOT NULL,
-  state INTEGER NOT NULL, size INTEGER NOT NULL, modified INTEGER NOT NULL, changed INTEGER NOT NULL,
-  event INTEGER NOT NULL, change INTEGER NOT NULL, listed INTEGER NOT NULL, entries INTEGER NOT NULL);
+  position INTEGER PRIMARY KEY, fileID INTEGER NOT NULL, fs INTEGER NOT NULL, inode INTEGER NOT NULL,
+  birth INTEGER NOT NULL, docID INTEGER, parent INTEGER NOT NULL, name BLOB NOT NULL, kind INTEGER NOT NULL,
+  state INTEGER NOT NULL, listed INTEGER NOT NULL, entries INTEGER NOT NULL, size INTEGER NOT NULL,
+  modified INTEGER NOT NULL, changed INTEGER NOT NULL, event INTEGER NOT NULL, change INTEGER NOT NULL);
+CREATE UNIQUE INDEX object_file ON object(fileID);
 CREATE UNIQUE INDEX object_identity ON object(inode, birth, fs);
 CREATE UNIQUE INDEX object_document ON object(docID) WHERE docID IS NOT NULL;
-CREATE INDEX object_order ON object(parent, position);
-CREATE INDEX object_folders ON object(parent, position) WHERE kind & 15 = 1;
+CREATE INDEX object_order ON object(parent);
+CREATE INDEX object_folders ON object(parent) WHERE kind & 15 = 1;
 CREATE INDEX object_event ON object(event) WHERE event > 0;
 CREATE INDEX object_state ON object(state) WHERE state > 0;
 CREATE TABLE retired(fileID INTEGER PRIMARY KEY);
