@@ -72,6 +72,7 @@ public:
         fatal("resolving deleted from the index");
     }
     URL documentStorageURL() const override { return kStorage; }
+    Relationship relationshipToDocumentStorage(const URL& url) const override { return relationship(kStorage, url); }
 };
 
 class CountingLog : public log::Log {

@@ -18,7 +18,8 @@ public:
     void signalEnumeratorForContainer(const std::string& container, hostframework::Completion completion) override;
     void deleteSearchableItemsWithDomainIdentifiers(const std::vector<std::string>& domains,
                                                     hostframework::Completion completion) override;
-    URL documentStorageURL() const override { return storage_; }
+    URL documentStorageURL() const override { return URL::file(storage_.path()); }
+    Relationship relationshipToDocumentStorage(const URL& url) const override { return relationship(storage_, url); }
 
     std::vector<std::string> signals() const;
     /// Blocks until that many signals came, at most 10 s; returns them all.

@@ -98,9 +98,9 @@ AppLibraryItemPtr LocalAppLibraryManager::appLibraryForItemIdentifier(
     return item ? *item : nullptr;
 }
 
-registry::BundleRecordPtr LocalAppLibraryManager::recordForRootURL(const URL& rootURL) const {
+registry::BundleRecordPtr LocalAppLibraryManager::recordForRootPath(std::string_view rootPath) const {
     const auto held = generation();
-    const registry::BundleRecordPtr* record = held->bundleProxiesByRootURLs.find(rootURL);
+    const registry::BundleRecordPtr* record = held->bundleProxiesByRootURLs.find(rootPath);
     return record ? *record : nullptr;
 }
 
@@ -115,16 +115,16 @@ std::vector<URL> LocalAppLibraryManager::rootURLsForAppLibraries() const {
 
 registry::BundleRecordPtr LocalAppLibraryManager::recordForURL(const URL& url, Relationship wanted) const {
     if (!url.isFileURL()) return nullptr;
-    if (wanted == Relationship::same) return recordForRootURL(url);
+    if (wanted == Relationship::same) return recordForRootPath(url.path());
     const std::string_view rootPath = rootPathOf(url.path());
     // A root does not hold itself.
     if (wanted != Relationship::contains || rootPath.empty() || rootPath.size() == url.path().size()) return nullptr;
-    return recordForRootURL(URL::file(rootPath));
+    return recordForRootPath(rootPath);
 }
 
 Relationship LocalAppLibraryManager::relationshipToRoots(const URL& url) const {
     const std::string_view rootPath = url.isFileURL() ? rootPathOf(url.path()) : std::string_view();
-    if (rootPath.empty() || !recordForRootURL(URL::file(rootPath))) return Relationship::other;
+    if (rootPath.empty() || !recordForRootPath(rootPath)) return Relationship::other;
     return rootPath.size() == url.path().size() ? Relationship::same : Relationship::contains;
 }
 

@@ -28,7 +28,7 @@ using AppLibraryItemPtr = std::shared_ptr<items::LocalAppLibraryItem>;
 struct AppLibraryGeneration {
     std::uint64_t versionToken = 0;
     OrderedDictionary<hostframework::ItemIdentifier, AppLibraryItemPtr> appLibrariesByItemIDs;
-    OrderedDictionary<URL, registry::BundleRecordPtr, URLHash> bundleProxiesByRootURLs;
+    OrderedDictionary<URL, registry::BundleRecordPtr, URLHash, URLEqual> bundleProxiesByRootURLs;
 };
 
 /// Holds one generation of the app libraries: filled from its cache file when it is made, and changed only by an
@@ -53,7 +53,6 @@ public:
     std::vector<hostframework::ProviderItemPtr> appLibraryItems() const;
     /// Null when there is no such app library.
     AppLibraryItemPtr appLibraryForItemIdentifier(const hostframework::ItemIdentifier& identifier) const;
-    registry::BundleRecordPtr recordForRootURL(const URL& rootURL) const;
 
     std::vector<URL> rootURLsForAppLibraries() const override;
     registry::BundleRecordPtr recordForURL(const URL& url, Relationship relationship) const override;
@@ -76,6 +75,7 @@ public:
 private:
     LocalAppLibraryManager(const AppLibraryServices& services, CacheSource cacheSource, Instance instance);
     void load();
+    registry::BundleRecordPtr recordForRootPath(std::string_view rootPath) const;
     std::shared_ptr<AppLibraryGeneration> build(const AppLibraryRecords& records, std::string_view failureText) const;
     std::string descriptionOf(const AppLibraryGeneration& generation) const;
     LocalAppLibraryCache& cache() const;

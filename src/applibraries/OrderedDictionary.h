@@ -10,7 +10,8 @@ namespace tarnwell::applibraries {
 
 /// A dictionary that is read in the order in which its keys were first set, so that what people see keeps one order.
 /// Setting a key again replaces its value in its old position.
-template <typename Key, typename Value, typename Hash = std::hash<Key>>
+/// With a transparent hash and equality a key is also found by what compares equal to it.
+template <typename Key, typename Value, typename Hash = std::hash<Key>, typename Equal = std::equal_to<Key>>
 class OrderedDictionary {
 public:
     using Entries = std::vector<std::pair<Key, Value>>;
@@ -24,7 +25,8 @@ public:
         }
     }
     /// Null when there is no such key; valid until the next `set`.
-    const Value* find(const Key& key) const {
+    template <typename Like>
+    const Value* find(const Like& key) const {
         auto position = positions_.find(key);
         return position == positions_.end() ? nullptr : &entries_[position->second].second;
     }
@@ -36,7 +38,7 @@ public:
 
 private:
     Entries entries_;
-    std::unordered_map<Key, std::size_t, Hash> positions_;
+    std::unordered_map<Key, std::size_t, Hash, Equal> positions_;
 };
 
 }  // namespace tarnwell::applibraries

@@ -59,7 +59,8 @@ GatherPhaseResumeAnswer canResumeGatherPhase(const FSEnvironment& environment, c
                                                             .interest = events::Interest::departuresOnly});
     const auto checker = std::make_shared<FSEventChecker>(reader);
     reader->setDelegate(checker);
-    reader->streamQueue()->async([reader] { reader->start(); });
+    // This thread waits for the answer, so it may as well find it.
+    reader->streamQueue()->asyncAndHelp([reader] { reader->start(); });
     auto status = checker->wait();
     // The stop was queued before the answer came; behind it, nothing of the reader is left to run.
     reader->streamQueue()->sync([] {});

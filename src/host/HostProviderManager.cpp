@@ -42,4 +42,8 @@ void HostProviderManager::deleteSearchableItemsWithDomainIdentifiers(const std::
 // Each caller gets a URL with a cache of its own, so that nobody sees values that another one remembered.
 URL HostProviderManager::documentStorageURL() const { return URL::file(storagePath_); }
 
+Relationship HostProviderManager::relationshipToDocumentStorage(const URL& url) const {
+    return url.isFileURL() ? relationship(storagePath_, url.path()) : Relationship::other;
+}
+
 }  // namespace tarnwell::host

@@ -35,6 +35,7 @@ public:
     void deleteSearchableItemsWithDomainIdentifiers(const std::vector<std::string>& domains,
                                                     hostframework::Completion completion) override;
     URL documentStorageURL() const override;
+    Relationship relationshipToDocumentStorage(const URL& url) const override;
 
 private:
     struct State {

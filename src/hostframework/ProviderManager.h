@@ -23,8 +23,10 @@ public:
     /// Removes the search-index entries of whole domains.
     virtual void deleteSearchableItemsWithDomainIdentifiers(const std::vector<std::string>& domains,
                                                             Completion completion) = 0;
-    /// The storage root.
+    /// The storage root; a URL object of its own at each call.
     virtual URL documentStorageURL() const = 0;
+    /// Where a URL stands to the storage root.
+    virtual Relationship relationshipToDocumentStorage(const URL& url) const = 0;
 };
 
 }  // namespace tarnwell::hostframework

@@ -111,7 +111,7 @@ std::optional<std::string> TWPFileObjectIdentifier::itemIdentifier(const URL& ur
         environment_.log.raw(Level::error, "can't compute file object identifier if not a file URL");
         return std::nullopt;
     }
-    switch (relationship(environment_.providerManager.documentStorageURL(), url)) {
+    switch (environment_.providerManager.relationshipToDocumentStorage(url)) {
         case Relationship::contains:
             break;
         case Relationship::same:

@@ -80,9 +80,9 @@ TEST_F(LocalAppLibraryManagerTest, LooksUpByIdentifierAndByRoot) {
     EXPECT_EQ(manager->appLibraryForItemIdentifier("#org.example.C"), nullptr);
     EXPECT_EQ(manager->appLibraryForItemIdentifier(""), nullptr);
 
-    ASSERT_TRUE(manager->recordForRootURL(roots[0]));
-    EXPECT_EQ(manager->recordForRootURL(roots[0])->bundleIdentifier(), "org.example.A");
-    EXPECT_EQ(manager->recordForRootURL(roots[0].appending("x")), nullptr);
+    ASSERT_TRUE(manager->recordForURL(roots[0], Relationship::same));
+    EXPECT_EQ(manager->recordForURL(roots[0], Relationship::same)->bundleIdentifier(), "org.example.A");
+    EXPECT_EQ(manager->recordForURL(roots[0].appending("x"), Relationship::same), nullptr);
     ASSERT_TRUE(manager->recordForItemIdentifier("#org.example.A"));
     EXPECT_EQ(manager->recordForItemIdentifier("#org.example.A")->bundleIdentifier(), "org.example.A");
     EXPECT_EQ(manager->recordForItemIdentifier("org.example.A"), nullptr);
@@ -163,7 +163,7 @@ TEST_F(LocalAppLibraryManagerTest, LetsALaterRecordTakeTheKeyOfAnEarlierOne) {
     auto item = manager->appLibraryForItemIdentifier("#(null)");
     ASSERT_TRUE(item);
     EXPECT_EQ(device_.roots().realPath(item->fileURL().path()), realRoot("C"));
-    EXPECT_EQ(manager->recordForItemIdentifier("#(null)"), manager->recordForRootURL(item->fileURL()));
+    EXPECT_EQ(manager->recordForItemIdentifier("#(null)"), manager->recordForURL(item->fileURL(), Relationship::same));
 }
 
 TEST_F(LocalAppLibraryManagerTest, DescribesItself) {

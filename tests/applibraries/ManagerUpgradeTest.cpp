@@ -267,6 +267,7 @@ public:
         asked.release();
     }
     URL documentStorageURL() const override { return storage_; }
+    Relationship relationshipToDocumentStorage(const URL& url) const override { return relationship(storage_, url); }
 
     hostframework::Completion held;
     std::binary_semaphore asked{0};

@@ -33,7 +33,7 @@ struct SerialQueue::State : std::enable_shared_from_this<State> {
     bool turnTaken = false;
     std::deque<std::variant<Work, Waiter*>> pending;
 
-    void add(Work work);
+    bool addTakingTurn(Work work);
     void scheduleDrain();
     void drain();
     void takeTurn();
@@ -73,16 +73,14 @@ void SerialQueue::State::scheduleDrain() {
     pool->run([self = shared_from_this()] { self->drain(); });
 }
 
-void SerialQueue::State::add(Work work) {
-    {
-        std::lock_guard lock(mutex);
-        pending.emplace_back(std::move(work));
-        if (std::exchange(turnTaken, true)) return;
-    }
-    scheduleDrain();
+/// True when the turn was free: the caller has it now and must see to a drain.
+bool SerialQueue::State::addTakingTurn(Work work) {
+    std::lock_guard lock(mutex);
+    pending.emplace_back(std::move(work));
+    return !std::exchange(turnTaken, true);
 }
 
-/// Runs on a thread of the pool that has the turn, until nothing is pending or a waiting thread is next.
+/// Runs on a thread that has the turn, until nothing is pending or a waiting thread is next.
 void SerialQueue::State::drain() {
     CurrentScope scope(this);
     while (true) {
@@ -143,13 +141,21 @@ std::shared_ptr<SerialQueue> SerialQueue::create(std::shared_ptr<ThreadPool> poo
 
 void SerialQueue::async(Work work) {
     TARNWELL_CHECK(work);
-    state_->add(std::move(work));
+    if (state_->addTakingTurn(std::move(work))) state_->scheduleDrain();
+}
+
+void SerialQueue::asyncAndHelp(Work work) {
+    TARNWELL_CHECK(work);
+    std::shared_ptr<State> state = state_;  // the work may let go of the queue
+    if (state->addTakingTurn(std::move(work))) state->drain();
 }
 
 void SerialQueue::after(std::chrono::nanoseconds delay, Work work) {
     TARNWELL_CHECK(work);
     state_->pool->handOverAfter(delay,
-                                [state = state_, work = std::move(work)]() mutable { state->add(std::move(work)); });
+                                [state = state_, work = std::move(work)]() mutable {
+                                    if (state->addTakingTurn(std::move(work))) state->scheduleDrain();
+                                });
 }
 
 void SerialQueue::syncErased(const std::function<void()>& work) {

@@ -30,6 +30,10 @@ public:
     /// Adds work and returns at once.
     void async(Work work);
 
+    /// Adds work like `async`; if nobody is at the queue's work, the calling thread does all of it, also what it adds,
+    /// before this returns. For a caller that waits for the work anyway: no other thread has to be woken for it.
+    void asyncAndHelp(Work work);
+
     /// Adds work once `delay` from now has passed; work with an earlier deadline comes first, equal deadlines in the
     /// order given. Keeps the queue's work alive until then.
     void after(std::chrono::nanoseconds delay, Work work);

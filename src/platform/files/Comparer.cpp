@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "platform/files/ChangeTime.h"
 #include "platform/files/ComparisonRun.h"
 
 namespace tarnwell::files {
@@ -42,6 +43,13 @@ Result<void> Comparer::compareFolder(const Place& folder, const store::EntryRow&
     ComparisonRun run(*this);
     if (auto result = run.compareKnownFolder(folder, row, handle); !result) return result;
     return run.finish();
+}
+
+Result<store::ObjectRow> Comparer::comparedFolder(const Place& folder, const filesystem::Status& status) {
+    auto row = rowByPath(folder, status);
+    if (row && isAsListed(*row, status)) return row;
+    if (auto compared = compareFolder(folder); !compared) return failure(compared.error());
+    return rowAt(folder);
 }
 
 std::optional<Comparer::FileSystemEntry> Comparer::knownFileSystem(std::uint64_t device) {
@@ -109,6 +117,16 @@ bool Comparer::isObject(const store::EntryRow& row, const filesystem::Status& st
     auto fileSystem = knownFileSystem(status.device);
     // A device that was not met yet: inode and birth alike on two of them is what its number guards against later.
     return !fileSystem || fileSystem->number == row.identity.fileSystem;
+}
+
+Result<store::ObjectRow> Comparer::rowAt(const Place& place, const filesystem::Status& status) {
+    auto row = rowByPath(place, status);
+    return row || !row.error().is(ErrorDomain::posix, ESTALE) ? row : rowAt(place);
+}
+
+bool Comparer::isVouchedFor(const filesystem::Status& status, std::int64_t began) {
+    auto fileSystem = knownFileSystem(status.device);
+    return fileSystem && fileSystem->keepsChangeTimes && isSettled(status.changed, began);
 }
 
 Result<store::ObjectRow> Comparer::rowAt(const Place& place) {

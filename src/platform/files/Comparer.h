@@ -52,9 +52,14 @@ public:
     /// handle (O_PATH) of the folder above it, a folder that did not change is known without walking its path.
     Result<void> compareFolder(const Place& folder, const store::EntryRow& row, int handle = -1);
 
+    /// The row of a folder by the status that it was found with at its place, its names compared where they changed.
+    Result<store::ObjectRow> comparedFolder(const Place& folder, const filesystem::Status& status);
+
     /// The row of what stands at the place, looked at on disk; folders on the way are compared where they differ.
     /// ENOENT where nothing stands.
     Result<store::ObjectRow> rowAt(const Place& place);
+    /// The same by the status that the object was found with at its place a moment ago.
+    Result<store::ObjectRow> rowAt(const Place& place, const filesystem::Status& status);
     /// Where the object of a live row is, by the index alone; nothing where an ancestor is not live or its root is not
     /// among this program's.
     std::optional<Place> placeOf(store::Session& session, const store::EntryRow& row) const;
@@ -62,6 +67,12 @@ public:
     bool standsAt(const store::EntryRow& row, const Place& place);
     /// True when a status is of the row's object.
     bool isObject(const store::EntryRow& row, const filesystem::Status& status);
+    /// True when the status is of the row's folder and shows that its names are the known ones.
+    bool isAsListed(const store::EntryRow& row, const filesystem::Status& status) {
+        return row.listed != 0 && row.listed == status.changed && isObject(row, status);
+    }
+    /// True when the object's change time vouches for what a look that began at `began` (stampingClock) finds of it.
+    bool isVouchedFor(const filesystem::Status& status, std::int64_t began);
     /// True for the device number of a file system on which objects below the roots were met.
     bool isMetDevice(std::uint64_t device) { return knownFileSystem(device).has_value(); }
 

@@ -147,13 +147,13 @@ bool ComparisonRun::exchange(Folder& folder, const DiskEntry& entry, ObjectRow& 
     fresh.documentID.reset();
     fresh.position = session().numbers().nextPosition();
     fresh.state = ObjectState::live;
-    fresh.changed = 0;  // looked at again with its own folder
+    fresh.setChanged(0);  // looked at again with its own folder
     session().index().update(fresh);
     moved.documentID = first;
     moved.state = ObjectState::live;
     moved.size = entry.status.size;
     moved.modified = entry.status.modified;
-    moved.changed = entry.status.changed;
+    moved.setChanged(entry.status.changed);
     session().journal().recordDocumentChange(*first, raw(fresh.fileID), raw(moved.fileID));
     if (moved.visible) session().journal().recordChange(moved, store::kChangeModified);
     session().index().update(moved);
@@ -179,7 +179,7 @@ void ComparisonRun::addNew(Folder& folder, const DiskEntry& entry, ObjectRow* di
     row.visible = isVisibleEntry(folder.job.context, entry.name, row.isDirectory());
     row.size = entry.status.size;
     row.modified = entry.status.modified;
-    row.changed = entry.status.changed;
+    row.setChanged(entry.status.changed);
     bool takesOver = displaced != nullptr && displaced->documentID && displaced->isDocument() && row.isDocument();
     if (row.visible) {
         if (row.isDocument() && !takesOver) row.documentID = session().numbers().nextDocument();
@@ -204,7 +204,7 @@ void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& en
     row.state = ObjectState::live;
     row.size = entry.status.size;
     row.modified = entry.status.modified;
-    row.changed = entry.status.changed;
+    row.setChanged(entry.status.changed);
     bool showedContents = row.isDirectory() && toldOf && !old.package;
     bool showsContents = row.isDirectory() && row.visible && !row.package;
     if (showedContents && !showsContents) {

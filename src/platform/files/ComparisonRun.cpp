@@ -4,10 +4,10 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <ctime>
 #include <unordered_map>
 
 #include "platform/files/BackupName.h"
+#include "platform/files/ChangeTime.h"
 #include "platform/files/FileKinds.h"
 
 namespace tarnwell::files {
@@ -20,15 +20,6 @@ using store::ObjectState;
 
 /// How long a run keeps the store before others may look in.
 constexpr auto kSessionSpan = std::chrono::milliseconds(25);
-/// A folder whose change time is younger than this when its reading begins may change again without a new time: file
-/// systems stamp with the kernel's coarse clock, which ticks every 1 to 10 ms.
-constexpr std::int64_t kSettlingTime = 25'000'000;
-
-std::int64_t coarseNow() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME_COARSE, &now);
-    return now.tv_sec * 1'000'000'000 + now.tv_nsec;
-}
 
 bool isGoneWhileWorking(const Error& error) {
     return error.domain == ErrorDomain::posix &&
@@ -329,7 +320,7 @@ Result<ComparisonRun::Reading> ComparisonRun::readFolder(int descriptor, const f
     auto fileSystem = fileSystemFor(before.device, descriptor);
     if (!fileSystem) return failure(fileSystem.error());
     Reading reading;
-    std::int64_t began = coarseNow();
+    std::int64_t began = stampingClock();
     filesystem::DirectoryReader reader(descriptor);
     filesystem::DirectoryEntry entry;
     while (true) {
@@ -361,7 +352,7 @@ Result<ComparisonRun::Reading> ComparisonRun::readFolder(int descriptor, const f
     auto after = filesystem::statusOf(descriptor);
     if (!after) return failure(after.error());
     reading.settled =
-        fileSystem->keepsChangeTimes && after->changed == before.changed && before.changed + kSettlingTime < began;
+        fileSystem->keepsChangeTimes && after->changed == before.changed && isSettled(before.changed, began);
     return reading;
 }
 
@@ -399,7 +390,7 @@ void ComparisonRun::noteAttributes(ObjectRow& row, const filesystem::Status& sta
     bool content = row.modified != status.modified || row.size != status.size;
     row.size = status.size;
     row.modified = status.modified;
-    row.changed = status.changed;
+    row.setChanged(status.changed);
     if (row.visible) session().journal().recordChange(row, content ? store::kChangeModified : store::kChangeAttributes);
     session().index().update(row);
 }

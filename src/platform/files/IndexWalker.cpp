@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include "platform/files/ChangeTime.h"
 #include "platform/files/Snapshots.h"
 
 namespace tarnwell::files {
@@ -12,6 +13,8 @@ namespace {
 constexpr std::size_t kBatch = 101;
 /// Deeper folders are opened again by path when the walk comes back to them, so that descriptors stay bounded.
 constexpr std::size_t kOpenLevels = 32;
+/// Opening a folder at a path of more bytes costs more than a look at its status from the folder above.
+constexpr std::size_t kLongPath = 512;
 
 std::string joined(const std::string& folder, std::string_view name) {
     std::string path;
@@ -23,6 +26,14 @@ std::string joined(const std::string& folder, std::string_view name) {
 }
 
 }  // namespace
+
+Result<OpenedFolder> OpenedFolder::open(const Place& place) {
+    auto descriptor = filesystem::openBeneath(place.root->directory.get(), place.relative, O_RDONLY | O_DIRECTORY);
+    if (!descriptor) return failure(descriptor.error());
+    auto status = filesystem::statusOf(descriptor->get());
+    if (!status) return failure(status.error());
+    return OpenedFolder{std::move(*descriptor), *status};
+}
 
 void WalkPositions::remember(FileID folder, unsigned options, std::uint64_t count, std::uint64_t position) {
     std::lock_guard lock(mutex_);
@@ -49,8 +60,8 @@ std::pair<std::uint64_t, std::uint64_t> WalkPositions::best(FileID folder, unsig
 }
 
 IndexWalker::IndexWalker(Comparer& comparer, store::Store& store, mime::TypeDatabase& types, WalkPositions& positions,
-                         Place folder, std::string folderPath, store::EntryRow row, unsigned options,
-                         WalkErrorHandler errorHandler)
+                         Place folder, std::string folderPath, store::EntryRow row, std::optional<OpenedFolder> opened,
+                         unsigned options, WalkErrorHandler errorHandler)
     : comparer_(comparer),
       store_(store),
       types_(types),
@@ -61,10 +72,14 @@ IndexWalker::IndexWalker(Comparer& comparer, store::Store& store, mime::TypeData
     level->place = std::move(folder);
     level->path = std::move(folderPath);
     level->folder = std::move(row);
+    level->cache = cacheOf(level->folder);
+    level->opened = std::move(opened);
+    if (level->opened) learnMount(*level);
     levels_.push_back(std::move(level));
 }
 
 IndexWalker::~IndexWalker() {
+    keepBare();
     if (levels_.empty() || levels_.size() > 1 || pendingFolder_ || count_ == 0) return;
     // A scan looks one entry past its window, so the next page may begin at the last entry or after it.
     FileID folder = levels_[0]->folder.fileID;
@@ -79,29 +94,39 @@ bool IndexWalker::report(const std::string& path, const Error& error) {
 }
 
 bool IndexWalker::open(Level& level) {
-    if (level.descriptor.valid()) return true;
-    auto descriptor =
-        filesystem::openBeneath(level.place.root->directory.get(), level.place.relative, O_RDONLY | O_DIRECTORY);
-    if (!descriptor) {
-        report(level.path, descriptor.error());
+    if (level.opened) return true;
+    auto opened = OpenedFolder::open(level.place);
+    if (!opened) {
+        report(level.path, opened.error());
         level.atEnd = true;
         return false;
     }
-    level.descriptor = std::move(*descriptor);
-    if (auto mount = filesystem::mountStateOf(level.descriptor.get())) level.mount = *mount;
+    level.opened = std::move(*opened);
+    learnMount(level);
     return true;
+}
+
+/// Whether what lies in an open folder can be changed at all; asked once for each mount that the walk comes to.
+void IndexWalker::learnMount(Level& level) const {
+    const std::uint64_t mount = level.opened->status.mount;
+    const Level* above = levels_.empty() ? nullptr : levels_.back().get();
+    if (above != nullptr && above->opened && mount != 0 && above->opened->status.mount == mount) {
+        level.mount = above->mount;
+    } else if (auto state = filesystem::mountStateOf(level.opened->descriptor.get())) {
+        level.mount = *state;
+    }
 }
 
 /// A handle of the folder at that depth, reached through the one above it if that has one; -1 for none.
 int IndexWalker::handleOf(std::size_t depth) {
     Level& level = *levels_[depth];
-    if (level.descriptor.valid()) return level.descriptor.get();
+    if (level.opened) return level.opened->descriptor.get();
     if (!level.handle.valid()) {
         const std::string& path = level.place.relative;
         int above = -1;
         if (depth > 0) {
             const Level& parent = *levels_[depth - 1];
-            above = parent.descriptor.valid() ? parent.descriptor.get() : parent.handle.get();
+            above = parent.opened ? parent.opened->descriptor.get() : parent.handle.get();
         }
         auto handle = above >= 0
                           ? filesystem::openBeneath(above, path.substr(path.rfind('/') + 1), O_PATH | O_DIRECTORY)
@@ -112,7 +137,29 @@ int IndexWalker::handleOf(std::size_t depth) {
     return level.handle.get();
 }
 
+/// What its entries' URLs tell of the folder that they lie in, without another look at it.
+std::shared_ptr<ResourceCache> IndexWalker::cacheOf(const store::EntryRow& folder) {
+    auto cache = std::make_shared<ResourceCache>();
+    cache->setFileID(folder.fileID);
+    if (folder.documentID) cache->setDocumentID(*folder.documentID);
+    cache->setIsFolder(!folder.package);
+    return cache;
+}
+
+/// Notes what was found bare, so that the next listing need not ask for its attributes.
+void IndexWalker::keepBare() {
+    if (bare_.empty()) return;
+    store::Session session(store_);
+    session.write();
+    for (const auto& [position, changed] : bare_) session.index().setBare(position, changed);
+    // Without it the next listing asks again; a store that cannot be written is told of where that matters.
+    (void)session.commit();
+    bare_.clear();
+}
+
 bool IndexWalker::fill(Level& level) {
+    keepBare();
+    level.filled = stampingClock();
     store::Session session(store_);
     level.rows = session.index().children(level.folder.fileID, level.position, kBatch);
     level.nextRow = 0;
@@ -149,9 +196,9 @@ void IndexWalker::enter(const Level& parent, const store::EntryRow& row) {
 
 std::optional<URL> IndexWalker::urlFor(Level& level, const store::EntryRow& row) {
     if (!open(level)) return std::nullopt;
-    auto status = filesystem::statusAt(level.descriptor.get(), row.name.c_str());
+    auto status = filesystem::statusAt(level.opened->descriptor.get(), row.name.c_str());
     if (!status) return std::nullopt;
-    URL url = URL::file(joined(level.path, row.name));
+    URL url = URL::fileOfNormalPath(joined(level.path, row.name));
     bool sameObject = status->inode == row.identity.inode && status->birth == row.identity.birth;
     store::EntryRow current;
     const store::EntryRow* known = &row;
@@ -162,19 +209,25 @@ std::optional<URL> IndexWalker::urlFor(Level& level, const store::EntryRow& row)
         current = std::move(*found);
         known = &current;
     }
-    auto snapshot = makeSnapshot(types_, level.descriptor.get(), level.mount, row.name.c_str(), *status);
+    auto snapshot = makeSnapshot(types_, level.opened->descriptor.get(), level.mount, row.name.c_str(), *status,
+                                 barenessOf(*known, *status));
     if (!snapshot) return std::nullopt;
+    if ((*snapshot)->bare && !known->bare && known->changed == status->changed &&
+        comparer_.isVouchedFor(*status, level.filled)) {
+        bare_.emplace_back(known->position, known->changed);
+    }
     if (known->isDirectory() && known->listed != 0 && known->listed == status->changed) {
         (*snapshot)->entryCount = known->entries;
     }
     url.cache().setFileID(known->fileID);
     if (known->documentID) url.cache().setDocumentID(*known->documentID);
+    url.cache().setParent(level.cache);
     url.cache().keep(std::move(*snapshot));
     return url;
 }
 
 std::optional<URL> IndexWalker::next() {
-    while (auto row = step()) {
+    while (auto row = step(Purpose::looking)) {
         if (auto url = urlFor(*levels_.back(), *row)) {
             counted(*row);
             return url;
@@ -194,26 +247,42 @@ void IndexWalker::counted(const store::EntryRow& row) {
     if (descends(row)) enter(level, row);
 }
 
+/// Goes into the folder delivered last, whose names are compared where they changed.
+void IndexWalker::enterPending(Purpose purpose) {
+    auto [place, row] = std::move(*pendingFolder_);
+    pendingFolder_.reset();
+    auto level = std::make_unique<Level>();
+    level->place = std::move(place);
+    level->path = pendingPath_;
+    level->folder = std::move(row);
+    level->cache = cacheOf(level->folder);
+    // A folder that will be read anyway is opened first: its status may say that there is nothing to compare.
+    std::optional<OpenedFolder> opened;
+    if (purpose == Purpose::looking && level->place.relative.size() < kLongPath) {
+        if (auto its = OpenedFolder::open(level->place)) opened = std::move(*its);
+    }
+    if (!opened || !comparer_.isAsListed(level->folder, opened->status)) {
+        auto compared = comparer_.compareFolder(level->place, level->folder, handleOf(levels_.size() - 1));
+        if (!compared && !report(level->path, compared.error())) return;
+    }
+    if (opened && comparer_.isObject(level->folder, opened->status)) {
+        level->opened = std::move(opened);
+        learnMount(*level);
+    }
+    if (levels_.size() >= kOpenLevels) {
+        Level& above = *levels_[levels_.size() - kOpenLevels];
+        above.opened.reset();
+        above.handle = Descriptor();
+    }
+    levels_.push_back(std::move(level));
+}
+
 /// Goes to the next row, not looked at on disk; null at the end. It lives until the next step.
-const store::EntryRow* IndexWalker::step() {
+const store::EntryRow* IndexWalker::step(Purpose purpose) {
     while (!stopped_) {
         if (pendingFolder_) {
-            auto [place, row] = std::move(*pendingFolder_);
-            pendingFolder_.reset();
-            auto compared = comparer_.compareFolder(place, row, handleOf(levels_.size() - 1));
-            if (!compared) {
-                if (!report(pendingPath_, compared.error())) return nullptr;
-            }
-            auto level = std::make_unique<Level>();
-            level->place = std::move(place);
-            level->path = pendingPath_;
-            level->folder = std::move(row);
-            if (levels_.size() >= kOpenLevels) {
-                Level& above = *levels_[levels_.size() - kOpenLevels];
-                above.descriptor = Descriptor();
-                above.handle = Descriptor();
-            }
-            levels_.push_back(std::move(level));
+            enterPending(purpose);
+            if (stopped_) return nullptr;
         }
         Level& level = *levels_.back();
         const store::EntryRow* row = nextRow(level);
@@ -232,7 +301,7 @@ std::uint64_t IndexWalker::skip(std::uint64_t count) {
         // Counting a tree means walking its folders, but no entry needs to be looked at.
         std::uint64_t skipped = 0;
         for (; skipped < count; ++skipped) {
-            const store::EntryRow* row = step();
+            const store::EntryRow* row = step(Purpose::counting);
             if (row == nullptr) break;
             counted(*row);
         }

@@ -3,13 +3,16 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "platform/base/Descriptor.h"
 #include "platform/files/Comparer.h"
 #include "platform/files/FileSystem.h"
 #include "platform/filesystem/Access.h"
+#include "platform/filesystem/Beneath.h"
 
 namespace tarnwell::files {
 
@@ -34,13 +37,21 @@ private:
     std::deque<Entry> entries_;
 };
 
+/// A folder open for reading, and its status right after it was opened.
+struct OpenedFolder {
+    static Result<OpenedFolder> open(const Place& place);
+    Descriptor descriptor;
+    filesystem::Status status;
+};
+
 /// Walks folders in the order that the index keeps, looking at each entry on disk.
 class IndexWalker : public DirectoryWalker {
 public:
-    /// `folderPath` is the URL path of the folder, whose names were compared just now.
+    /// `folderPath` is the URL path of the folder, whose names were compared just now; without `opened` it is opened at
+    /// its place.
     IndexWalker(Comparer& comparer, store::Store& store, mime::TypeDatabase& types, WalkPositions& positions,
-                Place folder, std::string folderPath, store::EntryRow row, unsigned options,
-                WalkErrorHandler errorHandler);
+                Place folder, std::string folderPath, store::EntryRow row, std::optional<OpenedFolder> opened,
+                unsigned options, WalkErrorHandler errorHandler);
     ~IndexWalker() override;
 
     std::optional<URL> next() override;
@@ -51,19 +62,27 @@ private:
         Place place;
         std::string path;
         store::EntryRow folder;
-        Descriptor descriptor;
+        std::shared_ptr<ResourceCache> cache;  ///< of the folder's URL, as its entries' URLs derive it
+        std::optional<OpenedFolder> opened;
         Descriptor handle;  ///< O_PATH, for looks at the status of what lies in it while nothing is read
         filesystem::MountState mount = filesystem::MountState::writable;
         std::vector<store::EntryRow> rows;
         std::size_t nextRow = 0;
         std::uint64_t position = 0;  ///< of the last row taken
+        std::int64_t filled = 0;     ///< when the rows were read, by the clock that file systems stamp with
         bool atEnd = false;
     };
-    const store::EntryRow* step();
+    /// Whether the entries that are stepped over are also looked at on disk.
+    enum class Purpose { looking, counting };
+    const store::EntryRow* step(Purpose purpose);
+    void enterPending(Purpose purpose);
     void counted(const store::EntryRow& row);
     bool open(Level& level);
+    void learnMount(Level& level) const;
     int handleOf(std::size_t depth);
     bool fill(Level& level);
+    void keepBare();
+    static std::shared_ptr<ResourceCache> cacheOf(const store::EntryRow& folder);
     const store::EntryRow* nextRow(Level& level);
     bool descends(const store::EntryRow& row) const;
     void enter(const Level& parent, const store::EntryRow& row);
@@ -83,6 +102,7 @@ private:
     std::uint64_t countedPosition_ = 0;   ///< of the last of them
     std::uint64_t previousPosition_ = 0;  ///< of the one before it; 0 when it is not known
     bool stopped_ = false;
+    std::vector<std::pair<std::uint64_t, std::int64_t>> bare_;  ///< positions and change times of what was found bare
 };
 
 }  // namespace tarnwell::files

@@ -30,6 +30,11 @@ Result<std::size_t> attributeAt(const Place& place, const std::string& name, std
     return filesystem::getAttributeAt(parent->folder.get(), parent->name.c_str(), name, buffer);
 }
 
+void rememberNumbers(const URL& url, const store::EntryRow& row) {
+    url.cache().setFileID(row.fileID);
+    if (row.documentID) url.cache().setDocumentID(*row.documentID);
+}
+
 /// The answer of a look-up of resource values: a missing object has an error of its own.
 Error asReadError(const Error& error) {
     return isAbsence(error) ? Error{ErrorDomain::generalFile, kNoSuchFileOnRead, {}} : error;
@@ -80,7 +85,7 @@ Result<const ResourceSnapshot*> LocalFileSystem::snapshotOf(const URL& url) {
     if (!status) return failure(status.error());
     auto mount = filesystem::mountStateOf(parent->folder.get());
     auto snapshot = makeSnapshot(types_, parent->folder.get(), mount.value_or(filesystem::MountState::writable),
-                                 parent->name.c_str(), *status);
+                                 parent->name.c_str(), *status, Bareness::unknown);
     if (!snapshot) return failure(snapshot.error());
     return url.cache().keep(std::move(*snapshot));
 }
@@ -96,8 +101,7 @@ Result<ResourceValue> LocalFileSystem::resourceValue(const URL& url, ResourceKey
         auto place = placeOf(url);
         auto row = place ? comparer_.rowAt(*place) : Result<store::ObjectRow>(failure(place.error()));
         if (!row) return failure(asReadError(row.error()));
-        url.cache().setFileID(row->fileID);
-        if (row->documentID) url.cache().setDocumentID(*row->documentID);
+        rememberNumbers(url, *row);
         if (wantsFile) return ResourceValue(raw(row->fileID));
         if (row->documentID) return ResourceValue(std::uint64_t{raw(*row->documentID)});
         return ResourceValue();
@@ -108,7 +112,7 @@ Result<ResourceValue> LocalFileSystem::resourceValue(const URL& url, ResourceKey
     switch (key) {
         case ResourceKey::name:
         case ResourceKey::localizedName:
-            return ResourceValue(values.name);
+            return ResourceValue(values.name ? *values.name : std::string(url.lastPathComponent()));
         case ResourceKey::typeIdentifier:
             return ResourceValue(std::string(values.typeIdentifier));
         case ResourceKey::fileSize:
@@ -122,7 +126,7 @@ Result<ResourceValue> LocalFileSystem::resourceValue(const URL& url, ResourceKey
         case ResourceKey::isWritable:
             return ResourceValue(values.writable);
         case ResourceKey::isHidden:
-            return ResourceValue(values.name.starts_with('.'));
+            return ResourceValue(values.name ? values.name->starts_with('.') : url.lastPathComponent().starts_with('.'));
         case ResourceKey::isDirectory:
             return ResourceValue(values.kind == FileKind::directory);
         case ResourceKey::isPackage:
@@ -155,6 +159,8 @@ bool LocalFileSystem::isFolder(const URL& url) {
     bool package = S_ISDIR(status->mode) && !place->relative.empty() && types_.isPackageName(url.lastPathComponent());
     bool folder = !S_ISREG(status->mode) && !package;
     url.cache().setIsFolder(folder);
+    // Whoever asks is going to name the object, by what was found just now.
+    if (auto row = comparer_.rowAt(*place, *status)) rememberNumbers(url, *row);
     return folder;
 }
 
@@ -224,12 +230,11 @@ Result<URL> LocalFileSystem::locate(const store::ObjectRow& row, const Place& pl
     if (!comparer_.isObject(row, *status)) return failure(posixError(ENOENT));
     auto mount = filesystem::mountStateOf(parent->folder.get());
     auto snapshot = makeSnapshot(types_, parent->folder.get(), mount.value_or(filesystem::MountState::writable),
-                                 parent->name.c_str(), *status);
+                                 parent->name.c_str(), *status, barenessOf(row, *status));
     if (!snapshot) return failure(snapshot.error());
     if (row.isDirectory() && row.listed != 0 && row.listed == status->changed) (*snapshot)->entryCount = row.entries;
     URL url = URL::file(place.root->name + "/" + place.relative);
-    url.cache().setFileID(row.fileID);
-    if (row.documentID) url.cache().setDocumentID(*row.documentID);
+    rememberNumbers(url, row);
     url.cache().keep(std::move(*snapshot));
     if (auto folder = filesystem::statusOf(parent->folder.get())) {
         // The folder was looked at as well, which its identifier needs.
@@ -320,7 +325,7 @@ Result<FileStatus> LocalFileSystem::stat(const URL& url) {
         status = filesystem::statusBeneath(place->root->directory.get(), place->relative);
         if (!status) return failure(status.error());
     }
-    auto row = comparer_.rowAt(*place);
+    auto row = comparer_.rowAt(*place, *status);
     if (!row) return failure(row.error());
     FileStatus answer{row->fileID, status->mode, status->links, status->size};
     if (S_ISDIR(status->mode)) {
@@ -375,13 +380,15 @@ Result<std::unique_ptr<DirectoryWalker>> LocalFileSystem::walk(const URL& folder
                                                                WalkErrorHandler errorHandler) {
     auto place = placeOf(folder);
     if (!place) return failure(place.error());
-    auto opened = filesystem::openBeneath(place->root->directory.get(), place->relative, O_RDONLY | O_DIRECTORY);
-    if (!opened) return failure(opened.error());
-    if (auto compared = comparer_.compareFolder(*place); !compared) return failure(compared.error());
-    auto row = comparer_.rowAt(*place);
+    auto folderNow = OpenedFolder::open(*place);
+    if (!folderNow) return failure(folderNow.error());
+    auto row = comparer_.comparedFolder(*place, folderNow->status);
     if (!row) return failure(row.error());
+    // Where another folder took the place meanwhile, the walker opens that one.
+    std::optional<OpenedFolder> opened;
+    if (comparer_.isObject(*row, folderNow->status)) opened = std::move(*folderNow);
     return std::make_unique<IndexWalker>(comparer_, store_, types_, positions_, std::move(*place), folder.path(),
-                                         std::move(*row), options, std::move(errorHandler));
+                                         std::move(*row), std::move(opened), options, std::move(errorHandler));
 }
 
 Result<void> LocalFileSystem::createDirectory(const URL& url) {

@@ -34,11 +34,11 @@ std::string_view typeFromContent(mime::TypeDatabase& types, int folder, const ch
 std::string_view typeOf(mime::TypeDatabase& types, int folder, const char* entry, const ResourceSnapshot& snapshot) {
     switch (snapshot.kind) {
         case FileKind::regular: {
-            std::string_view declared = types.typeForName(snapshot.name);
+            std::string_view declared = types.typeForName(entry);
             return declared.empty() ? typeFromContent(types, folder, entry, snapshot.size) : declared;
         }
         case FileKind::directory:
-            return snapshot.package ? types.typeForName(snapshot.name) : mime::kFolderType;
+            return snapshot.package ? types.typeForName(entry) : mime::kFolderType;
         case FileKind::symbolicLink:
             return "inode/symlink";
         case FileKind::fifo:
@@ -54,9 +54,8 @@ std::string_view typeOf(mime::TypeDatabase& types, int folder, const char* entry
 }
 
 /// What the status alone tells.
-std::unique_ptr<ResourceSnapshot> basicSnapshot(std::string name, const filesystem::Status& status) {
+std::unique_ptr<ResourceSnapshot> basicSnapshot(const filesystem::Status& status) {
     auto snapshot = std::make_unique<ResourceSnapshot>();
-    snapshot->name = std::move(name);
     snapshot->kind = kindOf(status.mode);
     snapshot->mode = status.mode;
     snapshot->size = status.size;
@@ -91,13 +90,15 @@ filesystem::AccessList takeAttributes(ResourceSnapshot& snapshot, filesystem::At
 
 Result<std::unique_ptr<ResourceSnapshot>> makeSnapshot(mime::TypeDatabase& types, int folder,
                                                        filesystem::MountState mount, const char* entry,
-                                                       const filesystem::Status& status) {
-    auto snapshot = basicSnapshot(entry, status);
-    snapshot->package = snapshot->kind == FileKind::directory && types.isPackageName(snapshot->name);
+                                                       const filesystem::Status& status, Bareness bareness) {
+    auto snapshot = basicSnapshot(status);
+    snapshot->package = snapshot->kind == FileKind::directory && types.isPackageName(entry);
 
     auto list = filesystem::AccessList::absent;
-    auto names = filesystem::attributeNamesAt(folder, entry);
+    auto names = bareness == Bareness::known ? filesystem::AttributeNames()
+                                             : filesystem::attributeNamesAt(folder, entry);
     if (names) {
+        snapshot->bare = names->user.empty() && !names->hasAccessList;
         list =
             takeAttributes(*snapshot, std::move(*names), [&](const std::string& name, std::span<std::uint8_t> buffer) {
                 return filesystem::getAttributeAt(folder, entry, name, buffer);
@@ -119,7 +120,8 @@ Result<std::unique_ptr<ResourceSnapshot>> makeRootSnapshot(const Root& root) {
     int folder = root.directory.get();
     auto status = filesystem::statusOf(folder);
     if (!status) return failure(status.error());
-    auto snapshot = basicSnapshot(root.realPath.substr(root.realPath.rfind('/') + 1), *status);
+    auto snapshot = basicSnapshot(*status);
+    snapshot->name = root.realPath.substr(root.realPath.rfind('/') + 1);
     if (auto names = filesystem::attributeNamesOf(folder)) {
         takeAttributes(*snapshot, std::move(*names), [&](const std::string& name, std::span<std::uint8_t> buffer) {
             return filesystem::getAttributeOf(folder, name, buffer);

@@ -47,8 +47,8 @@ std::int64_t nanoseconds(const statx_timestamp& time) {
 Result<Status> statusBy(int descriptor, const char* name, int flags) {
     struct statx from{};
     const int done = untilNotInterrupted([&] {
-        return ::statx(descriptor, name, flags | AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_BASIC_STATS | STATX_BTIME,
-                       &from);
+        return ::statx(descriptor, name, flags | AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
+                       STATX_BASIC_STATS | STATX_BTIME | STATX_MNT_ID, &from);
     });
     if (done != 0) return failedCall();
     Status status;
@@ -63,6 +63,7 @@ Result<Status> statusBy(int descriptor, const char* name, int flags) {
     status.modified = nanoseconds(from.stx_mtime);
     status.changed = nanoseconds(from.stx_ctime);
     status.immutable = (from.stx_attributes & STATX_ATTR_IMMUTABLE) != 0;
+    if ((from.stx_mask & STATX_MNT_ID) != 0) status.mount = from.stx_mnt_id;
     return status;
 }
 

@@ -34,6 +34,7 @@ struct Status {
     std::int64_t modified = 0;  ///< nanoseconds since 1970
     std::int64_t changed = 0;   ///< nanoseconds since 1970
     bool immutable = false;     ///< nobody may change it, root included
+    std::uint64_t mount = 0;    ///< number of the mount that it was reached through; 0 where the kernel tells none
 };
 
 /// Opens `relative` ("" is the folder itself) below the folder: openat2(2) with RESOLVE_BENEATH, RESOLVE_NO_SYMLINKS

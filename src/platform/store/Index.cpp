@@ -6,11 +6,11 @@ namespace tarnwell::store {
 
 namespace {
 
-constexpr std::uint32_t kKindMask = 0x0f, kPackageBit = 0x10, kVisibleBit = 0x20;
+constexpr std::uint32_t kKindMask = 0x0f, kPackageBit = 0x10, kVisibleBit = 0x20, kBareBit = 0x40;
 
 #define TARNWELL_ENTRY_COLUMNS \
-    "position, fileID, fs, inode, birth, docID, parent, name, kind, state, listed, entries"
-#define TARNWELL_ROW_COLUMNS TARNWELL_ENTRY_COLUMNS ", size, modified, changed, event, change"
+    "position, fileID, fs, inode, birth, docID, parent, name, kind, state, listed, entries, changed"
+#define TARNWELL_ROW_COLUMNS TARNWELL_ENTRY_COLUMNS ", size, modified, event, change"
 
 }  // namespace
 
@@ -31,14 +31,15 @@ Index::Index(Database& database, Numbers& numbers)
       insert_(database, "INSERT INTO object(" TARNWELL_ROW_COLUMNS ") VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)"),
       update_(database,
               "UPDATE object SET position=?, fs=?, inode=?, birth=?, docID=?, parent=?, name=?, kind=?, state=?, "
-              "listed=?, entries=?, size=?, modified=?, changed=?, event=?, change=? WHERE fileID=?"),
+              "listed=?, entries=?, changed=?, size=?, modified=?, event=?, change=? WHERE fileID=?"),
       setListed_(database, "UPDATE object SET listed = ?, entries = ? WHERE fileID = ?"),
+      setBare_(database, "UPDATE object SET kind = kind | 64 WHERE position = ? AND changed = ?"),
       setState_(database, "UPDATE object SET state = ? WHERE fileID = ?"),
       issued_(database, "SELECT 1 FROM object WHERE fileID = ?1 UNION ALL SELECT 1 FROM retired WHERE fileID = ?1"),
       linksIn_(database, "SELECT fileID, parent, name, position FROM link WHERE parent = ?"),
       linksOf_(database, "SELECT fileID, parent, name, position FROM link WHERE fileID = ? ORDER BY position") {
-    static_assert(static_cast<int>(FileKind::directory) == 1,
-                  "the statement and the index above name the kind by number");
+    static_assert(static_cast<int>(FileKind::directory) == 1 && kBareBit == 64,
+                  "the statements and the index above name the kind and its bits by number");
 }
 
 void Index::readEntry(const Statement& s, EntryRow& row) {
@@ -52,17 +53,18 @@ void Index::readEntry(const Statement& s, EntryRow& row) {
     row.kind = static_cast<FileKind>(kind & kKindMask);
     row.package = (kind & kPackageBit) != 0;
     row.visible = (kind & kVisibleBit) != 0;
+    row.bare = (kind & kBareBit) != 0;
     row.state = static_cast<ObjectState>(s.unsignedAt(9));
     row.listed = s.signedAt(10);
     row.entries = static_cast<std::uint32_t>(s.unsignedAt(11));
+    row.changed = s.signedAt(12);
 }
 
 ObjectRow Index::rowFrom(const Statement& s) {
     ObjectRow row;
     readEntry(s, row);
-    row.size = s.unsignedAt(12);
-    row.modified = s.signedAt(13);
-    row.changed = s.signedAt(14);
+    row.size = s.unsignedAt(13);
+    row.modified = s.signedAt(14);
     row.event = s.unsignedAt(15);
     row.change = static_cast<std::uint32_t>(s.unsignedAt(16));
     return row;
@@ -76,11 +78,11 @@ void Index::bindRow(Statement& s, const ObjectRow& row, int i) {
     } else {
         s.bindNull(i + 3);
     }
-    std::uint32_t kind =
-        static_cast<std::uint32_t>(row.kind) | (row.package ? kPackageBit : 0) | (row.visible ? kVisibleBit : 0);
+    std::uint32_t kind = static_cast<std::uint32_t>(row.kind) | (row.package ? kPackageBit : 0) |
+                         (row.visible ? kVisibleBit : 0) | (row.bare ? kBareBit : 0);
     s.bind(i + 4, row.parent).bindBytes(i + 5, row.name).bind(i + 6, kind);
     s.bind(i + 7, static_cast<std::uint64_t>(row.state)).bindSigned(i + 8, row.listed).bind(i + 9, row.entries);
-    s.bind(i + 10, row.size).bindSigned(i + 11, row.modified).bindSigned(i + 12, row.changed);
+    s.bindSigned(i + 10, row.changed).bind(i + 11, row.size).bindSigned(i + 12, row.modified);
     s.bind(i + 13, row.event).bind(i + 14, row.change);
 }
 
@@ -192,6 +194,12 @@ void Index::update(const ObjectRow& row) {
     s->bind(1, row.position);
     bindRow(update_, row, 2);
     s->bind(17, raw(row.fileID));
+    s->run();
+}
+
+void Index::setBare(std::uint64_t position, std::int64_t changed) {
+    StatementScope s(setBare_);
+    s->bind(1, position).bindSigned(2, changed);
     s->run();
 }
 

@@ -48,7 +48,14 @@ struct EntryRow {
     /// again.
     std::int64_t listed = 0;
     std::uint32_t entries = 0;  ///< folders: how many entries were read then, hidden ones too
+    std::int64_t changed = 0;   ///< change time on disk (ctime), nanoseconds since 1970
+    bool bare = false;          ///< at that change time it had no extended attributes and no access list, nor can it
+                                ///< get one without another change time
 
+    void setChanged(std::int64_t time) {
+        bare = bare && time == changed;
+        changed = time;
+    }
     bool isDirectory() const { return kind == FileKind::directory; }
     /// Documents carry document IDs: regular files and packages.
     bool isDocument() const { return kind == FileKind::regular || (isDirectory() && package); }
@@ -58,7 +65,6 @@ struct EntryRow {
 struct ObjectRow : EntryRow {
     std::uint64_t size = 0;
     std::int64_t modified = 0;
-    std::int64_t changed = 0;
     std::uint64_t event = 0;   ///< of its last recorded change; 0 for none
     std::uint32_t change = 0;  ///< what that change was, as event flags
 };
@@ -125,6 +131,8 @@ public:
     void insert(ObjectRow& row);
     /// Writes every field of the row but the file ID.
     void update(const ObjectRow& row);
+    /// Notes that a row with that change time still is bare.
+    void setBare(std::uint64_t position, std::int64_t changed);
     void setListed(FileID folder, std::int64_t listed, std::uint32_t entries);
     void setState(FileID fileID, ObjectState state);
     /// Removes rows in state gone; their file IDs are never given again. Returns how many.
@@ -149,7 +157,7 @@ private:
     Numbers& numbers_;
     std::unordered_map<std::uint64_t, FolderNode> folderNodes_;
     Statement byFileID_, byIdentity_, byDocument_, children_, allChildren_, folders_, positions_, insert_, update_,
-        setListed_, setState_, issued_, linksIn_, linksOf_;
+        setListed_, setBare_, setState_, issued_, linksIn_, linksOf_;
 };
 
 }  // namespace tarnwell::store

@@ -17,7 +17,8 @@ enum class FileKind : std::uint8_t { regular, directory, symbolicLink, fifo, soc
 
 /// What one look at the disk told of an object; never changes once made.
 struct ResourceSnapshot {
-    std::string name;
+    /// The name on disk where it is not the last component of the URL's path.
+    std::optional<std::string> name;
     /// A shared-mime-info type name; the text lives as long as the process.
     std::string_view typeIdentifier;
     FileKind kind = FileKind::other;
@@ -35,6 +36,8 @@ struct ResourceSnapshot {
     };
     /// All of them when they were listed; nothing when not.
     std::optional<std::vector<Attribute>> attributes;
+    /// It has neither attributes nor an access list.
+    bool bare = false;
     /// Entries of a folder, hidden ones included, when they were counted.
     std::optional<std::uint32_t> entryCount;
     /// The object that the path leads to, links followed, when it is this one: true for everything but links.

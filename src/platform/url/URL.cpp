@@ -106,8 +106,8 @@ std::string_view withoutTrailingSlashes(std::string_view path) {
 
 }  // namespace
 
-URL::URL(bool isFile, std::string path)
-    : isFile_(isFile), path_(std::move(path)), cache_(std::make_shared<ResourceCache>()) {}
+URL::URL(bool isFile, std::string path, std::shared_ptr<ResourceCache> given)
+    : shared_(std::make_shared<const Shared>(isFile, std::move(path), std::move(given))) {}
 
 URL URL::file(std::string_view path) { return URL(true, isNormal(path) ? std::string(path) : normalized(path)); }
 
@@ -119,47 +119,45 @@ URL URL::parse(std::string_view text) {
 }
 
 std::string_view URL::lastPathComponent() const {
-    const std::string_view path = withoutTrailingSlashes(path_);
-    if (path == "/") return path;
-    const std::size_t slash = path.rfind('/');
-    return slash == std::string_view::npos ? path : path.substr(slash + 1);
+    const std::string_view whole = withoutTrailingSlashes(path());
+    if (whole == "/") return whole;
+    const std::size_t slash = whole.rfind('/');
+    return slash == std::string_view::npos ? whole : whole.substr(slash + 1);
 }
 
 std::vector<std::string> URL::pathComponents() const {
     std::vector<std::string> components;
-    if (!isFile_) return components;
-    components.reserve(static_cast<std::size_t>(std::ranges::count(path_, '/')) + 1);
+    if (!isFileURL()) return components;
+    components.reserve(static_cast<std::size_t>(std::ranges::count(path(), '/')) + 1);
     components.emplace_back("/");
-    forEachComponent(path_, [&](std::string_view component) { components.emplace_back(component); });
+    forEachComponent(path(), [&](std::string_view component) { components.emplace_back(component); });
     return components;
 }
 
 URL URL::appending(std::string_view component) const {
     std::string joined;
-    joined.reserve(path_.size() + 1 + component.size());
-    joined = path_;
+    joined.reserve(path().size() + 1 + component.size());
+    joined = path();
     if (joined.empty() || joined.back() != '/') joined += '/';
     joined += component;
-    if (!isFile_) return URL(false, std::move(joined));
+    if (!isFileURL()) return URL(false, std::move(joined));
     // One plain name, as every walk appends it, keeps a normal path normal.
     const bool plainName = !component.empty() && component != "." && component.find('/') == std::string_view::npos;
     return URL(true, plainName ? std::move(joined) : normalized(joined));
 }
 
 URL URL::deletingLastPathComponent() const {
-    const std::size_t slash = path_.rfind('/');
-    if (!isFile_ || slash == std::string::npos) return URL(isFile_, path_);
-    URL parent(true, path_.substr(0, std::max<std::size_t>(slash, 1)));
-    if (cache_->parent() != nullptr) parent.cache_ = cache_->parent();
-    return parent;
+    const std::size_t slash = path().rfind('/');
+    if (!isFileURL() || slash == std::string::npos) return URL(isFileURL(), path());
+    return URL(true, path().substr(0, std::max<std::size_t>(slash, 1)), cache().parent());
 }
 
 std::string URL::text() const {
-    if (!isFile_) return path_;
+    if (!isFileURL()) return path();
     static constexpr std::string_view kDigits = "0123456789ABCDEF";
     std::string result = "file://";
-    result.reserve(result.size() + path_.size() + path_.size() / 4);
-    for (const char c : path_) {
+    result.reserve(result.size() + path().size() + path().size() / 4);
+    for (const char c : path()) {
         if (isPlainInText(c)) {
             result += c;
             continue;
