@@ -52,6 +52,56 @@ TEST_F(SerialQueueTest, SyncOnAnIdleQueueRunsOnTheCallingThreadWithoutAnyOther) 
     EXPECT_EQ(pool_->threadCount(), 0u);
 }
 
+TEST_F(SerialQueueTest, AThreadThatHelpsDoesTheWorkAndWhatItAddsWithoutAnyOther) {
+    auto serial = queue();
+    std::vector<std::thread::id> threads;
+    serial->asyncAndHelp([&] {
+        EXPECT_TRUE(serial->isCurrent());
+        threads.push_back(std::this_thread::get_id());
+        serial->async([&] { threads.push_back(std::this_thread::get_id()); });
+        EXPECT_EQ(threads.size(), 1u) << "what the work adds comes after it";
+    });
+    EXPECT_EQ(threads, (std::vector{std::this_thread::get_id(), std::this_thread::get_id()}));
+    EXPECT_EQ(pool_->threadCount(), 0u);
+    EXPECT_FALSE(serial->isCurrent());
+}
+
+TEST_F(SerialQueueTest, HelpingOnABusyQueueOnlyAddsTheWork) {
+    auto serial = queue();
+    std::binary_semaphore started(0), goOn(0);
+    serial->async([&] {
+        started.release();
+        goOn.acquire();
+    });
+    started.acquire();
+    std::thread::id ranOn;
+    serial->asyncAndHelp([&] { ranOn = std::this_thread::get_id(); });
+    EXPECT_EQ(ranOn, std::thread::id());
+    goOn.release();
+    serial->sync([] {});
+    EXPECT_NE(ranOn, std::thread::id());
+    EXPECT_NE(ranOn, std::this_thread::get_id());
+}
+
+TEST_F(SerialQueueTest, AHelperLeavesTheTurnToAThreadThatWaitsForIt) {
+    auto serial = queue();
+    std::binary_semaphore waiting(0), done(0);
+    std::thread other;
+    std::vector<std::string> order;
+    serial->asyncAndHelp([&] {
+        other = std::thread([&] {
+            waiting.release();
+            serial->sync([&] { order.push_back("waited"); });
+            done.release();
+        });
+        waiting.acquire();
+        order.push_back("work");
+    });
+    done.acquire();
+    other.join();
+    EXPECT_EQ(order, (std::vector<std::string>{"work", "waited"}));
+}
+
 TEST_F(SerialQueueTest, SyncOnABusyQueueWaitsForAllWorkBeforeIt) {
     auto serial = queue();
     std::binary_semaphore started(0), goOn(0);

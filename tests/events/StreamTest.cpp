@@ -250,6 +250,18 @@ TEST(Stream, DeparturesOnlyLeavesOutChanges) {
     EXPECT_EQ((Lines{"- goes", "history done"}), told(device, collector.until(kEventHistoryDone)));
 }
 
+TEST(Stream, APositionWithoutInterestIsWhatIsRecorded) {
+    TestDevice device;
+    writeFile(device.path("known"), "");
+    const EventID known = device.settle();
+    writeFile(device.path("not looked at yet"), "");
+    EXPECT_EQ(device.events().currentEventID({device.url()}, Interest::nothing), known);
+    const auto looked = device.events().currentEventID({device.url()}, Interest::departuresOnly);
+    ASSERT_TRUE(looked.has_value());
+    EXPECT_GT(raw(*looked), raw(known));
+    EXPECT_EQ(device.events().currentEventID({device.url()}, Interest::nothing), *looked);
+}
+
 TEST(Stream, AFailedStartTellsWhy) {
     TestDevice device;
     StreamOptions none;

@@ -133,6 +133,25 @@ TEST(Walker, PrefetchesTheValuesOfEachEntry) {
     EXPECT_TRUE(files.getAttribute(*url, "com.vellum.none", {}).error().is(ErrorDomain::posix, ENODATA));
 }
 
+TEST(Walker, AnEntrysURLKnowsTheFolderThatItLiesIn) {
+    TestDevice device;
+    testing::makeDirectories(device.path("sub/deep"));
+    writeFile(device.path("sub/deep/file"), "");
+    auto walker = device.files().walk(device.url(), kSkipHiddenFiles | kSkipPackageDescendants, {});
+    ASSERT_TRUE(walker.has_value());
+    std::size_t seen = 0;
+    while (auto url = (*walker)->next()) {
+        const URL folder = url->deletingLastPathComponent();
+        const auto looked = device.files().resourceValue(URL::file(folder.path()), ResourceKey::fileID);
+        ASSERT_TRUE(looked.has_value());
+        ASSERT_TRUE(folder.cache().fileID().has_value());
+        EXPECT_EQ(ResourceValue(raw(*folder.cache().fileID())), *looked) << folder.path();
+        EXPECT_EQ(folder.cache().isFolder(), true);
+        ++seen;
+    }
+    EXPECT_EQ(seen, 3u);
+}
+
 TEST(Walker, AFolderThatIsNoneCannotBeWalked) {
     TestDevice device;
     writeFile(device.path("file"), "");
