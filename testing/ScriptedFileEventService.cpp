@@ -1,6 +1,9 @@
 #include "testing/ScriptedFileEventService.h"
 
+#include <algorithm>
 #include <cerrno>
+
+#include "platform/files/LocalFileSystem.h"
 
 namespace tarnwell::testing {
 
@@ -30,6 +33,13 @@ events::FileEvent eventWithFlags(std::uint64_t id, std::uint32_t flags) {
     return event;
 }
 
+/// What was recorded, and the position of now. Streams look into it on their queues.
+struct ScriptedFileEventService::Journal {
+    std::mutex mutex;
+    EventID now{};
+    EventBatch events;
+};
+
 /// Shared by the stream, its pending batches and the service; the callback is called on the queue only.
 struct ScriptedFileEventService::StreamState {
     std::mutex mutex;
@@ -37,14 +47,53 @@ struct ScriptedFileEventService::StreamState {
     std::shared_ptr<dispatch::SerialQueue> queue;
     events::FileEventStream::Callback callback;
     std::vector<EventBatch> history;
+    std::shared_ptr<Journal> journal;  ///< nothing for a stream that plays its script
+    EventID position{};                ///< told up to here; on the queue only
+    bool isLive = false;               ///< its history is told; on the queue only
     bool refusesStart = false;
 
     bool isRunning() {
         std::lock_guard lock(mutex);
-        return record.started && !record.stopped;
+        return record.started && !record.stopped && !record.invalidated && !record.destroyed;
     }
     void deliver(const EventBatch& batch) {
         if (isRunning()) callback(batch);
+    }
+
+    bool isAsked(const events::FileEvent& event) const {
+        const auto* paths = std::get_if<events::StreamOverPaths>(&record.options.over);
+        if (paths == nullptr) {
+            return event.path->starts_with(std::get<events::StreamOverDevice>(record.options.over).path + "/");
+        }
+        if (record.options.interest != events::Interest::everything && (event.flags & events::kEventItemRemoved) == 0) {
+            return false;
+        }
+        return std::ranges::any_of(paths->folders, [&](const URL& folder) {
+            return relationship(folder.path(), *event.path) == Relationship::contains;
+        });
+    }
+    /// What is asked of what was recorded since the last time, and how far that reaches.
+    EventBatch newEvents() {
+        std::lock_guard lock(journal->mutex);
+        EventBatch batch;
+        for (const auto& event : journal->events) {
+            if (raw(event.id) > raw(position) && isAsked(event)) batch.push_back(event);
+        }
+        position = journal->now;
+        return batch;
+    }
+    void tellHistory() {
+        const EventID since = record.options.since;
+        position = since;
+        EventBatch batch = newEvents();
+        if (raw(since) > raw(position)) return deliver({eventWithFlags(raw(since), events::kEventUserDropped)});
+        batch.push_back(historyDoneEvent(raw(position)));
+        isLive = true;
+        deliver(batch);
+    }
+    void tellNews() {
+        if (!isLive) return;
+        if (const EventBatch batch = newEvents(); !batch.empty()) deliver(batch);
     }
 };
 
@@ -63,8 +112,12 @@ public:
     }
     bool start() override {
         std::lock_guard lock(state_->mutex);
-        if (state_->refusesStart) return false;
+        if (state_->refusesStart || state_->queue == nullptr || state_->record.started) return false;
         state_->record.started = true;
+        if (state_->journal != nullptr) {
+            state_->queue->async([state = state_] { state->tellHistory(); });
+            return true;
+        }
         for (auto& batch : state_->history) {
             state_->queue->async([state = state_, batch] { state->deliver(batch); });
         }
@@ -83,14 +136,16 @@ private:
     std::shared_ptr<StreamState> state_;
 };
 
+ScriptedFileEventService::ScriptedFileEventService(UUID uuid) : uuid_(uuid), journal_(std::make_shared<Journal>()) {}
+
 void ScriptedFileEventService::setDeviceUUID(std::optional<UUID> uuid) {
     std::lock_guard lock(mutex_);
     uuid_ = uuid;
 }
 
 void ScriptedFileEventService::setEventID(std::uint64_t id) {
-    std::lock_guard lock(mutex_);
-    eventID_ = EventID{id};
+    std::lock_guard lock(journal_->mutex);
+    journal_->now = EventID{id};
 }
 
 void ScriptedFileEventService::failCurrentEventID(std::optional<Error> error) {
@@ -108,13 +163,33 @@ void ScriptedFileEventService::setHistory(std::vector<EventBatch> batches) {
     history_ = std::move(batches);
 }
 
-void ScriptedFileEventService::play(const EventBatch& batch) {
-    std::vector<std::shared_ptr<StreamState>> streams;
+void ScriptedFileEventService::keepJournal() {
+    std::lock_guard lock(mutex_);
+    keepsJournal_ = true;
+}
+
+EventID ScriptedFileEventService::record(events::FileEvent event) {
+    TARNWELL_CHECK(event.path.has_value());
     {
-        std::lock_guard lock(mutex_);
-        streams = streams_;
+        std::lock_guard lock(journal_->mutex);
+        journal_->now = EventID{raw(journal_->now) + 1};
+        event.id = journal_->now;
+        journal_->events.push_back(event);
     }
-    for (const auto& stream : streams) {
+    for (const auto& stream : allStreams()) {
+        if (stream->journal == nullptr || !stream->isRunning()) continue;
+        stream->queue->async([stream] { stream->tellNews(); });
+    }
+    return event.id;
+}
+
+std::vector<std::shared_ptr<ScriptedFileEventService::StreamState>> ScriptedFileEventService::allStreams() const {
+    std::lock_guard lock(mutex_);
+    return streams_;
+}
+
+void ScriptedFileEventService::play(const EventBatch& batch) {
+    for (const auto& stream : allStreams()) {
         if (stream->isRunning()) stream->queue->sync([&] { stream->deliver(batch); });
     }
 }
@@ -140,9 +215,9 @@ std::vector<ScriptedFileEventService::CurrentEventIDRequest> ScriptedFileEventSe
     return requests_;
 }
 
-Result<UUID> ScriptedFileEventService::deviceUUID(DeviceID) {
+Result<UUID> ScriptedFileEventService::deviceUUID(DeviceID device) {
     std::lock_guard lock(mutex_);
-    if (!uuid_) return failure(posixError(ENODEV));
+    if (!uuid_ || device != files::kRootsDevice) return failure(posixError(ENODEV));
     return *uuid_;
 }
 
@@ -150,22 +225,30 @@ Result<EventID> ScriptedFileEventService::currentEventID(const std::vector<URL>&
     std::lock_guard lock(mutex_);
     requests_.push_back({folders, interest});
     if (currentEventIDError_) return failure(*currentEventIDError_);
-    return eventID_;
+    return recordedEventID();
 }
 
 EventID ScriptedFileEventService::recordedEventID() {
-    std::lock_guard lock(mutex_);
-    return eventID_;
+    std::lock_guard lock(journal_->mutex);
+    return journal_->now;
 }
 
 Result<std::unique_ptr<events::FileEventStream>> ScriptedFileEventService::createStream(
     events::StreamOptions options, events::FileEventStream::Callback callback) {
     std::lock_guard lock(mutex_);
     if (refusal_ == Refusal::create) return failure(posixError(ENFILE));
+    if (const auto* paths = std::get_if<events::StreamOverPaths>(&options.over); paths != nullptr) {
+        if (paths->folders.empty()) return failure(posixError(EINVAL));
+    } else if (std::get<events::StreamOverDevice>(options.over).device != files::kRootsDevice) {
+        return failure(posixError(ENODEV));
+    }
     auto state = std::make_shared<StreamState>();
     state->record.options = std::move(options);
     state->callback = std::move(callback);
-    state->history = history_;
+    if (keepsJournal_)
+        state->journal = journal_;
+    else
+        state->history = history_;
     state->refusesStart = refusal_ == Refusal::start;
     streams_.push_back(state);
     return std::make_unique<Stream>(std::move(state));

@@ -20,6 +20,9 @@ events::FileEvent eventWithFlags(std::uint64_t id, std::uint32_t flags);
 inline events::FileEvent historyDoneEvent(std::uint64_t id) { return eventWithFlags(id, events::kEventHistoryDone); }
 
 /// A journal that plays what a test wrote down. Any thread may call it; streams must go before it does.
+///
+/// Streams say what the test has them say, whatever the real service would: a script may leave out the end of the
+/// history, or tell of what lies before the position. With `keepJournal` they keep every promise of the interface.
 class ScriptedFileEventService : public events::FileEventService {
 public:
     /// What became of one stream that was created.
@@ -36,7 +39,7 @@ public:
         events::Interest interest;
     };
 
-    explicit ScriptedFileEventService(UUID uuid) : uuid_(uuid) {}
+    explicit ScriptedFileEventService(UUID uuid);
 
     /// Nothing makes `deviceUUID` fail.
     void setDeviceUUID(std::optional<UUID> uuid);
@@ -48,6 +51,13 @@ public:
     void refuseStreams(Refusal refusal);
     /// The batches that every stream plays as soon as it starts.
     void setHistory(std::vector<EventBatch> batches);
+
+    /// Streams created from now on play what `record` was given, instead of scripts: what came after their position,
+    /// then history done, then what comes. Nothing is forgotten, so that only positions of the future are dropped.
+    void keepJournal();
+    /// Adds the event under the next ID, which is returned, and tells it to the streams that run. Its path and whether
+    /// it is a removal decide which.
+    EventID record(events::FileEvent event);
 
     /// Plays one batch on every stream that runs, on its queue, and returns when it was received. Not on such a queue.
     void play(const EventBatch& batch);
@@ -65,10 +75,13 @@ public:
 private:
     class Stream;
     struct StreamState;
+    struct Journal;
+    std::vector<std::shared_ptr<StreamState>> allStreams() const;
 
     mutable std::mutex mutex_;
     std::optional<UUID> uuid_;
-    EventID eventID_{};
+    const std::shared_ptr<Journal> journal_;
+    bool keepsJournal_ = false;
     std::optional<Error> currentEventIDError_;
     Refusal refusal_ = Refusal::none;
     std::vector<EventBatch> history_;

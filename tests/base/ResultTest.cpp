@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <csignal>
+#include <ostream>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -12,6 +14,19 @@ struct DescribeRow {
     Error error;
     std::string line;
 };
+
+/// Names of tests are made of it: the line, with one underscore for what is neither letter nor digit.
+void PrintTo(const DescribeRow& row, std::ostream* out) {
+    bool between = false;
+    for (const char c : row.line) {
+        if ((c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z')) {
+            if (std::exchange(between, false)) *out << '_';
+            *out << c;
+        } else {
+            between = true;
+        }
+    }
+}
 
 class Describe : public ::testing::TestWithParam<DescribeRow> {};
 

@@ -37,6 +37,39 @@ TEST(Usage, WrongUsageGivesOneLineAndStatusTwo) {
     }
 }
 
+TEST(Usage, AnUnknownVerbIsNamedWithTheOneThatWasProbablyMeant) {
+    struct Row {
+        Arguments arguments;
+        std::string complaint;
+    };
+    const Row rows[] = {
+        {{"frobnicate"}, "there is no verb \"frobnicate\"; see tarnwell --help"},
+        {{"--json", "frobnicate"}, "there is no verb \"frobnicate\"; see tarnwell --help"},
+        {{"frobnicate", "root", "--sort", "date"}, "there is no verb \"frobnicate\"; see tarnwell --help"},
+        {{"frobnicate", "--help"}, "there is no verb \"frobnicate\"; see tarnwell --help"},
+        {{"lss", "root"}, "there is no verb \"lss\"; did you mean \"ls\"? See tarnwell --help"},
+        {{"sl"}, "there is no verb \"sl\"; did you mean \"ls\"? See tarnwell --help"},
+        {{"LS"}, "there is no verb \"LS\"; did you mean \"ls\"? See tarnwell --help"},
+        {{"app"}, "there is no verb \"app\"; did you mean \"apps\"? See tarnwell --help"},
+        {{"doc"}, "there is no verb \"doc\"; did you mean \"doctor\"? See tarnwell --help"},
+        {{"docter"}, "there is no verb \"docter\"; did you mean \"doctor\"? See tarnwell --help"},
+        {{"anhcors"}, "there is no verb \"anhcors\"; did you mean \"anchor\"? See tarnwell --help"},
+        {{"informations"}, "there is no verb \"informations\"; see tarnwell --help"},
+        {{"x"}, "there is no verb \"x\"; see tarnwell --help"},
+        {{"xx"}, "there is no verb \"xx\"; see tarnwell --help"},
+        {{""}, "there is no verb \"\"; see tarnwell --help"},
+        {{"two\nlines\xff"}, "there is no verb \"two\\nlines\xEF\xBF\xBD\"; see tarnwell --help"},
+        {{std::string(100'000, 'l')}, "there is no verb \"" + std::string(100'000, 'l') + "\"; see tarnwell --help"},
+    };
+    for (const auto& [arguments, complaint] : rows) {
+        SCOPED_TRACE(arguments.front().substr(0, 100));
+        const auto finished = run(arguments);
+        EXPECT_EQ(finished.status, 2);
+        EXPECT_EQ(finished.output, "");
+        EXPECT_EQ(finished.error, "tarnwell: " + complaint + "\n");
+    }
+}
+
 TEST(Usage, VersionIsOneLine) {
     const auto finished = run({"--version"});
     EXPECT_EQ(finished.status, 0);
@@ -55,6 +88,19 @@ TEST(Usage, HelpNamesEveryVerbAndEachVerbHelpsWithAnExample) {
         EXPECT_NE(finished.output.find("Example:\n  "), std::string::npos) << finished.output;
         EXPECT_NE(finished.output.find(std::string("tarnwell ") + verb), std::string::npos) << finished.output;
     }
+}
+
+TEST(Usage, TheHelpOfAVerbEndsWithItsExampleEachLineIndented) {
+    EXPECT_TRUE(run({"ls", "--help"})
+                    .output.ends_with("\n\nExample:\n"
+                                      "  tarnwell ls root --recursive --sort date     everything, the newest first\n"
+                                      "  tarnwell --json ls '#org.example.Notes'      one application's documents, one "
+                                      "JSON object a line\n"));
+    EXPECT_TRUE(run({"path", "--help"})
+                    .output.ends_with("\n\nExample:\n"
+                                      "  tarnwell path did=17          follows the document wherever it was moved\n"
+                                      "  cd \"$(tarnwell path '#org.example.Notes')\"\n"));
+    EXPECT_EQ(run({"--help"}).output.find("Example:"), std::string::npos);
 }
 
 TEST(Usage, OptionsMayFollowTheVerb) {

@@ -1,13 +1,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
-#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <thread>
 
 #include "hostframework/HostError.h"
@@ -15,6 +15,7 @@
 #include "items/TarnwellError.h"
 #include "platform/archive/KeyedArchive.h"
 #include "platform/base/Descriptor.h"
+#include "tests/deep/LookWatch.h"
 #include "tests/deep/Mirror.h"
 #include "tests/deep/RandomChanges.h"
 
@@ -46,40 +47,27 @@ void writeSecret(const std::string& path) {
     setUserAttribute(path, LocalItem::xattrFavoriteRankName, textOf(rank));
 }
 
-/// A folder beside the storage root, with the names that stand in it, too, and a watch that tells of every look into
-/// it.
+/// A folder beside the storage root, with the names that stand in it, too, and a watch on every look into it.
 class Outside {
 public:
-    Outside() : watch_(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
-        makeDirectories(folder());
-        writeSecret(secret());
-        writeSecret(directory_.path("folder/" + std::string(kOnlyOutside)));
-        for (int i = 2; i < kSecretEntries; ++i) writeFile(folder() + "/outside " + std::to_string(i), "");
-        for (const auto& path : {directory_.path(), folder(), secret()}) {
-            EXPECT_GE(::inotify_add_watch(watch_.get(), path.c_str(), IN_OPEN | IN_ACCESS | IN_MODIFY | IN_ATTRIB), 0);
-        }
-    }
+    Outside() : watch_(filled(directory_.path())) {}
     std::string folder() const { return directory_.path("folder"); }
     std::string secret() const { return directory_.path("folder/secret.txt"); }
-
-    /// Looks into it since the last call, each with what was looked at.
-    std::vector<std::string> looks() {
-        alignas(inotify_event) std::array<char, 64 * 1024> buffer;
-        std::vector<std::string> looks;
-        for (ssize_t got; (got = ::read(watch_.get(), buffer.data(), buffer.size())) > 0;) {
-            for (ssize_t at = 0; at < got;) {
-                const auto* event = reinterpret_cast<const inotify_event*>(buffer.data() + at);
-                looks.push_back(std::to_string(event->mask) + " " +
-                                (event->len > 0 ? event->name : "the place itself"));
-                at += static_cast<ssize_t>(sizeof *event + event->len);
-            }
-        }
-        return looks;
-    }
+    LookWatch& watch() { return watch_; }
+    Looks looks() { return watch_.looks(); }
 
 private:
+    /// Puts everything there and returns the places to watch.
+    static std::vector<std::string> filled(const std::string& above) {
+        const std::string folder = above + "/folder", secret = folder + "/secret.txt";
+        makeDirectories(folder);
+        writeSecret(secret);
+        writeSecret(folder + "/" + kOnlyOutside);
+        for (int i = 2; i < kSecretEntries; ++i) writeFile(folder + "/outside " + std::to_string(i), "");
+        return {above, folder, secret};
+    }
     TemporaryDirectory directory_;
-    Descriptor watch_;
+    LookWatch watch_;
 };
 
 /// Says what of the item comes from outside; nothing for an item that is all right.
@@ -100,14 +88,71 @@ bool mayHappen(const Error& error) {
            error.domain == ErrorDomain::deviceUUID;
 }
 
-TEST(HostileNeighbourChecks, FindALookOutsideAndAnItemFromThere) {
+struct Look {
+    const char* name;
+    std::function<void(const Outside&)> take;
+};
+
+void open(const std::string& path, int flags, const std::function<void(int)>& use = {}) {
+    const Descriptor file(::open(path.c_str(), flags | O_CLOEXEC));
+    ASSERT_TRUE(file.valid()) << path;
+    if (use) use(file.get());
+}
+
+TEST(HostileNeighbourChecks, FindEveryKindOfLookOutside) {
+    char byte = 'x';
+    const Look rows[] = {
+        {"open the folder", [](const Outside& at) { open(at.folder(), O_RDONLY | O_DIRECTORY); }},
+        {"read the folder", [](const Outside& at) { (void)readDisk(at.folder()); }},
+        {"open a file", [](const Outside& at) { open(at.folder() + "/outside 2", O_RDONLY); }},
+        {"read the secret",
+         [&](const Outside& at) {
+             open(at.secret(), O_RDONLY, [&](int file) { EXPECT_EQ(::read(file, &byte, 1), 1); });
+         }},
+        {"write into the secret",
+         [&](const Outside& at) {
+             open(at.secret(), O_WRONLY, [&](int file) { EXPECT_EQ(::pwrite(file, &byte, 1, 0), 1); });
+         }},
+        {"change a mode", [](const Outside& at) { EXPECT_EQ(::chmod(at.secret().c_str(), 0600), 0); }},
+        {"set an attribute", [](const Outside& at) { setUserAttribute(at.folder(), "note", "x"); }},
+        {"read through a link",
+         [](const Outside& at) {
+             const TemporaryDirectory elsewhere;
+             ASSERT_EQ(::symlink(at.folder().c_str(), elsewhere.path("link").c_str()), 0);
+             (void)testing::readFile(elsewhere.path("link/outside 2"));
+         }},
+    };
     Outside outside;
     EXPECT_EQ(outside.looks(), Looks{});
-    (void)readDisk(outside.folder());
-    EXPECT_NE(outside.looks(), Looks{});
+    for (const auto& [name, take] : rows) {
+        SCOPED_TRACE(name);
+        take(outside);
+        EXPECT_NE(outside.looks(), Looks{});
+        EXPECT_EQ(outside.looks(), Looks{}) << "told once more";
+    }
+}
+
+TEST(HostileNeighbourChecks, DoNotHoldTheLooksOfOthersAgainstUs) {
+    Outside outside;
+    if (!outside.watch().knowsWhose()) GTEST_SKIP() << "this kernel does not tell who looked";
+    const std::string folder = outside.folder(), secret = outside.secret();
+    const pid_t other = ::fork();
+    ASSERT_GE(other, 0);
+    if (other == 0) {
+        char byte = 0;
+        const int file = ::open(secret.c_str(), O_RDONLY);
+        const bool looked = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY) >= 0 && ::read(file, &byte, 1) == 1;
+        ::_exit(looked ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(other, &status, 0), other);
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(outside.looks(), Looks{});
     (void)testing::readFile(outside.folder() + "/outside 2");
     EXPECT_NE(outside.looks(), Looks{});
+}
 
+TEST(HostileNeighbourChecks, FindAnItemFromOutside) {
     DeepDevice device;
     writeSecret(device.device().path("secret.txt"));
     makeDirectories(device.device().path("folder"));
@@ -150,6 +195,32 @@ private:
     std::vector<std::pair<std::string, std::string>> pairs_;
 };
 
+TEST(HostileNeighbourChecks, CatchWhoGoesByPathsWhileTheSwapperWorks) {
+    Outside outside;
+    const TemporaryDirectory directory;
+    Swapper swapper(directory.path(), outside);
+    ASSERT_EQ(outside.looks(), Looks{});
+    std::atomic<bool> over{false};
+    std::thread swapping([&] {
+        for (std::uint64_t i = 0; !over; ++i) swapper.step(i);
+    });
+    const std::string path = directory.path("stage/folder/secret.txt");
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    Looks looks;
+    bool shown = false;
+    while ((looks.empty() || !shown) && std::chrono::steady_clock::now() < end) {
+        const Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+        struct stat status{};
+        shown = shown || (::lstat(path.c_str(), &status) == 0 && status.st_size == kSecretSize);
+        const Looks more = outside.looks();
+        looks.insert(looks.end(), more.begin(), more.end());
+    }
+    over = true;
+    swapping.join();
+    EXPECT_NE(looks, Looks{});
+    EXPECT_TRUE(shown);
+}
+
 TEST(HostileNeighbour, WhoSwapsFoldersFilesAndLinksGetsNothingFromOutsideShown) {
     const std::uint64_t seed = chooseSeed("HostileNeighbour");
     const auto duration = isLongRun() ? std::chrono::seconds(60) : std::chrono::seconds(3);
@@ -170,6 +241,7 @@ TEST(HostileNeighbour, WhoSwapsFoldersFilesAndLinksGetsNothingFromOutsideShown) 
         }
     });
 
+    const auto expectNoLook = [&] { EXPECT_EQ(outside.looks(), Looks{}) << "something outside was looked at"; };
     std::size_t rounds = 0, seen = 0;
     std::set<std::string> identifiers;
     const auto check = [&](const hostframework::ProviderItem& item, const std::string& how) {
@@ -208,10 +280,11 @@ TEST(HostileNeighbour, WhoSwapsFoldersFilesAndLinksGetsNothingFromOutsideShown) 
                 if (item) check(**item, "looked up at " + path);
             }
         }
+        expectNoLook();
     }
     over = true;
     swapping.join();
-    EXPECT_EQ(outside.looks(), Looks{}) << "something outside was opened or read";
+    expectNoLook();
     EXPECT_GT(rounds, 0u);
     EXPECT_GT(seen, 100u);
 

@@ -127,5 +127,112 @@ TEST(ThreadPool, AnEarlierDeadlineGivenLaterIsNotHeldUp) {
     EXPECT_TRUE(done.try_acquire_for(kPatience));
 }
 
+/// Runs it on a thread of its own. False when it does not return within the patience; then it is left alone.
+bool returns(std::function<void()> work) {
+    auto returned = std::make_shared<std::binary_semaphore>(0);
+    std::thread thread([work = std::move(work), returned] {
+        work();
+        returned->release();
+    });
+    const bool came = returned->try_acquire_for(kPatience);
+    if (came)
+        thread.join();
+    else
+        thread.detach();
+    return came;
+}
+
+bool comesToQuiet(const std::shared_ptr<ThreadPool>& pool) {
+    return returns([pool] { pool->waitUntilQuiet(); });
+}
+
+TEST(ThreadPoolQuiet, APoolThatNeverWorkedIsQuiet) { EXPECT_TRUE(comesToQuiet(ThreadPool::create())); }
+
+TEST(ThreadPoolQuiet, ComesOnlyAfterTheWorkThatRuns) {
+    std::counting_semaphore<2> goOn(0);
+    std::atomic<bool> finished = false;
+    auto pool = ThreadPool::create();
+    pool->run([&] {
+        goOn.acquire();
+        finished = true;
+    });
+    // Whoever does not wait is gone long before.
+    pool->runAfter(20ms, [&] { goOn.release(); });
+    EXPECT_TRUE(comesToQuiet(pool));
+    EXPECT_TRUE(finished);
+    goOn.release();  // in case it was not waited for, so that the pool can go
+}
+
+TEST(ThreadPoolQuiet, ComesOnlyAfterWorkThatNoThreadHasTakenUpYet) {
+    // An idle thread needs a moment to wake; until then all threads are idle and the work waits.
+    const auto pool = ThreadPool::create();
+    const auto count = std::make_shared<std::atomic<int>>(0), missed = std::make_shared<std::atomic<int>>(0);
+    EXPECT_TRUE(returns([pool, count, missed] {
+        for (int i = 1; i <= 300; ++i) {
+            pool->run([count] { ++*count; });
+            pool->waitUntilQuiet();
+            if (*count != i) ++*missed;
+        }
+    }));
+    EXPECT_EQ(*missed, 0);
+}
+
+TEST(ThreadPoolQuiet, ComesOnlyAfterWorkThatWorkAdds) {
+    constexpr int kLinks = 2000;
+    std::atomic<int> count = 0;
+    std::function<void()> link;
+    auto pool = ThreadPool::create();
+    link = [&count, &link, raw = pool.get()] {
+        if (++count < kLinks) raw->run(link);
+    };
+    pool->run(link);
+    EXPECT_TRUE(comesToQuiet(pool));
+    EXPECT_EQ(count, kLinks);
+}
+
+TEST(ThreadPoolQuiet, DoesNotWaitForWhatIsNotDue) {
+    auto pool = ThreadPool::create();
+    pool->runAfter(1h, [] { FAIL() << "an hour passed"; });
+    EXPECT_TRUE(comesToQuiet(pool));
+    pool->run([] {});
+    EXPECT_TRUE(comesToQuiet(pool));
+}
+
+TEST(ThreadPoolQuiet, ComesThoughThreadsLeave) {
+    for (const auto idleTime : {std::chrono::nanoseconds(0ns), std::chrono::nanoseconds(1ms)}) {
+        std::atomic<int> count = 0;
+        auto pool = ThreadPool::create(idleTime);
+        for (int round = 1; round <= 200; ++round) {
+            for (int i = 0; i < 5; ++i) pool->run([&] { ++count; });
+            ASSERT_TRUE(comesToQuiet(pool)) << "round " << round;
+            ASSERT_EQ(count, 5 * round);
+        }
+    }
+}
+
+TEST(ThreadPoolQuiet, ComesToEveryoneWhoWaits) {
+    constexpr int kWaiters = 8;
+    std::counting_semaphore<2> goOn(0);
+    std::atomic<bool> finished = false;
+    auto pool = ThreadPool::create();
+    pool->run([&] {
+        goOn.acquire();
+        finished = true;
+    });
+    const auto returned = std::make_shared<std::counting_semaphore<>>(0);
+    for (int i = 0; i < kWaiters; ++i) {
+        std::thread([pool, returned] {
+            pool->waitUntilQuiet();
+            returned->release();
+        }).detach();
+    }
+    pool->runAfter(20ms, [&] { goOn.release(); });
+    int count = 0;
+    while (count < kWaiters && returned->try_acquire_for(kPatience)) ++count;
+    EXPECT_EQ(count, kWaiters);
+    EXPECT_TRUE(finished);
+    goOn.release();
+}
+
 }  // namespace
 }  // namespace tarnwell::dispatch
