@@ -68,5 +68,26 @@ TEST(Descriptor, ReleaseGivesTheNumberAwayOpen) {
     ::close(number);
 }
 
+TEST(Descriptor, OneThatIsBorrowedIsLeftOpen) {
+    const Descriptor owner(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    {
+        Descriptor borrowed = Descriptor::borrowed(owner.get());
+        EXPECT_EQ(borrowed.get(), owner.get());
+        Descriptor moved(std::move(borrowed));
+        Descriptor assigned;
+        assigned = std::move(moved);
+    }
+    EXPECT_GE(::fcntl(owner.get(), F_GETFD), 0);
+    // What it is replaced by is owned again.
+    int replaced = -1;
+    {
+        Descriptor holder = Descriptor::borrowed(owner.get());
+        holder = Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        replaced = holder.get();
+    }
+    EXPECT_EQ(::fcntl(replaced, F_GETFD), -1);
+    EXPECT_GE(::fcntl(owner.get(), F_GETFD), 0);
+}
+
 }  // namespace
 }  // namespace tarnwell

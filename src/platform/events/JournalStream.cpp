@@ -33,6 +33,7 @@ void JournalStream::deliver(const std::vector<FileEvent>& events) {
 }
 
 void JournalStream::drop() {
+    live_.store(false);  // what comes after a gap is no continuation
     deliver({FileEvent{position_, kEventUserDropped, std::nullopt, std::nullopt, std::nullopt}});
 }
 

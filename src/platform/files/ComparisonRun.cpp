@@ -20,6 +20,7 @@ using store::ObjectState;
 
 /// How long a run keeps the store before others may look in.
 constexpr auto kSessionSpan = std::chrono::milliseconds(25);
+constexpr std::size_t kKnownAtOnce = 1000;
 
 bool isGoneWhileWorking(const Error& error) {
     return error.domain == ErrorDomain::posix &&
@@ -264,11 +265,14 @@ Result<bool> ComparisonRun::processFolder(const Job& job, Detail detail, std::ve
         return true;
     }
     if (listedIsTrue) {
-        auto handle = openHandle(job);
-        if (handle && compareKnown(job, handle->get(), session().index().allChildren(job.folder))) {
-            pushFolders(job, jobs);
-            if (auto checked = session().check(); !checked) return failure(checked.error());
-            return true;
+        if (auto handle = openHandle(job)) {
+            auto compared = compareKnown(job, handle->get());
+            if (!compared) return failure(compared.error());
+            if (*compared) {
+                pushFolders(job, jobs);
+                if (auto checked = session().check(); !checked) return failure(checked.error());
+                return true;
+            }
         }
     }
     auto descriptor = filesystem::openBeneath(job.root->directory.get(), job.relative, O_RDONLY | O_DIRECTORY);
@@ -364,9 +368,29 @@ const ComparisonRun::DiskEntry* ComparisonRun::Reading::find(const std::string& 
     return it != byName.end() ? it->second : nullptr;
 }
 
-/// Looks at each known object of a folder whose names are known to be right; false when that turns out to be wrong.
-bool ComparisonRun::compareKnown(const Job& job, int handle, std::vector<ObjectRow> known) {
-    bool changed = false;
+/// Looks at each known object of a folder whose names are known to be right; false when that turns out to be wrong. A
+/// part of them at a time, so that a big folder needs no memory and others may look into the store in between.
+Result<bool> ComparisonRun::compareKnown(const Job& job, int handle) {
+    bool changed = false, right = true;
+    for (std::uint64_t position = 0; right;) {
+        auto known = session().index().allChildren(job.folder, position, kKnownAtOnce);
+        if (auto checked = session().check(); !checked) return failure(checked.error());
+        if (known.empty()) break;
+        position = known.back().position;
+        right = compareKnownBatch(handle, known, changed);
+        if (auto result = breathe(); !result) return failure(result.error());
+    }
+    if (changed && job.context.package) {
+        if (auto package = session().index().byFileID(*job.context.package)) {
+            write();
+            session().journal().recordChange(*package, store::kChangeModified);
+            session().index().update(*package);
+        }
+    }
+    return right;
+}
+
+bool ComparisonRun::compareKnownBatch(int handle, std::vector<ObjectRow>& known, bool& changed) {
     for (ObjectRow& row : known) {
         if (row.state != ObjectState::live) return false;
         auto status = filesystem::statusAt(handle, row.name.c_str());
@@ -376,12 +400,6 @@ bool ComparisonRun::compareKnown(const Job& job, int handle, std::vector<ObjectR
         write();
         noteAttributes(row, *status);
         changed = true;
-    }
-    if (changed && job.context.package) {
-        if (auto package = session().index().byFileID(*job.context.package)) {
-            session().journal().recordChange(*package, store::kChangeModified);
-            session().index().update(*package);
-        }
     }
     return true;
 }

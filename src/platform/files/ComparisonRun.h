@@ -86,7 +86,8 @@ private:
     Result<Descriptor> openHandle(const Job& job) const;
     Result<Comparer::FileSystemEntry> fileSystemFor(std::uint64_t device, int descriptor);
     Result<Reading> readFolder(int descriptor, const filesystem::Status& before);
-    bool compareKnown(const Job& job, int handle, std::vector<store::ObjectRow> known);
+    Result<bool> compareKnown(const Job& job, int handle);
+    bool compareKnownBatch(int handle, std::vector<store::ObjectRow>& known, bool& changed);
     void difference(Folder& folder, const Reading& reading);
     void placeUnknown(Folder& folder, const DiskEntry& entry, store::ObjectRow* displaced, const Reading& reading);
     bool exchange(Folder& folder, const DiskEntry& entry, store::ObjectRow& displaced, store::ObjectRow& moved);

@@ -167,15 +167,13 @@ bool LocalFileSystem::isFolder(const URL& url) {
 Result<Descriptor> LocalFileSystem::openEventOnly(const URL& url) {
     auto place = placeOf(url);
     if (!place) return failure(place.error());
-    if (place->relative.empty()) {
-        Descriptor root(fcntl(place->root->directory.get(), F_DUPFD_CLOEXEC, 0));
-        int code = errno;
-        return root.valid() ? Result<Descriptor>(std::move(root)) : failure(posixError(code));
-    }
+    // A root is open for as long as the program may ask for it.
+    if (place->relative.empty()) return Descriptor::borrowed(place->root->directory.get());
     return filesystem::openBeneath(place->root->directory.get(), place->relative, O_PATH | O_NOFOLLOW);
 }
 
 Result<DeviceID> LocalFileSystem::deviceID(const Descriptor& descriptor) {
+    if (roots_.isRoot(descriptor.get())) return kRootsDevice;
     auto status = filesystem::statusOf(descriptor.get());
     if (!status) return failure(status.error());
     if (comparer_.isMetDevice(status->device)) return kRootsDevice;

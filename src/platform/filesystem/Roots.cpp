@@ -220,6 +220,11 @@ std::vector<std::shared_ptr<const Root>> Roots::all() const {
     return roots_;
 }
 
+bool Roots::isRoot(int descriptor) const {
+    const std::lock_guard lock(mutex_);
+    return std::ranges::any_of(roots_, [&](const auto& root) { return root->directory.get() == descriptor; });
+}
+
 std::optional<Place> Roots::locate(std::string_view path) const {
     const std::size_t end = endOfDocuments(path);
     if (end == std::string_view::npos) return std::nullopt;

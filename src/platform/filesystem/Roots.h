@@ -64,6 +64,8 @@ public:
     std::shared_ptr<const Root> storage() const;
     /// All roots, the storage first, then in the order of adding.
     std::vector<std::shared_ptr<const Root>> all() const;
+    /// True for the descriptor that holds a root open.
+    bool isRoot(int descriptor) const;
 
     /// The place that a URL's path names; nothing for a path below no root, with an empty, "." or ".." component below
     /// the root, or with a NUL.

@@ -22,7 +22,8 @@ Index::Index(Database& database, Numbers& numbers)
       byDocument_(database, "SELECT " TARNWELL_ROW_COLUMNS " FROM object WHERE docID = ?"),
       children_(database, "SELECT " TARNWELL_ENTRY_COLUMNS
                           " FROM object WHERE parent = ? AND position > ? AND state = 0 ORDER BY position LIMIT ?"),
-      allChildren_(database, "SELECT " TARNWELL_ROW_COLUMNS " FROM object WHERE parent = ? AND state < 2"),
+      allChildren_(database, "SELECT " TARNWELL_ROW_COLUMNS 
+                             " FROM object WHERE parent = ? AND position > ? AND state < 2 ORDER BY position LIMIT ?"),
       folders_(database, "SELECT " TARNWELL_ENTRY_COLUMNS
                          " FROM object WHERE parent = ? AND kind & 15 = 1 AND state = 0 ORDER BY position"),
       positions_(database,
@@ -134,10 +135,10 @@ std::vector<EntryRow> Index::children(FileID folder, std::uint64_t afterPosition
     return rows;
 }
 
-std::vector<ObjectRow> Index::allChildren(FileID folder) {
+std::vector<ObjectRow> Index::allChildren(FileID folder, std::uint64_t afterPosition, std::size_t limit) {
     std::vector<ObjectRow> rows;
     StatementScope s(allChildren_);
-    s->bind(1, raw(folder));
+    s->bind(1, raw(folder)).bind(2, afterPosition).bind(3, limit);
     while (s->step()) rows.push_back(rowFrom(allChildren_));
     return rows;
 }

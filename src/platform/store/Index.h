@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -96,6 +97,8 @@ struct LinkRow {
 ///     lie side by side and a listing goes through them in the order in which they are stored.
 class Index {
 public:
+    static constexpr std::size_t kMostChildren = std::numeric_limits<std::int64_t>::max();
+
     Index(Database& database, Numbers& numbers);
 
     /// The stored number of a file system by its identity text; added when `add`.
@@ -112,8 +115,9 @@ public:
 
     /// Live children of a folder, in the order in which they came, after a position, at most `limit`.
     std::vector<EntryRow> children(FileID folder, std::uint64_t afterPosition, std::size_t limit);
-    /// Live and missing children with every field, in no order, for comparing a folder.
-    std::vector<ObjectRow> allChildren(FileID folder);
+    /// Live and missing children with every field, in the order in which they came, for comparing a folder.
+    std::vector<ObjectRow> allChildren(FileID folder, std::uint64_t afterPosition = 0,
+                                       std::size_t limit = kMostChildren);
     /// Live children that are folders, in the order in which they came.
     std::vector<EntryRow> folders(FileID folder);
     /// Passes over `count` visible-by-name live children after a position; returns how many there were and the position
