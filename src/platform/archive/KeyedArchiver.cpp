@@ -1,4 +1,5 @@
-#include <unordered_map>
+#include <string_view>
+#include <vector>
 
 #include "platform/archive/KeyedArchive.h"
 #include "platform/archive/KeyedArchiveFormat.h"
@@ -12,7 +13,10 @@ namespace {
 /// of its class.
 class Archiver {
 public:
-    Archiver() { objects_.emplace_back(format::kNullObject); }
+    Archiver() {
+        objects_.reserve(8);
+        objects_.emplace_back(format::kNullObject);
+    }
 
     Uid add(const ArchivedObject& object, std::size_t depth) {
         return std::visit([&](const auto& value) { return addValue(value, depth); }, object.value);
@@ -81,17 +85,18 @@ private:
     }
 
     Uid classRecord(const char* className) {
-        const auto [place, isNew] = classRecords_.try_emplace(className);
-        if (isNew) {
-            Array classes{Value(className), Value(format::kBaseClass)};
-            place->second =
-                append(Dictionary{{format::kClassNameKey, className}, {format::kClassesKey, std::move(classes)}});
-        }
-        return place->second;
+        for (const auto& [name, uid] : classRecords_)
+            if (name == className) return uid;
+        Array classes{Value(className), Value(format::kBaseClass)};
+        const Uid uid =
+            append(Dictionary{{format::kClassNameKey, className}, {format::kClassesKey, std::move(classes)}});
+        classRecords_.emplace_back(className, uid);
+        return uid;
     }
 
     Array objects_;
-    std::unordered_map<std::string, Uid> classRecords_;
+    /// No more than there are classes.
+    std::vector<std::pair<std::string_view, Uid>> classRecords_;
 };
 
 }  // namespace
@@ -100,6 +105,7 @@ Bytes archiveRoot(const ArchivedObject& root) {
     Archiver archiver;
     const Uid top = archiver.add(root, 0);
     Dictionary archive;
+    archive.reserve(4);
     archive.emplace_back(format::kVersionKey, Integer::fromUnsigned(format::kVersion));
     archive.emplace_back(format::kArchiverKey, format::kArchiver);
     archive.emplace_back(format::kTopKey, Dictionary{{format::kRootKey, top}});

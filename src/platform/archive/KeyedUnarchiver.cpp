@@ -1,7 +1,10 @@
+#include <algorithm>
+#include <array>
 #include <limits>
 
 #include "platform/archive/KeyedArchive.h"
 #include "platform/archive/KeyedArchiveFormat.h"
+#include "platform/archive/PropertyListDocument.h"
 #include "platform/base/UTF8.h"
 
 namespace tarnwell::archive {
@@ -14,93 +17,85 @@ std::unexpected<Error> wrongClass(std::string why) {
     return failure(makeError(UnarchiveError::invalidResultingClass, std::move(why)));
 }
 
-/// The integer under a key; nothing for a missing key and for another type.
-const Integer* integerUnder(const Value& dictionary, const char* key) {
-    const Value* value = dictionary.find(key);
-    return value ? value->as<Integer>() : nullptr;
-}
-
-const Uid* uidUnder(const Value& dictionary, const char* key) {
-    const Value* value = dictionary.find(key);
-    return value ? value->as<Uid>() : nullptr;
-}
-
-/// Fields are looked up one by one, and thousands of objects may share a class record: a record of many fields would
-/// make that slow.
-bool hasTooManyFields(const Value& value) {
-    const Dictionary* fields = value.dictionary();
-    return fields && fields->size() > kMaxArchiveFields;
-}
-
 /// Follows UIDs from the root through the object table, and counts what it hands out.
 class Unarchiver {
 public:
-    explicit Unarchiver(const Array& objects) : objects_(objects), open_(objects.size(), false) {}
+    Unarchiver(const PropertyListDocument& list, const ArrayView& objects) : list_(list), objects_(objects) {}
 
     /// `depth` is the number of arrays and dictionaries around the object.
     Result<ArchivedObject> object(Uid uid, std::size_t depth) {
-        if (uid.index >= objects_.size()) return damaged("a UID outside the object table");
+        if (uid.index >= objects_.count) return damaged("a UID outside the object table");
         if (++objectsRead_ > kMaxArchiveObjects) return damaged("too many objects");
         if (uid.index == 0) return wrongClass("null");
-        const Value& value = objects_[static_cast<std::size_t>(uid.index)];
-        if (value.as<std::string>() || value.as<Bytes>()) {
-            auto text = string(value);
-            if (!text) return failure(text.error());
-            return ArchivedObject{std::move(*text)};
+        const ObjectView view = objectAt(uid);
+        switch (view.kind()) {
+            case ObjectView::Kind::text:
+            case ObjectView::Kind::data: {
+                auto text = string(view);
+                if (!text) return failure(std::move(text.error()));
+                return ArchivedObject{std::move(*text)};
+            }
+            case ObjectView::Kind::integer:
+                return ArchivedObject{*view.as<Integer>()};
+            case ObjectView::Kind::real:
+                return ArchivedObject{*view.as<double>()};
+            case ObjectView::Kind::boolean:
+                return ArchivedObject{*view.as<bool>()};
+            case ObjectView::Kind::dictionary:
+                return classed(uid, *view.as<DictionaryView>(), depth);
+            default:
+                return wrongClass("an object of a type that no archived object has");
         }
-        if (const auto* integer = value.as<Integer>()) return ArchivedObject{*integer};
-        if (const auto* real = value.as<double>()) return ArchivedObject{*real};
-        if (const auto* flag = value.as<bool>()) return ArchivedObject{*flag};
-        if (!value.dictionary()) return wrongClass("an object of a type that no archived object has");
-
-        const auto index = static_cast<std::size_t>(uid.index);
-        if (open_[index]) return damaged("an object within itself");
-        open_[index] = true;
-        auto result = classed(value, depth);
-        open_[index] = false;
-        return result;
     }
 
 private:
+    ObjectView objectAt(Uid uid) const { return list_.element(objects_, static_cast<std::size_t>(uid.index)); }
+
     /// A string from a plain string, or from data: the form of strings that are no UTF-8. Data that is UTF-8 is really
     /// data.
-    Result<std::string> string(const Value& value) {
-        const auto* text = value.as<std::string>();
-        const auto* data = value.as<Bytes>();
+    Result<std::string> string(const ObjectView& object) {
+        const auto data = object.as<DataView>();
+        const auto text = object.as<TextView>();
         if (!text && !data) return wrongClass("another object where a string was expected");
-        const std::string_view bytes = text ? std::string_view(*text) : textOf(*data);
-        if (bytes.size() > kMaxArchiveContentBytes - contentRead_) return damaged("too much content");
-        contentRead_ += bytes.size();
-        if (data && isUTF8(bytes)) return wrongClass("data");
-        return std::string(bytes);
+        std::string string = text ? text->utf8() : std::string(textOf(data->bytes));
+        if (string.size() > kMaxArchiveContentBytes - contentRead_) return damaged("too much content");
+        contentRead_ += string.size();
+        if (data && isUTF8(string)) return wrongClass("data");
+        return string;
     }
 
-    Result<std::string> className(const Value& object) const {
-        if (hasTooManyFields(object)) return damaged("an object with too many fields");
-        const Uid* uid = uidUnder(object, format::kClassKey);
-        if (!uid || uid->index >= objects_.size()) return damaged("an object without a class record");
-        const Value& record = objects_[static_cast<std::size_t>(uid->index)];
-        if (hasTooManyFields(record)) return damaged("a class record with too many fields");
-        const Value* name = record.find(format::kClassNameKey);
-        const auto* text = name ? name->as<std::string>() : nullptr;
-        if (!text) return damaged("a class record without a name");
-        return *text;
+    /// Fields are looked up one by one, and thousands of objects may share a class record: a record of many fields
+    /// would make that slow.
+    std::expected<ObjectView, Refusal> className(const DictionaryView& object) const {
+        if (object.count > kMaxArchiveFields) return std::unexpected("an object with too many fields");
+        const auto uid = list_.find<Uid>(object, format::kClassKey);
+        if (!uid || uid->index >= objects_.count) return std::unexpected("an object without a class record");
+        const auto record = objectAt(*uid).as<DictionaryView>();
+        if (!record) return std::unexpected("a class record without a name");
+        if (record->count > kMaxArchiveFields) return std::unexpected("a class record with too many fields");
+        const auto name = list_.find(*record, format::kClassNameKey);
+        if (!name || name->kind() != ObjectView::Kind::text) return std::unexpected("a class record without a name");
+        return *name;
     }
 
-    Result<ArchivedObject> classed(const Value& object, std::size_t depth) {
+    Result<ArchivedObject> classed(Uid uid, const DictionaryView& object, std::size_t depth) {
+        const auto around = std::span(open_).first(depth);
+        if (std::ranges::find(around, uid.index) != around.end()) return damaged("an object within itself");
+        open_[depth] = uid.index;
         const auto name = className(object);
-        if (!name) return failure(name.error());
-        if (*name == format::kDateClass) return date(object);
-        if (*name == format::kBundleRecordClass) return bundleRecord(object);
-        if (*name != format::kArrayClass && *name != format::kDictionaryClass)
-            return wrongClass("an object of class \"" + *name + "\"");
+        if (!name) return damaged(name.error());
+        if (name->isText(format::kDateClass)) return date(object);
+        if (name->isText(format::kBundleRecordClass)) return bundleRecord(object);
+        const bool isArray = name->isText(format::kArrayClass);
+        if (!isArray && !name->isText(format::kDictionaryClass))
+            return wrongClass("an object of class \"" + name->as<TextView>()->utf8() + "\"");
         if (depth >= kMaxArchiveDepth) return damaged("too deep");
-        return *name == format::kArrayClass ? array(object, depth + 1) : dictionary(object, depth + 1);
+        return isArray ? array(object, depth + 1) : dictionary(object, depth + 1);
     }
 
-    static Result<ArchivedObject> date(const Value& object) {
+    Result<ArchivedObject> date(const DictionaryView& object) const {
         constexpr auto kLast = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
-        const Integer* count = integerUnder(object, format::kNanosecondsKey);
+        const auto count = list_.find<Integer>(object, format::kNanosecondsKey);
         if (!count || (!count->negative && count->magnitude > kLast)) return damaged("a date without its time");
         // The reader gives no negative number below the signed range, and the last of them has no positive counterpart.
         const auto nanoseconds =
@@ -108,70 +103,75 @@ private:
         return ArchivedObject{Date(std::chrono::nanoseconds(nanoseconds))};
     }
 
-    /// The UIDs in the array under a key.
-    Result<std::vector<Uid>> uids(const Value& object, const char* key) const {
-        const Value* value = object.find(key);
-        const Array* elements = value ? value->array() : nullptr;
-        if (!elements) return damaged("a container without its elements");
-        if (elements->size() > kMaxArchiveObjects - objectsRead_) return damaged("too many objects");
-        std::vector<Uid> uids;
-        uids.reserve(elements->size());
-        for (const Value& element : *elements) {
-            const Uid* uid = element.as<Uid>();
-            if (!uid) return damaged("an element that is no UID");
-            uids.push_back(*uid);
-        }
-        return uids;
+    /// The array under a key, of nothing but UIDs.
+    std::expected<ArrayView, Refusal> uids(const DictionaryView& object, const char* key) const {
+        const auto elements = list_.find<ArrayView>(object, key);
+        if (!elements) return std::unexpected("a container without its elements");
+        if (elements->count > kMaxArchiveObjects - objectsRead_) return std::unexpected("too many objects");
+        for (std::size_t i = 0; i < elements->count; ++i)
+            if (list_.element(*elements, i).kind() != ObjectView::Kind::uid)
+                return std::unexpected("an element that is no UID");
+        return *elements;
     }
 
-    Result<ArchivedObject> array(const Value& object, std::size_t depth) {
+    Uid uidIn(const ArrayView& uids, std::size_t position) const { return *list_.element(uids, position).as<Uid>(); }
+
+    Result<ArchivedObject> array(const DictionaryView& object, std::size_t depth) {
         const auto elements = uids(object, format::kElementsKey);
-        if (!elements) return failure(elements.error());
+        if (!elements) return damaged(elements.error());
         ArchivedArray array;
-        for (const Uid uid : *elements) {
-            auto element = this->object(uid, depth);
+        array.reserve(reserved(*elements));
+        for (std::size_t i = 0; i < elements->count; ++i) {
+            auto element = this->object(uidIn(*elements, i), depth);
             if (!element) return element;
             array.push_back(std::move(*element));
         }
         return ArchivedObject{std::move(array)};
     }
 
-    Result<ArchivedObject> dictionary(const Value& object, std::size_t depth) {
+    Result<ArchivedObject> dictionary(const DictionaryView& object, std::size_t depth) {
         const auto keys = uids(object, format::kKeysKey);
-        if (!keys) return failure(keys.error());
+        if (!keys) return damaged(keys.error());
         const auto elements = uids(object, format::kElementsKey);
-        if (!elements) return failure(elements.error());
-        if (keys->size() != elements->size()) return damaged("a dictionary with more keys than values or fewer");
+        if (!elements) return damaged(elements.error());
+        if (keys->count != elements->count) return damaged("a dictionary with more keys than values or fewer");
         ArchivedDictionary dictionary;
-        for (std::size_t i = 0; i < keys->size(); ++i) {
-            auto key = countedString((*keys)[i]);
-            if (!key) return failure(key.error());
-            auto element = this->object((*elements)[i], depth);
+        dictionary.reserve(reserved(*keys));
+        for (std::size_t i = 0; i < keys->count; ++i) {
+            auto key = countedString(uidIn(*keys, i));
+            if (!key) return failure(std::move(key.error()));
+            auto element = this->object(uidIn(*elements, i), depth);
             if (!element) return element;
             dictionary.emplace_back(std::move(*key), std::move(*element));
         }
         return ArchivedObject{std::move(dictionary)};
     }
 
-    Result<std::string> countedString(Uid uid) {
-        if (uid.index == 0 || uid.index >= objects_.size()) return damaged("a string outside the object table");
-        if (++objectsRead_ > kMaxArchiveObjects) return damaged("too many objects");
-        return string(objects_[static_cast<std::size_t>(uid.index)]);
+    /// Room made at once. Most containers are no longer than this, and nested ones cannot claim much before they are
+    /// read.
+    static std::size_t reserved(const ArrayView& elements) {
+        return static_cast<std::size_t>(std::min<std::uint64_t>(elements.count, 16));
     }
 
-    Result<std::optional<std::string>> optionalString(const Value& object, const char* key) {
-        const Uid* uid = uidUnder(object, key);
+    Result<std::string> countedString(Uid uid) {
+        if (uid.index == 0 || uid.index >= objects_.count) return damaged("a string outside the object table");
+        if (++objectsRead_ > kMaxArchiveObjects) return damaged("too many objects");
+        return string(objectAt(uid));
+    }
+
+    Result<std::optional<std::string>> optionalString(const DictionaryView& object, const char* key) {
+        const auto uid = list_.find<Uid>(object, key);
         if (!uid) return damaged("an application record without its strings");
         if (uid->index == 0) {
             if (++objectsRead_ > kMaxArchiveObjects) return damaged("too many objects");
             return std::nullopt;
         }
         auto text = countedString(*uid);
-        if (!text) return failure(text.error());
+        if (!text) return failure(std::move(text.error()));
         return std::move(*text);
     }
 
-    Result<ArchivedObject> bundleRecord(const Value& object) {
+    Result<ArchivedObject> bundleRecord(const DictionaryView& object) {
         registry::ArchivedBundleRecord record;
         auto identifier = optionalString(object, format::kBundleIdentifierKey);
         if (!identifier) return failure(identifier.error());
@@ -180,8 +180,8 @@ private:
         record.bundleIdentifier = std::move(*identifier);
         record.dataContainerPath = std::move(*path);
 
-        const Integer* origin = integerUnder(object, format::kOriginKey);
-        const Integer* type = integerUnder(object, format::kTypeKey);
+        const auto origin = list_.find<Integer>(object, format::kOriginKey);
+        const auto type = list_.find<Integer>(object, format::kTypeKey);
         if (!origin || origin->negative || !type || type->negative)
             return damaged("an application record without its numbers");
         constexpr auto kLastOrigin = static_cast<std::uint64_t>(registry::Origin::desktopEntry);
@@ -194,9 +194,11 @@ private:
         return ArchivedObject{std::move(record)};
     }
 
-    const Array& objects_;
-    /// Classed objects that are being read, by place in the table.
-    std::vector<bool> open_;
+    const PropertyListDocument& list_;
+    const ArrayView objects_;
+    /// The classed objects around the one that is read, the outermost first. The last place is for a date or record
+    /// inside the deepest container.
+    std::array<std::uint64_t, kMaxArchiveDepth + 1> open_;
     std::size_t objectsRead_ = 0;
     std::size_t contentRead_ = 0;
 };
@@ -219,25 +221,22 @@ Error makeError(UnarchiveError code, std::string message) {
 }
 
 Result<ArchivedObject> unarchiveRoot(ByteView bytes) {
-    const auto list = readBinaryPropertyList(bytes);
-    if (!list) {
-        const auto message = list.error().userInfo.find(kErrorMessage);
-        return damaged(message == list.error().userInfo.end() ? describe(list.error()) : message->second);
-    }
-    const Integer* version = integerUnder(*list, format::kVersionKey);
-    const Value* archiver = list->find(format::kArchiverKey);
-    const auto* archiverName = archiver ? archiver->as<std::string>() : nullptr;
-    if (!version || *version != Integer::fromUnsigned(format::kVersion) || !archiverName ||
-        *archiverName != format::kArchiver)
+    const auto list = PropertyListDocument::open(bytes);
+    if (!list) return damaged(messageOf(list.error()));
+    const auto archive = list->top().as<DictionaryView>();
+    if (!archive) return damaged("no archive of this kind");
+    const auto version = list->find<Integer>(*archive, format::kVersionKey);
+    const auto archiver = list->find(*archive, format::kArchiverKey);
+    if (version != Integer::fromUnsigned(format::kVersion) || !archiver || !archiver->isText(format::kArchiver))
         return damaged("no archive of this kind");
 
-    const Value* objects = list->find(format::kObjectsKey);
-    const Array* table = objects ? objects->array() : nullptr;
-    if (!table || table->empty() || table->front() != Value(format::kNullObject)) return damaged("no object table");
-    const Value* top = list->find(format::kTopKey);
-    const Uid* root = top ? uidUnder(*top, format::kRootKey) : nullptr;
+    const auto objects = list->find<ArrayView>(*archive, format::kObjectsKey);
+    if (!objects || objects->count == 0 || !list->element(*objects, 0).isText(format::kNullObject))
+        return damaged("no object table");
+    const auto top = list->find<DictionaryView>(*archive, format::kTopKey);
+    const auto root = top ? list->find<Uid>(*top, format::kRootKey) : std::nullopt;
     if (!root) return damaged("no root");
-    return Unarchiver(*table).object(*root, 0);
+    return Unarchiver(*list, *objects).object(*root, 0);
 }
 
 Result<Date> unarchiveDate(ByteView bytes) { return rootAs<Date>(bytes, "date"); }

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 
 /// What the reader and the writer of binary property lists agree on. All numbers in a file are big-endian.
@@ -37,5 +39,28 @@ inline constexpr std::uint8_t kArray = 0xA0;
 inline constexpr std::uint8_t kSet = 0xC0;
 inline constexpr std::uint8_t kDictionary = 0xD0;
 inline constexpr std::uint8_t kCountFollows = 0x0F;
+
+/// Reads numbers of one size of 1 to 8 bytes. It reads 8 bytes in any case: for places from which at least so many are
+/// left in the file, as from all before the trailer.
+class NumberReader {
+public:
+    constexpr explicit NumberReader(std::size_t size) : size_(size), shift_(64 - 8 * size) {}
+
+    std::size_t size() const { return size_; }
+    std::uint64_t at(const std::uint8_t* place) const {
+        std::uint64_t word;
+        std::memcpy(&word, place, sizeof word);
+        if constexpr (std::endian::native == std::endian::little) word = std::byteswap(word);
+        return word >> shift_;
+    }
+    /// The number at a position of a row of them.
+    std::uint64_t at(const std::uint8_t* row, std::size_t position) const { return at(row + position * size_); }
+
+private:
+    std::size_t size_;
+    std::size_t shift_;
+};
+
+inline std::uint64_t numberAt(const std::uint8_t* place, std::size_t size) { return NumberReader(size).at(place); }
 
 }  // namespace tarnwell::archive::format

@@ -1,5 +1,7 @@
 #include <bit>
-#include <unordered_map>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
 
 #include "platform/archive/PropertyList.h"
 #include "platform/archive/PropertyListFormat.h"
@@ -65,8 +67,7 @@ void appendString(Bytes& out, const std::string& text) {
 }
 
 /// The whole object of anything but a container.
-Bytes scalarObject(const Value& value) {
-    Bytes out;
+void appendScalar(Bytes& out, const Value& value) {
     if (const auto* flag = value.as<bool>()) {
         out.push_back(*flag ? format::kTrue : format::kFalse);
     } else if (const auto* integer = value.as<Integer>()) {
@@ -87,70 +88,121 @@ Bytes scalarObject(const Value& value) {
     } else {
         out.push_back(format::kNull);
     }
-    return out;
 }
-
-/// One entry of the object table: the start of its bytes, and the numbers of the objects that follow as references.
-struct Object {
-    Bytes bytes;
-    std::vector<std::size_t> references;
-};
 
 /// Puts a tree into a table: a container before its keys, its keys before its values, each child with all below it.
 class Flattener {
 public:
+    Flattener() : numbers_(0, Hash{*this}, Equal{*this}) {
+        // Room for a usual archived attribute.
+        bytes_.reserve(256);
+        objects_.reserve(kFewObjects);
+        references_.reserve(kFewObjects);
+    }
+
     std::size_t add(const Value& value, std::size_t depth) {
         const Array* array = value.array();
         const Dictionary* dictionary = value.dictionary();
-        if (!array && !dictionary) return addScalar(scalarObject(value));
+        if (!array && !dictionary) return addScalar([&] { appendScalar(bytes_, value); });
 
         TARNWELL_CHECK(depth < kMaxPlistDepth);
-        const std::size_t number = objects_.size();
-        objects_.emplace_back();
-        std::vector<std::size_t> references;
-        Bytes marker;
+        const std::size_t count = array ? array->size() : dictionary->size();
+        const std::size_t number = addContainer(array ? format::kArray : format::kDictionary, count, array ? 1 : 2);
+        std::size_t next = objects_[number].firstReference;
+        // What is added may move the references, so each is put in its place afterwards.
+        const auto refer = [&](std::size_t child) { references_[next++] = child; };
         if (array) {
-            appendMarker(marker, format::kArray, array->size());
-            references.reserve(array->size());
-            for (const Value& element : *array) references.push_back(add(element, depth + 1));
+            for (const Value& element : *array) refer(add(element, depth + 1));
         } else {
-            appendMarker(marker, format::kDictionary, dictionary->size());
-            references.reserve(2 * dictionary->size());
-            for (const auto& [key, element] : *dictionary) references.push_back(addScalar(scalarObject(Value(key))));
-            for (const auto& [key, element] : *dictionary) references.push_back(add(element, depth + 1));
+            for (const auto& pair : *dictionary) refer(addScalar([&] { appendString(bytes_, pair.first); }));
+            for (const auto& pair : *dictionary) refer(add(pair.second, depth + 1));
         }
-        objects_[number] = {std::move(marker), std::move(references)};
         return number;
     }
 
-    std::vector<Object> take() { return std::move(objects_); }
+    /// The file, whose top object has that number.
+    Bytes file(std::size_t top) const;
 
 private:
-    std::size_t addScalar(Bytes bytes) {
-        const auto [place, isNew] = scalars_.try_emplace(std::string(textOf(bytes)), objects_.size());
-        if (isNew) objects_.push_back({std::move(bytes), {}});
-        return place->second;
+    /// One entry of the table: bytes, then references to be written as the size of all of them asks.
+    struct Object {
+        std::size_t start;
+        std::size_t firstReference;
+    };
+    struct Hash {
+        const Flattener& table;
+        std::size_t operator()(std::size_t number) const { return std::hash<std::string_view>()(table.textAt(number)); }
+    };
+    struct Equal {
+        const Flattener& table;
+        bool operator()(std::size_t a, std::size_t b) const { return table.textAt(a) == table.textAt(b); }
+    };
+
+    /// The bytes of an object. No scalar's are a container's.
+    std::string_view textAt(std::size_t number) const {
+        const std::size_t start = objects_[number].start;
+        const std::size_t end = number + 1 < objects_.size() ? objects_[number + 1].start : bytes_.size();
+        return textOf(bytes_).substr(start, end - start);
     }
 
+    std::size_t addContainer(std::uint8_t type, std::size_t count, std::size_t perEntry) {
+        objects_.push_back({bytes_.size(), references_.size()});
+        appendMarker(bytes_, type, count);
+        references_.resize(references_.size() + count * perEntry);
+        return objects_.size() - 1;
+    }
+
+    /// Writes the scalar behind all others, and takes it away again if there is an equal one.
+    template <typename Append>
+    std::size_t addScalar(Append append) {
+        const std::size_t number = objects_.size();
+        objects_.push_back({bytes_.size(), references_.size()});
+        append();
+        const std::size_t first = firstEqual(number);
+        if (first != number) {
+            bytes_.resize(objects_.back().start);
+            objects_.pop_back();
+        }
+        return first;
+    }
+
+    /// The number of the first object that is equal to the last.
+    std::size_t firstEqual(std::size_t last) {
+        if (last < kFewObjects) {
+            std::size_t first = 0;
+            while (textAt(first) != textAt(last)) ++first;
+            return first;
+        }
+        if (numbers_.empty())
+            for (std::size_t number = 0; number < last; ++number) numbers_.insert(number);
+        return *numbers_.insert(last).first;
+    }
+
+    /// So few are compared one by one faster than they are hashed.
+    static constexpr std::size_t kFewObjects = 32;
+
+    Bytes bytes_;
     std::vector<Object> objects_;
-    std::unordered_map<std::string, std::size_t> scalars_;
+    std::vector<std::size_t> references_;
+    /// The numbers of scalars by their bytes, once there are many. Containers among the first may be there too.
+    std::unordered_set<std::size_t, Hash, Equal> numbers_;
 };
 
-}  // namespace
-
-Bytes writeBinaryPropertyList(const Value& root) {
-    Flattener flattener;
-    const std::size_t top = flattener.add(root, 0);
-    const std::vector<Object> objects = flattener.take();
-    const std::size_t referenceSize = sizeFor(objects.size() - 1);
-
-    Bytes out(format::kMagic.begin(), format::kMagic.end());
+Bytes Flattener::file(std::size_t top) const {
+    const std::size_t referenceSize = sizeFor(objects_.size() - 1);
+    Bytes out;
+    out.reserve(format::kMagic.size() + bytes_.size() + references_.size() * referenceSize +
+                objects_.size() * sizeof(std::uint64_t) + format::kTrailerSize);
+    out.assign(format::kMagic.begin(), format::kMagic.end());
     std::vector<std::size_t> offsets;
-    offsets.reserve(objects.size());
-    for (const Object& object : objects) {
+    offsets.reserve(objects_.size());
+    for (std::size_t number = 0; number < objects_.size(); ++number) {
         offsets.push_back(out.size());
-        out.insert(out.end(), object.bytes.begin(), object.bytes.end());
-        for (const std::size_t reference : object.references) appendBigEndian(out, reference, referenceSize);
+        const ByteView bytes = bytesOf(textAt(number));
+        out.insert(out.end(), bytes.begin(), bytes.end());
+        const std::size_t end = number + 1 < objects_.size() ? objects_[number + 1].firstReference : references_.size();
+        for (std::size_t i = objects_[number].firstReference; i < end; ++i)
+            appendBigEndian(out, references_[i], referenceSize);
     }
 
     const std::size_t table = out.size();
@@ -161,10 +213,18 @@ Bytes writeBinaryPropertyList(const Value& root) {
     out.resize(trailer + format::kTrailerOffsetSize);
     out.push_back(static_cast<std::uint8_t>(offsetSize));
     out.push_back(static_cast<std::uint8_t>(referenceSize));
-    appendBigEndian(out, objects.size(), 8);
+    appendBigEndian(out, objects_.size(), 8);
     appendBigEndian(out, top, 8);
     appendBigEndian(out, table, 8);
     return out;
+}
+
+}  // namespace
+
+Bytes writeBinaryPropertyList(const Value& root) {
+    Flattener flattener;
+    const std::size_t top = flattener.add(root, 0);
+    return flattener.file(top);
 }
 
 }  // namespace tarnwell::archive

@@ -1,7 +1,8 @@
 #include "platform/archive/TextEncoding.h"
 
-#include <algorithm>
+#include <cstring>
 
+#include "platform/base/Result.h"
 #include "platform/base/UTF8.h"
 
 namespace tarnwell::archive {
@@ -28,29 +29,50 @@ void appendUnit(Bytes& out, char32_t unit) {
     out.push_back(static_cast<std::uint8_t>(unit & 0xFF));
 }
 
+/// Calls back with each code point of UTF-16BE; false as soon as there is something else.
+template <typename Body>
+bool forEachPoint(ByteView bytes, Body body) {
+    if (bytes.size() % 2 != 0) return false;
+    const auto unitAt = [&](std::size_t i) { return static_cast<char32_t>(bytes[i] << 8 | bytes[i + 1]); };
+    for (std::size_t i = 0; i < bytes.size(); i += 2) {
+        char32_t point = unitAt(i);
+        if (isLowSurrogate(point)) return false;
+        if (isHighSurrogate(point)) {
+            i += 2;
+            if (i >= bytes.size() || !isLowSurrogate(unitAt(i))) return false;
+            point = kFirstSupplementary + ((point & 0x3FF) << 10) + (unitAt(i) & 0x3FF);
+        }
+        body(point);
+    }
+    return true;
+}
+
+std::size_t utf8Length(char32_t point) {
+    if (point < 0x80) return 1;
+    if (point < 0x800) return 2;
+    return point < kFirstSupplementary ? 3 : 4;
+}
+
 void appendUtf8(std::string& out, char32_t point) {
     const auto put = [&](char32_t byte) { out.push_back(static_cast<char>(static_cast<std::uint8_t>(byte))); };
-    if (point < 0x80) {
-        put(point);
-    } else if (point < 0x800) {
-        put(0xC0 | (point >> 6));
-        put(0x80 | (point & 0x3F));
-    } else if (point < kFirstSupplementary) {
-        put(0xE0 | (point >> 12));
-        put(0x80 | ((point >> 6) & 0x3F));
-        put(0x80 | (point & 0x3F));
-    } else {
-        put(0xF0 | (point >> 18));
-        put(0x80 | ((point >> 12) & 0x3F));
-        put(0x80 | ((point >> 6) & 0x3F));
-        put(0x80 | (point & 0x3F));
-    }
+    const std::size_t length = utf8Length(point);
+    constexpr char32_t kLeads[] = {0x00, 0xC0, 0xE0, 0xF0};
+    put(kLeads[length - 1] | (point >> (6 * (length - 1))));
+    for (std::size_t rest = length - 1; rest-- > 0;) put(0x80 | ((point >> (6 * rest)) & 0x3F));
 }
 
 }  // namespace
 
 bool isAscii(std::string_view text) {
-    return std::ranges::all_of(text, [](char c) { return static_cast<std::uint8_t>(c) < 0x80; });
+    constexpr std::uint64_t kHighBits = 0x8080808080808080;
+    std::uint64_t found = 0;
+    for (; text.size() >= sizeof found; text.remove_prefix(sizeof found)) {
+        std::uint64_t word;
+        std::memcpy(&word, text.data(), sizeof word);
+        found |= word;
+    }
+    for (const char c : text) found |= static_cast<std::uint8_t>(c);
+    return (found & kHighBits) == 0;
 }
 
 Bytes utf16FromUtf8(std::string_view text) {
@@ -71,21 +93,18 @@ Bytes utf16FromUtf8(std::string_view text) {
     return out;
 }
 
-std::optional<std::string> utf8FromUtf16(ByteView bytes) {
-    if (bytes.size() % 2 != 0) return std::nullopt;
-    const auto unitAt = [&](std::size_t i) { return static_cast<char32_t>(bytes[i] << 8 | bytes[i + 1]); };
+std::optional<std::size_t> utf8SizeOfUtf16(ByteView bytes) {
+    std::size_t size = 0;
+    if (!forEachPoint(bytes, [&](char32_t point) { size += utf8Length(point); })) return std::nullopt;
+    return size;
+}
+
+std::string utf8FromUtf16(ByteView bytes) {
+    const auto size = utf8SizeOfUtf16(bytes);
+    TARNWELL_CHECK(size);
     std::string out;
-    out.reserve(bytes.size());
-    for (std::size_t i = 0; i < bytes.size(); i += 2) {
-        char32_t point = unitAt(i);
-        if (isLowSurrogate(point)) return std::nullopt;
-        if (isHighSurrogate(point)) {
-            i += 2;
-            if (i >= bytes.size() || !isLowSurrogate(unitAt(i))) return std::nullopt;
-            point = kFirstSupplementary + ((point & 0x3FF) << 10) + (unitAt(i) & 0x3FF);
-        }
-        appendUtf8(out, point);
-    }
+    out.reserve(*size);
+    forEachPoint(bytes, [&](char32_t point) { appendUtf8(out, point); });
     return out;
 }
 
