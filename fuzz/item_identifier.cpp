@@ -55,6 +55,9 @@ public:
     Result<DocumentID> getOrAllocateDocumentID(const Descriptor&) override {
         fatal("resolving allocated a document ID");
     }
+    Result<std::optional<DocumentID>> permanentStorage(const URL&) override {
+        fatal("resolving asked for the permanent storage of a URL");
+    }
     Result<FileID> fileIDForDocumentID(DocumentID documentID, DeviceID device) override {
         TARNWELL_CHECK(device == kDevice);
         return FileID{raw(documentID)};

@@ -22,10 +22,21 @@ std::uint64_t FaultyGenerationStore::allocations() const {
     return allocations_.calls;
 }
 
+std::vector<std::string> FaultyGenerationStore::asked() const {
+    std::lock_guard lock(mutex_);
+    return asked_;
+}
+
+void FaultyGenerationStore::failQuestions(int posixCode, unsigned times) {
+    std::lock_guard lock(mutex_);
+    questions_.codes.insert(questions_.codes.end(), times, posixCode);
+}
+
 void FaultyGenerationStore::stopFailing() {
     std::lock_guard lock(mutex_);
     lookups_.codes.clear();
     allocations_.codes.clear();
+    questions_.codes.clear();
 }
 
 std::optional<int> FaultyGenerationStore::entered(Plan& plan) {
@@ -40,6 +51,15 @@ std::optional<int> FaultyGenerationStore::entered(Plan& plan) {
 Result<DocumentID> FaultyGenerationStore::getOrAllocateDocumentID(const Descriptor& descriptor) {
     if (auto code = entered(allocations_)) return failure(posixError(*code));
     return real_.getOrAllocateDocumentID(descriptor);
+}
+
+Result<std::optional<DocumentID>> FaultyGenerationStore::permanentStorage(const URL& url) {
+    {
+        std::lock_guard lock(mutex_);
+        asked_.push_back(url.path());
+    }
+    if (auto code = entered(questions_)) return failure(posixError(*code));
+    return real_.permanentStorage(url);
 }
 
 Result<FileID> FaultyGenerationStore::fileIDForDocumentID(DocumentID documentID, DeviceID device) {

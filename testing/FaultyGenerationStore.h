@@ -4,6 +4,8 @@
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "platform/store/GenerationStore.h"
 
@@ -23,8 +25,13 @@ public:
     /// Calls since the beginning, failed ones included.
     std::uint64_t lookups() const;
     std::uint64_t allocations() const;
+    /// Every URL of which the permanent storage was asked, as paths.
+    std::vector<std::string> asked() const;
+    /// The next `times` questions for the permanent storage fail with that errno.
+    void failQuestions(int posixCode, unsigned times);
 
     Result<DocumentID> getOrAllocateDocumentID(const Descriptor& descriptor) override;
+    Result<std::optional<DocumentID>> permanentStorage(const URL& url) override;
     Result<FileID> fileIDForDocumentID(DocumentID documentID, DeviceID device) override;
     URL documentStorageFolder() const override { return real_.documentStorageFolder(); }
 
@@ -38,7 +45,8 @@ private:
 
     store::GenerationStoreManager& real_;
     mutable std::mutex mutex_;
-    Plan lookups_, allocations_;
+    Plan lookups_, allocations_, questions_;
+    std::vector<std::string> asked_;
 };
 
 }  // namespace tarnwell::testing

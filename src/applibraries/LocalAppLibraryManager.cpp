@@ -61,7 +61,7 @@ LocalAppLibraryCache& LocalAppLibraryManager::cache() const {
 
 void LocalAppLibraryManager::load() {
     LocalAppLibraryCache& source = cache();
-    items::LogSection section(services_.environment.log, "loading bundle proxies from " + source.cacheURL().text());
+    items::LogSection section(services_.environment.log, "loading bundle proxies from" + source.cacheURL().text());
     const AppLibraryRecords records = source.queue().sync([&] { return source.load(); });
     std::shared_ptr<const AppLibraryGeneration> loaded = build(records, "can't create app library from bundle proxy ");
     queue_->sync([&] { generation_.swap(loaded); });
@@ -138,7 +138,7 @@ registry::BundleRecordPtr LocalAppLibraryManager::recordForItemIdentifier(const 
 
 Result<void> LocalAppLibraryManager::saveToCache() {
     LocalAppLibraryCache& target = cache();
-    items::LogSection section(services_.environment.log, "saving bundle proxies to " + target.cacheURL().text());
+    items::LogSection section(services_.environment.log, "saving bundle proxies to" + target.cacheURL().text());
     const auto held = generation();
     std::vector<registry::BundleRecordPtr> records;
     records.reserve(held->bundleProxiesByRootURLs.size());

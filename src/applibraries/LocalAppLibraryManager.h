@@ -46,6 +46,8 @@ public:
                                                           Instance instance);
 
     CacheSource cacheSource() const { return cacheSource_; }
+    /// "tarnwell.app-library-manager". Every read and every change of the generation takes its turn there.
+    dispatch::SerialQueue& queue() const { return *queue_; }
     std::uint64_t versionToken() const { return generation()->versionToken; }
     /// The generation held now; never null.
     std::shared_ptr<const AppLibraryGeneration> generation() const;

@@ -44,6 +44,8 @@ public:
                 continue;
             }
             if (auto walked = walk(**walker); !walked) return failure(walked.error());
+            // A window that is short for this reason must not pass for the end.
+            if (auto ended = (*walker)->failure()) return failure(std::move(*ended));
         }
         return counter_;
     }

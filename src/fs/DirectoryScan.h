@@ -34,7 +34,8 @@ using DirectoryScanBody = std::function<Result<void>(const URL&)>;
 ///
 /// Returns the running counter, which is the next offset: offset + limit when the window was filled, else the number of
 /// entries that exist (which may be below the offset). A folder that cannot be walked is logged and left out. Fails
-/// only with what `body` failed with; entries delivered before stay delivered.
+/// only with what `body` failed with, or when the walk cannot know what comes next; entries delivered before stay
+/// delivered.
 Result<std::uint64_t> scan(const FSEnvironment& environment, const DirectoryScanOptions& options,
                            const DirectoryScanBody& body);
 

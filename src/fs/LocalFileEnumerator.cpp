@@ -2,6 +2,7 @@
 
 #include <unordered_map>
 
+#include "fs/FileIDUpdate.h"
 #include "fs/GatherPhaseResumeCheck.h"
 #include "hostframework/HostError.h"
 #include "items/LocalItem.h"
@@ -205,7 +206,9 @@ Result<std::uint64_t> LocalFileEnumerator::collect(const DirectoryScanOptions& o
         items::LocalItem::Arguments arguments;
         arguments.customParentItemID = parents.ofParent(url);
         auto item = items::LocalItem::initWithURL(environment_.items, url, arguments);
-        if (item && (!listsAllDirectories() || item->isFolder())) items.push_back(std::move(item));
+        if (!item || (listsAllDirectories() && !item->isFolder())) return {};
+        if (shouldUpdateFileIDInGenstore_) updateFileIDInGenstore(environment_, *item);
+        items.push_back(std::move(item));
         return {};
     });
 }

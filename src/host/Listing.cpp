@@ -1,6 +1,8 @@
 #include "host/Listing.h"
 
 #include <future>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <ranges>
 #include <utility>
@@ -16,11 +18,12 @@ using hostframework::ProviderEnumerator;
 using hostframework::ProviderExtension;
 using hostframework::ProviderItemPtr;
 
-/// Keeps what one page brought.
+/// Keeps what one page brought. Reports may come on any thread, and those after the finish are ignored.
 class PageObserver : public hostframework::EnumerationObserver {
 public:
     void didEnumerateItems(const std::vector<ProviderItemPtr>& items) override {
-        items_.insert(items_.end(), items.begin(), items.end());
+        const std::lock_guard lock(mutex_);
+        if (!finished_) items_.insert(items_.end(), items.begin(), items.end());
     }
     void finishEnumeratingUpToPage(const std::optional<EnumerationPage>& page) override { finish(page); }
     void finishEnumeratingWithError(const Error& error) override { finish(failure(error)); }
@@ -28,13 +31,21 @@ public:
     using Outcome = Result<std::optional<EnumerationPage>>;
     /// Blocks until the page is complete.
     Outcome wait() { return outcome_.get_future().get(); }
-    std::vector<ProviderItemPtr> takeItems() { return std::move(items_); }
+    std::vector<ProviderItemPtr> takeItems() {
+        const std::lock_guard lock(mutex_);
+        return std::move(items_);
+    }
 
 private:
     void finish(Outcome outcome) {
-        if (!std::exchange(finished_, true)) outcome_.set_value(std::move(outcome));
+        {
+            const std::lock_guard lock(mutex_);
+            if (std::exchange(finished_, true)) return;
+        }
+        outcome_.set_value(std::move(outcome));
     }
 
+    std::mutex mutex_;
     std::vector<ProviderItemPtr> items_;
     std::promise<Outcome> outcome_;
     bool finished_ = false;
@@ -130,10 +141,16 @@ Result<std::optional<hostframework::SyncAnchor>> currentSyncAnchor(ProviderExten
     auto enumerator = provider.enumeratorForContainerItemIdentifier(container);
     if (!enumerator) return failure(enumerator.error());
     const EnumeratorHolder holder(std::move(*enumerator));
-    std::promise<std::optional<hostframework::SyncAnchor>> promise;
-    (*holder).currentSyncAnchorWithCompletionHandler(
-        [&](const std::optional<hostframework::SyncAnchor>& anchor) { promise.set_value(anchor); });
-    return promise.get_future().get();
+    // A completion may be called again, also after the first call was answered.
+    struct Answer {
+        std::once_flag once;
+        std::promise<std::optional<hostframework::SyncAnchor>> promise;
+    };
+    const auto answer = std::make_shared<Answer>();
+    (*holder).currentSyncAnchorWithCompletionHandler([answer](const std::optional<hostframework::SyncAnchor>& anchor) {
+        std::call_once(answer->once, [&] { answer->promise.set_value(anchor); });
+    });
+    return answer->promise.get_future().get();
 }
 
 }  // namespace tarnwell::host

@@ -28,9 +28,8 @@ struct ListingOptions {
 };
 
 /// All items of a container, in the provider's order: page after page, from the start again when the pages expire or
-/// the folder went elsewhere. A
-/// folder comes right before what it holds. Folders that go while a recursive listing runs are left out; packages and
-/// links are single items. Runs on the calling thread.
+/// the folder went elsewhere. A folder comes right before what it holds. Folders that go while a recursive listing runs
+/// are left out; packages and links are single items. Runs on the calling thread.
 ///
 /// Fails with the provider's error: no such item for the container, sync anchor expired after the last restart.
 Result<std::vector<ListedItem>> listContainer(hostframework::ProviderExtension& provider,

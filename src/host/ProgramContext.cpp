@@ -7,6 +7,8 @@
 #include <optional>
 
 #include "applibraries/AppLibraryDiscovery.h"
+#include "applibraries/TWPAppLibraryManager.h"
+#include "items/TWPFileObjectIdentifier.h"
 #include "platform/events/ComparingEventService.h"
 #include "platform/files/LocalFileSystem.h"
 #include "platform/mime/TypeDatabase.h"
@@ -35,6 +37,7 @@ struct ProgramContext::Parts {
     std::optional<items::Environment> environment;
     std::optional<fs::FSEnvironment> fsEnvironment;
     std::unique_ptr<applibraries::AppLibraryContext> appLibraries;
+    hostframework::ObjectRuntime objectRuntime;
     std::shared_ptr<provider::LocalProvider> provider;
 };
 
@@ -118,6 +121,8 @@ Result<std::unique_ptr<ProgramContext>> ProgramContext::create(const Settings& s
     parts->fsEnvironment.emplace(fs::FSEnvironment{*parts->environment, *parts->events, parts->pool});
     parts->appLibraries = std::make_unique<applibraries::AppLibraryContext>(*parts->environment, *parts->registry,
                                                                             parts->pool, settings.applicationSupport);
+    items::TWPFileObjectIdentifier::registerOperations(parts->objectRuntime, *parts->environment);
+    applibraries::TWPAppLibraryManager::registerIn(parts->objectRuntime, parts->appLibraries->directory());
     parts->provider =
         provider::LocalProvider::create(provider::ProviderContext{*parts->fsEnvironment, *parts->appLibraries});
     return std::unique_ptr<ProgramContext>(new ProgramContext(std::move(parts)));
@@ -144,7 +149,11 @@ void ProgramContext::prepareForRequests() {
         wait->done.get_future().wait();
     }
     // Documents are named through the shared manager, which starts with what the search index was last told of.
-    parts_->appLibraries->sharedManager().upgradeFromMainCache(nullptr, applibraries::IndexCleanup::no);
+    const bool upgraded =
+        parts_->appLibraries->sharedManager().upgradeFromMainCache(nullptr, applibraries::IndexCleanup::no);
+    // The provider's own look will find nothing to upgrade any more, so that whoever follows the working set is told
+    // here.
+    if (upgraded) parts_->providerManager->signalEnumeratorForContainer(hostframework::kWorkingSetContainer, {});
 }
 
 const Settings& ProgramContext::settings() const { return parts_->settings; }
@@ -153,6 +162,7 @@ store::Store& ProgramContext::store() { return *parts_->store; }
 items::Environment& ProgramContext::environment() { return *parts_->environment; }
 events::FileEventService& ProgramContext::events() { return *parts_->events; }
 registry::AppRegistry& ProgramContext::registry() { return *parts_->registry; }
+hostframework::ObjectRuntime& ProgramContext::objectRuntime() { return parts_->objectRuntime; }
 applibraries::AppLibraryContext& ProgramContext::appLibraries() { return *parts_->appLibraries; }
 HostProviderManager& ProgramContext::providerManager() { return *parts_->providerManager; }
 provider::LocalProvider& ProgramContext::provider() { return *parts_->provider; }

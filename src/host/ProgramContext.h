@@ -6,6 +6,7 @@
 #include "applibraries/AppLibraryContext.h"
 #include "host/HostProviderManager.h"
 #include "host/Settings.h"
+#include "hostframework/ObjectRuntime.h"
 #include "items/Environment.h"
 #include "platform/dispatch/ThreadPool.h"
 #include "platform/events/FileEventService.h"
@@ -45,6 +46,8 @@ public:
     items::Environment& environment();
     events::FileEventService& events();
     registry::AppRegistry& registry();
+    /// The provider's classes that are reachable by name.
+    hostframework::ObjectRuntime& objectRuntime();
     applibraries::AppLibraryContext& appLibraries();
     HostProviderManager& providerManager();
     provider::LocalProvider& provider();

@@ -84,7 +84,6 @@ protected:
     /// Fills the fields; false (after a log line) when the item cannot be built.
     bool build(const Arguments& arguments);
     virtual const char* className() const { return "LocalItem"; }
-    virtual bool isAppLibrary() const { return false; }
 
     const Environment& environment_;
     std::string itemIdentifier_;
@@ -136,7 +135,6 @@ public:
 protected:
     LocalAppLibraryItem(const Environment& environment, const URL& url) : LocalItem(environment, url) {}
     const char* className() const override { return "LocalAppLibraryItem"; }
-    bool isAppLibrary() const override { return true; }
 
 private:
     void leaveOutReservedFolders();

@@ -19,8 +19,10 @@ void writePrefixed(log::Log& sink, log::Level level, std::string_view prefix, st
 
 }  // namespace
 
-ProgramLog::ProgramLog(log::Log& sink, std::shared_ptr<dispatch::ThreadPool> pool)
-    : sink_(sink), sectionQueue_(dispatch::SerialQueue::create(std::move(pool), "tarnwell.log-section")) {}
+ProgramLog::ProgramLog(log::Log& sink, std::shared_ptr<dispatch::ThreadPool> pool, std::uint64_t firstSection)
+    : sink_(sink),
+      sectionQueue_(dispatch::SerialQueue::create(std::move(pool), "tarnwell.log-section")),
+      sectionCounter_(firstSection) {}
 
 void ProgramLog::error(std::string_view message) { writePrefixed(sink_, log::Level::error, "[ERROR] ", message); }
 

@@ -16,7 +16,8 @@ namespace tarnwell::items {
 class ProgramLog {
 public:
     static constexpr const char* kCategory = "tarnwell-storage";
-    ProgramLog(log::Log& sink, std::shared_ptr<dispatch::ThreadPool> pool);
+    /// `firstSection` is the number of the first section.
+    ProgramLog(log::Log& sink, std::shared_ptr<dispatch::ThreadPool> pool, std::uint64_t firstSection = 0);
 
     void error(std::string_view message);
     void info(std::string_view message);
@@ -36,13 +37,15 @@ public:
     void raw(log::Level level, std::string_view message) { sink_.write(level, message); }
     bool debugEnabled() const { return sink_.isEnabled(log::Level::debug); }
 
-    /// Takes the next section number (from 0), on the queue "tarnwell.log-section".
+    /// Takes the next section number, on the section queue. Stops the process when there is none left.
     std::uint64_t nextSectionNumber();
+    /// "tarnwell.log-section".
+    const std::shared_ptr<dispatch::SerialQueue>& sectionQueue() const { return sectionQueue_; }
 
 private:
     log::Log& sink_;
     std::shared_ptr<dispatch::SerialQueue> sectionQueue_;
-    std::uint64_t sectionCounter_ = 0;
+    std::uint64_t sectionCounter_;
 };
 
 /// Brackets an operation: "[DEBUG] ┏0 title" when made, "[DEBUG] ┗0" when destroyed.

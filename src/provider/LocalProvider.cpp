@@ -102,7 +102,8 @@ std::shared_ptr<ProviderEnumerator> LocalProvider::rootEnumerator(const ItemIden
 
 void LocalProvider::refreshInstalledAppsWithCompletionHandler(RefreshCompletion completionHandler) {
     appRefreshQueue_->async([self = shared_from_this(), completion = std::move(completionHandler)]() mutable {
-        self->appRefreshCompletionHandlers_.push_back(std::move(completion));
+        // Kept, an empty one would end the process at every later event.
+        if (completion) self->appRefreshCompletionHandlers_.push_back(std::move(completion));
         self->appRefreshPacer_->signal();
     });
 }

@@ -43,7 +43,7 @@ public:
         const hostframework::ItemIdentifier& identifier) override;
 
     /// Asks for a look at the installed applications soon and returns at once. The completion runs on `appRefreshQueue`
-    /// when that look is done, and again after every later one.
+    /// when that look is done, and again after every later one; an empty one asks for the look alone.
     void refreshInstalledAppsWithCompletionHandler(RefreshCompletion completionHandler);
 
     const std::shared_ptr<dispatch::SerialQueue>& appRefreshQueue() const { return appRefreshQueue_; }

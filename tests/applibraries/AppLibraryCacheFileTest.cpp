@@ -117,6 +117,26 @@ TEST(AppLibraryCacheFile, PassesOverEntriesThatItDoesNotKnow) {
     EXPECT_EQ(*list, (AppLibraryList{6, {}}));
 }
 
+TEST(AppLibraryCacheFile, TakesTheLastOfTwoEntriesWithOneKey) {
+    const ArchivedObject text{std::string("5")};
+    const ArchivedObject oneRecord{ArchivedArray{{fullRecord()}}};
+    auto list = decodeAppLibraryList(archived({{"versionToken", number(7)},
+                                               {"bundleProxy", noRecords()},
+                                               {"versionToken", number(5)},
+                                               {"bundleProxy", oneRecord}}));
+    ASSERT_TRUE(list);
+    EXPECT_EQ(*list, (AppLibraryList{5, {fullRecord()}}));
+
+    list = decodeAppLibraryList(
+        archived({{"versionToken", text}, {"versionToken", number(6)}, {"bundleProxy", noRecords()}}));
+    ASSERT_TRUE(list);
+    EXPECT_EQ(list->versionToken, 6u);
+    list = decodeAppLibraryList(
+        archived({{"versionToken", number(6)}, {"versionToken", text}, {"bundleProxy", noRecords()}}));
+    ASSERT_FALSE(list);
+    EXPECT_EQ(list.error(), CacheFileDefect::versionToken);
+}
+
 TEST(AppLibraryCacheFile, ReadsNothingFromAFileCutAnywhere) {
     const Bytes whole = encodeAppLibraryList({3, {fullRecord(), fullRecord()}});
     ASSERT_TRUE(decodeAppLibraryList(whole));

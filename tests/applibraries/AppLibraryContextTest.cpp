@@ -2,7 +2,9 @@
 
 #include <any>
 #include <atomic>
+#include <chrono>
 #include <filesystem>
+#include <future>
 #include <thread>
 
 #include "applibraries/TWPAppLibraryManager.h"
@@ -17,7 +19,7 @@ class AppLibraryContextTest : public AppLibraryTest {
 protected:
     std::size_t loadsOfWorkingSet() {
         const Lines lines = device_.log().texts();
-        const std::string title = " loading bundle proxies from " + URL::file(workingSetCachePath()).text();
+        const std::string title = " loading bundle proxies from" + URL::file(workingSetCachePath()).text();
         return static_cast<std::size_t>(
             std::ranges::count_if(lines, [&](const std::string& line) { return line.ends_with(title); }));
     }
@@ -40,6 +42,21 @@ TEST_F(AppLibraryContextTest, KeepsTheCachesBelowApplicationSupport) {
     EXPECT_EQ(context_->workingSetCache().queue().label(), "tarnwell.app-library-cache.working-set");
     EXPECT_EQ(context_->backgroundQueue().label(), "tarnwell.app-library.background");
     EXPECT_FALSE(std::filesystem::exists(device_.applicationSupport() + "/Tarnwell Storage"));
+}
+
+TEST_F(AppLibraryContextTest, KeepsNoCacheWaitingForTheOther) {
+    LocalAppLibraryCache* const main = &context_->mainCache();
+    LocalAppLibraryCache* const workingSet = &context_->workingSetCache();
+    for (const auto& [held, other] : {std::pair(main, workingSet), std::pair(workingSet, main)}) {
+        SCOPED_TRACE(other->cacheURL().text());
+        std::future<std::uint64_t> load;
+        held->queue().sync([&, cache = other] {
+            load = std::async(std::launch::async,
+                              [cache] { return cache->queue().sync([&] { return cache->load().versionToken; }); });
+            EXPECT_EQ(load.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        });
+        EXPECT_EQ(load.get(), 0u);
+    }
 }
 
 TEST_F(AppLibraryContextTest, MakesTheSharedManagerOnFirstUseOnly) {

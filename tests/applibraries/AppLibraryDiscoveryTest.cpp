@@ -88,7 +88,6 @@ TEST_F(AppLibraryDiscoveryTest, SaysWhatItFindsInOneSection) {
     Lines lines = device_.log().texts();
     ASSERT_EQ(lines.size(), 6u);
     const std::string number = lines.back().substr(std::string("[DEBUG] ┗").size());
-    // stands.
     EXPECT_EQ(lines.front(), "[DEBUG] ┏" + number + " retrieving app libraries from FakeAppRegistry");
     EXPECT_EQ(lines.at(lines.size() - 2), "[DEBUG] bundle proxies " + listOf(records));
     Lines inner(lines.begin() + 1, lines.end() - 2);
@@ -123,6 +122,28 @@ TEST_F(AppLibraryDiscoveryTest, ChangesNothingWhenTheRegistryDidNotChange) {
     install({"A", "B"});
     EXPECT_FALSE(context_->refreshAppLibraries());
     EXPECT_EQ(mainToken(), 1u);
+}
+
+TEST_F(AppLibraryDiscoveryTest, RefreshesInOneSectionWhateverComesOfIt) {
+    install({"A"});
+    enum class Outcome { written, identical, failed };
+    for (Outcome outcome : {Outcome::failed, Outcome::written, Outcome::identical}) {
+        SCOPED_TRACE(static_cast<int>(outcome));
+        const std::string folder = device_.applicationSupport() + "/Tarnwell Storage";
+        if (outcome == Outcome::failed) testing::writeFile(folder, "in the way");
+        if (outcome == Outcome::written) std::filesystem::remove(folder);
+        device_.log().clear();
+        EXPECT_EQ(context_->refreshAppLibraries(), outcome == Outcome::written);
+        const Lines lines = device_.log().texts();
+        ASSERT_GE(lines.size(), 4u);
+        const std::string corner = "[DEBUG] ┗";
+        ASSERT_TRUE(lines.back().starts_with(corner)) << lines.back();
+        const std::string number = lines.back().substr(corner.size());
+        EXPECT_EQ(lines.front(), "[DEBUG] ┏" + number + " refreshing app libraries");
+        // The look at the registry is a section inside, with a number of its own.
+        EXPECT_TRUE(lines[1].ends_with(" retrieving app libraries from FakeAppRegistry")) << lines[1];
+        EXPECT_EQ(std::ranges::count(lines, corner + number), 1);
+    }
 }
 
 TEST_F(AppLibraryDiscoveryTest, WritesNoGenerationForAnEmptyRegistryAtFirst) {

@@ -1,6 +1,11 @@
 #include "applibraries/LocalAppLibraryManager.h"
 
+#include <atomic>
+#include <chrono>
 #include <filesystem>
+#include <functional>
+#include <semaphore>
+#include <thread>
 
 #include "applibraries/AppLibraryCacheFile.h"
 #include "tests/applibraries/AppLibraryFixture.h"
@@ -64,7 +69,7 @@ TEST_F(LocalAppLibraryManagerTest, BracketsLoadingWithItsCache) {
     ASSERT_EQ(lines.size(), 3u);
     const std::string number = lines.back().substr(std::string("[DEBUG] ┗").size());
     EXPECT_EQ(lines[0],
-              "[DEBUG] ┏" + number + " loading bundle proxies from " + URL::file(workingSetCachePath()).text());
+              "[DEBUG] ┏" + number + " loading bundle proxies from" + URL::file(workingSetCachePath()).text());
     EXPECT_EQ(lines[1], "[DEBUG] nothing cached on disk");
 }
 
@@ -86,6 +91,40 @@ TEST_F(LocalAppLibraryManagerTest, LooksUpByIdentifierAndByRoot) {
     ASSERT_TRUE(manager->recordForItemIdentifier("#org.example.A"));
     EXPECT_EQ(manager->recordForItemIdentifier("#org.example.A")->bundleIdentifier(), "org.example.A");
     EXPECT_EQ(manager->recordForItemIdentifier("org.example.A"), nullptr);
+}
+
+TEST_F(LocalAppLibraryManagerTest, LooksUpInTurnOnItsQueue) {
+    installAndRefresh({"A"});
+    auto manager = makeManager(CacheSource::main);
+    EXPECT_EQ(manager->queue().label(), "tarnwell.app-library-manager");
+    EXPECT_NE(&manager->queue(), &context_->sharedManager().queue());
+    const URL root = manager->rootURLsForAppLibraries().at(0);
+    const std::string identifier = "#org.example.A";
+    const std::function<bool()> lookups[] = {
+        [&] { return manager->versionToken() == 1; },
+        [&] { return manager->generation() != nullptr; },
+        [&] { return manager->appLibraryItems().size() == 1; },
+        [&] { return manager->appLibraryForItemIdentifier(identifier) != nullptr; },
+        [&] { return manager->rootURLsForAppLibraries().size() == 1; },
+        [&] { return manager->recordForURL(root, Relationship::same) != nullptr; },
+        [&] { return manager->relationshipToRoots(root) == Relationship::same; },
+        [&] { return manager->recordForItemIdentifier(identifier) != nullptr; },
+        [&] { return !manager->description().empty(); },
+    };
+    std::counting_semaphore<> finished{0};
+    std::atomic<std::size_t> correct = 0;
+    std::vector<std::jthread> threads;
+    manager->queue().sync([&] {
+        for (const auto& lookup : lookups) {
+            threads.emplace_back([&] {
+                correct += lookup() ? 1 : 0;
+                finished.release();
+            });
+        }
+        EXPECT_FALSE(finished.try_acquire_for(std::chrono::milliseconds(100)));
+    });
+    threads.clear();
+    EXPECT_EQ(correct, std::size(lookups));
 }
 
 TEST_F(LocalAppLibraryManagerTest, FindsTheRecordOfTheLibraryThatHoldsAPlace) {
@@ -188,7 +227,7 @@ TEST_F(LocalAppLibraryManagerTest, SavesItsGenerationUnchanged) {
     ASSERT_EQ(lines.size(), 3u);
     const std::string number = lines.back().substr(std::string("[DEBUG] ┗").size());
     const std::string cache = URL::file(workingSetCachePath()).text();
-    EXPECT_EQ(lines[0], "[DEBUG] ┏" + number + " saving bundle proxies to " + cache);
+    EXPECT_EQ(lines[0], "[DEBUG] ┏" + number + " saving bundle proxies to" + cache);
     EXPECT_EQ(lines[1], "[DEBUG] wrote on disk " + std::to_string(testing::readFile(workingSetCachePath()).size()) +
                             " bytes at " + cache);
     EXPECT_EQ(manager->versionToken(), 2u);

@@ -1,9 +1,11 @@
 #include "applibraries/LocalRootEnumerator.h"
 
+#include <cerrno>
 #include <filesystem>
 
 #include "fs/FSEnvironment.h"
 #include "hostframework/HostError.h"
+#include "testing/ScriptedFileEventService.h"
 #include "tests/applibraries/AppLibraryFixture.h"
 
 namespace tarnwell::applibraries {
@@ -215,6 +217,28 @@ TEST_F(LocalRootEnumeratorTest, GivesAnchorsOfItsManagersGeneration) {
     EXPECT_EQ(second->offset, 0u);
     EXPECT_GE(second->streamEventID, first->streamEventID);
     EXPECT_EQ(anchorOf(*makeEnumerator(hostframework::kWorkingSetContainer))->appLibraryVersionToken, 0u);
+}
+
+TEST_F(LocalRootEnumeratorTest, GivesNoAnchorWithoutASourceOfChangesOrAPosition) {
+    setLibraries({"A"});
+    testing::ScriptedFileEventService events(*UUID::parse("8D1C5A1E-5B57-4C6B-9B1F-0D7A3F6E2C41"));
+    const fs::FSEnvironment environment{device_.environment(), events, device_.pool()};
+    enum class Lack { source, position };
+    for (Lack lack : {Lack::source, Lack::position}) {
+        SCOPED_TRACE(static_cast<int>(lack));
+        const auto uuid = lack == Lack::source ? std::nullopt : UUID::parse("8D1C5A1E-5B57-4C6B-9B1F-0D7A3F6E2C41");
+        events.setDeviceUUID(uuid);
+        events.failCurrentEventID(lack == Lack::position ? std::optional(posixError(EIO)) : std::nullopt);
+        const auto enumerator =
+            LocalRootEnumerator::create(environment, context_->services(), hostframework::kRootContainer);
+        ASSERT_EQ(enumerator->localFileEnumerator()->notifier() == nullptr, lack == Lack::source);
+        device_.log().clear();
+        std::vector<std::optional<hostframework::SyncAnchor>> anchors;
+        enumerator->currentSyncAnchorWithCompletionHandler(
+            [&](const std::optional<hostframework::SyncAnchor>& anchor) { anchors.push_back(anchor); });
+        EXPECT_EQ(anchors, (std::vector<std::optional<hostframework::SyncAnchor>>{std::nullopt}));
+        EXPECT_EQ(device_.log().texts(log::Level::error).size(), lack == Lack::position ? 1u : 0u);
+    }
 }
 
 TEST_F(LocalRootEnumeratorTest, RunsFromStartToStopOrInvalidate) {

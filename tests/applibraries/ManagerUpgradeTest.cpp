@@ -313,6 +313,20 @@ TEST_F(HeldIndexCleanupTest, WaitsForTheHostsAnswerWithNoQueueHeld) {
     EXPECT_EQ(manager_->versionToken(), 2u);
 }
 
+TEST_F(HeldIndexCleanupTest, WaitsAsLongAsTheHostTakes) {
+    std::binary_semaphore finished{0};
+    std::jthread upgrade([&] {
+        EXPECT_TRUE(manager_->upgradeFromMainCache(nullptr, IndexCleanup::yes));
+        finished.release();
+    });
+    ASSERT_TRUE(host_.asked.try_acquire_for(std::chrono::seconds(10)));
+    EXPECT_FALSE(finished.try_acquire_for(std::chrono::milliseconds(300)));
+    EXPECT_EQ(manager_->versionToken(), 1u);
+    host_.held(std::nullopt);
+    upgrade.join();
+    EXPECT_EQ(manager_->versionToken(), 2u);
+}
+
 TEST_F(HeldIndexCleanupTest, CountsOneAnswerOnly) {
     std::jthread upgrade([&] { EXPECT_TRUE(manager_->upgradeFromMainCache(nullptr, IndexCleanup::yes)); });
     ASSERT_TRUE(host_.asked.try_acquire_for(std::chrono::seconds(10)));

@@ -258,22 +258,24 @@ int browseUnreadableFolders() {
     };
     int failed = 0;
     DeepDevice device;
-    for (const char* name : {"open", "closed", "blind"}) {
+    for (const char* name : {"open", "closed", "blind", "names only"}) {
         makeDirectories(device.device().path(name));
         writeFile(device.device().path(std::string(name) + "/file.txt"), "x");
     }
     writeFile(device.device().path("secret.txt"), "x");
     const auto before = device.list(hostframework::kRootContainer, host::Depth::recursive);
-    failed += expect(before && before->size() == 7, "everything is listed while it may be");
+    failed += expect(before && before->size() == 9, "everything is listed while it may be");
+    const auto namesOnly = device.identifierOf("names only");
     const auto closed = device.identifierOf("closed"), inClosed = device.identifierOf("closed/file.txt");
     const auto position = device.device().settle();
     ::chmod(device.device().path("closed").c_str(), 0);
     ::chmod(device.device().path("blind").c_str(), 0100);
+    ::chmod(device.device().path("names only").c_str(), 0444);
     ::chmod(device.device().path("secret.txt").c_str(), 0);
 
     device.device().log().clear();
     const auto after = device.list(hostframework::kRootContainer, host::Depth::direct);
-    failed += expect(after && after->size() == 4, "the folders themselves are listed");
+    failed += expect(after && after->size() == 5, "the folders themselves are listed");
     for (const auto& [item, name] : *after) {
         if (name == "closed" || name == "blind") {
             failed += expect(item->isFolder() && item->capabilities() == 1, "a closed folder may only be looked at");
@@ -286,8 +288,13 @@ int browseUnreadableFolders() {
     const auto errors = device.device().log().texts(log::Level::error);
     failed += expect(errors.size() == 1 && errors.front().find("closed") != std::string::npos, "one line says why");
     for (const auto& line : errors) std::fprintf(stderr, "logged: %s\n", line.c_str());
+    device.device().log().clear();
+    const auto named = device.page(*namesOnly, hostframework::kInitialPageSortedByName);
+    failed += expect(named.finishes == 1 && named.items.empty(), "names alone make no items");
+    const auto lines = device.device().log().texts(log::Level::error);
+    failed += expect(lines.size() == 1 && lines.front().find("names only") != std::string::npos, "one line says why");
     const auto recursive = device.list(hostframework::kRootContainer, host::Depth::recursive);
-    failed += expect(recursive && recursive->size() == 5, "the rest of the tree is listed");
+    failed += expect(recursive && recursive->size() == 6, "the rest of the tree is listed");
     failed += expect(!device.provider().itemForIdentifier(*inClosed).has_value(), "what lies in it cannot be shown");
 
     // What cannot be read is not gone.
@@ -296,6 +303,7 @@ int browseUnreadableFolders() {
     for (const auto& change : *told) failed += expect(!change.deleted, "nothing is told as deleted");
     ::chmod(device.device().path("closed").c_str(), 0755);
     ::chmod(device.device().path("blind").c_str(), 0755);
+    ::chmod(device.device().path("names only").c_str(), 0755);
     failed += expect(device.identifierOf("closed/file.txt") == inClosed, "it is what it was when it may be seen again");
     device.waitUntilQuiet();
     return failed;

@@ -250,6 +250,19 @@ TEST(Stream, DeparturesOnlyLeavesOutChanges) {
     EXPECT_EQ((Lines{"- goes", "history done"}), told(device, collector.until(kEventHistoryDone)));
 }
 
+TEST(Stream, DeparturesOnlyTellsAlsoOfWhatLivesOnElsewhereBelowTheFolders) {
+    TestDevice device;
+    testing::makeDirectories(device.path("a/moves"));
+    testing::makeDirectories(device.path("b"));
+    const EventID since = device.settle();
+    ASSERT_EQ(0, rename(device.path("a/moves").c_str(), device.path("b/moves").c_str()));
+    StreamOptions options = over(device, since);
+    options.interest = Interest::departuresOnly;
+    Collector collector(device);
+    collector.start(device.events(), options);
+    EXPECT_EQ((Lines{"- a/moves", "history done"}), told(device, collector.until(kEventHistoryDone)));
+}
+
 TEST(Stream, APositionWithoutInterestIsWhatIsRecorded) {
     TestDevice device;
     writeFile(device.path("known"), "");

@@ -137,6 +137,40 @@ TEST(GenerationStore, ADocumentIDIsAllocatedOnceAndResolves) {
     EXPECT_EQ(fileID.value(), device.generationStore().fileIDForDocumentID(*first, device.device()).value());
 }
 
+TEST(GenerationStore, PermanentStorageIsLookedUpAndNeverAllocated) {
+    TestDevice device;
+    writeFile(device.path("document"), "");
+    writeFile(device.path(".hidden"), "");
+    device.settle();
+    auto& store = device.generationStore();
+    const auto known = store.permanentStorage(device.url("document"));
+    ASSERT_TRUE(known.has_value() && known->has_value());
+    EXPECT_EQ(device.files().resourceValue(device.url("document"), ResourceKey::documentID),
+              ResourceValue(std::uint64_t{raw(**known)}));
+    // Clients are not told of hidden files, so they have no number until somebody asks for one.
+    for (int times = 0; times < 2; ++times) {
+        const auto hidden = store.permanentStorage(device.url(".hidden"));
+        ASSERT_TRUE(hidden.has_value());
+        EXPECT_FALSE(hidden->has_value());
+    }
+    EXPECT_TRUE(store.permanentStorage(device.url("nothing")).error().is(ErrorDomain::posix, ENOENT));
+    EXPECT_TRUE(store.permanentStorage(URL::file("/elsewhere")).error().is(ErrorDomain::posix, ENOENT));
+    EXPECT_TRUE(
+        store.permanentStorage(URL::parse("http://example.org/document")).error().is(ErrorDomain::posix, ENOENT));
+}
+
+TEST(GenerationStore, PermanentStorageFindsADocumentThatWasMoved) {
+    TestDevice device;
+    testing::makeDirectories(device.path("sub"));
+    writeFile(device.path("document"), "");
+    device.settle();
+    const auto before = device.generationStore().permanentStorage(device.url("document"));
+    ASSERT_EQ(0, rename(device.path("document").c_str(), device.path("sub/moved").c_str()));
+    const auto after = device.generationStore().permanentStorage(device.url("sub/moved"));
+    ASSERT_TRUE(before.has_value() && before->has_value() && after.has_value());
+    EXPECT_EQ(*after, *before);
+}
+
 TEST(GenerationStore, AnIDThatNamesNothingIsNoEntry) {
     TestDevice device;
     EXPECT_TRUE(device.generationStore()

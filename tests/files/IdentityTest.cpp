@@ -205,6 +205,47 @@ TEST(Identity, AFileWithTwoNamesIsOneDocumentAtItsOldestName) {
     EXPECT_EQ("first.txt", placeOf(device, identifier));
 }
 
+TEST(Identity, WhatIsMovedIntoARootThatWasMadeAnewKeepsItsIdentity) {
+    TestDevice device;
+    testing::makeDirectories(device.path("folder/sub"));
+    writeFile(device.path("folder/sub/inner.txt"), "");
+    writeFile(device.path("a.txt"), "");
+    writeFile(device.path("stays behind.txt"), "");
+    device.settle();
+    const auto numbers = [&](const std::string& relative) {
+        return std::pair(device.files().resourceValue(device.url(relative), ResourceKey::fileID).value(),
+                         device.files().resourceValue(device.url(relative), ResourceKey::documentID).value());
+    };
+    const auto folder = numbers("folder"), inner = numbers("folder/sub/inner.txt"), file = numbers("a.txt");
+    const auto gone = std::get<std::uint64_t>(numbers("stays behind.txt").second);
+    const std::string root = device.path(), aside = root + ".aside";
+    ASSERT_EQ(0, rename(root.c_str(), aside.c_str()));
+    ASSERT_EQ(0, mkdir(root.c_str(), 0755));
+    for (const char* name : {"/folder", "/a.txt"}) ASSERT_EQ(0, rename((aside + name).c_str(), (root + name).c_str()));
+    device.restart();
+
+    auto walker = device.files().walk(device.url(), kSkipHiddenFiles | kSkipPackageDescendants, {});
+    ASSERT_TRUE(walker.has_value());
+    std::set<std::string> listed;
+    while (auto url = (*walker)->next()) listed.insert(url->path().substr(device.url().path().size() + 1));
+    walker->reset();
+    EXPECT_EQ(listed, (std::set<std::string>{"a.txt", "folder", "folder/sub", "folder/sub/inner.txt"}));
+    EXPECT_EQ(numbers("folder"), folder);
+    EXPECT_EQ(numbers("folder/sub/inner.txt"), inner);
+    EXPECT_EQ(numbers("a.txt"), file);
+    // What stays in the former root is unavailable, neither shown nor told as gone, until that one is back.
+    const DocumentID behind{static_cast<std::uint32_t>(gone)};
+    EXPECT_FALSE(device.generationStore().fileIDForDocumentID(behind, device.device()).has_value());
+    for (const char* name : {"/folder", "/a.txt"}) ASSERT_EQ(0, rename((root + name).c_str(), (aside + name).c_str()));
+    ASSERT_EQ(0, rmdir(root.c_str()));
+    ASSERT_EQ(0, rename(aside.c_str(), root.c_str()));
+    device.restart();
+    device.settle();
+    EXPECT_EQ(std::get<std::uint64_t>(numbers("stays behind.txt").second), gone);
+    EXPECT_EQ(numbers("folder/sub/inner.txt"), inner);
+    EXPECT_EQ(numbers("a.txt"), file);
+}
+
 TEST(Identity, NoIdentifierComesBackForAnotherObjectWhereInodeNumbersAreReused) {
     TestDevice device;
     writeFile(device.path("folder-probe"), "");

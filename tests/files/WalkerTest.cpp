@@ -55,6 +55,44 @@ TEST(Walker, ARenamedEntryKeepsItsPlaceAndAMovedOneGoesLast) {
     EXPECT_EQ((std::vector<std::string>{"sub", "zzz", "two", "aaa"}), names(device, "", kFlat));
 }
 
+TEST(Walker, AnEntryThatBecomesVisibleGoesLast) {
+    TestDevice device;
+    for (const char* name : {".later", "one", "two"}) {
+        writeFile(device.path(name), name);
+        device.settle();
+    }
+    ASSERT_EQ(0, rename(device.path(".later").c_str(), device.path("later").c_str()));
+    EXPECT_EQ((std::vector<std::string>{"one", "two", "later"}), names(device, "", kFlat));
+}
+
+TEST(Walker, ShowsAFileUnderItsOtherNameOnceTheOneItHadIsGone) {
+    TestDevice device;
+    testing::makeDirectories(device.path(".hidden"));
+    testing::makeDirectories(device.path("folder/sub"));
+    writeFile(device.path(".hidden/first"), "");
+    device.settle();
+    for (const char* name : {"folder/second", "folder/sub/third"}) {
+        ASSERT_EQ(0, link(device.path(".hidden/first").c_str(), device.path(name).c_str()));
+        device.settle();
+    }
+    // The folder itself stays as it is, so that only the look at the other name tells.
+    const unsigned below = kSkipHiddenFiles | kSkipPackageDescendants;
+    EXPECT_EQ((std::vector<std::string>{"sub"}), names(device, "folder", below));
+    ASSERT_EQ(0, unlink(device.path(".hidden/first").c_str()));
+    EXPECT_EQ((std::vector<std::string>{"sub", "second"}), names(device, "folder", below));
+    ASSERT_EQ(0, unlink(device.path("folder/second").c_str()));
+    EXPECT_EQ((std::vector<std::string>{"sub", "sub/third"}), names(device, "folder", below));
+}
+
+TEST(Walker, PassesOverWhatLiesInAnInbox) {
+    TestDevice device;
+    testing::makeDirectories(device.path("Inbox/unseen"));
+    testing::makeDirectories(device.path("folder/Inbox/seen"));
+    auto found = names(device, "", kSkipHiddenFiles | kSkipPackageDescendants);
+    std::sort(found.begin(), found.end());
+    EXPECT_EQ((std::vector<std::string>{"Inbox", "folder", "folder/Inbox", "folder/Inbox/seen"}), found);
+}
+
 TEST(Walker, ASafeSavedDocumentKeepsItsPlace) {
     TestDevice device;
     for (const char* name : {"one", "two", "three"}) {

@@ -28,6 +28,7 @@ public:
     std::vector<Error> unreadable;
     std::vector<bool> handlerSaidGoOn;
     std::size_t entriesFetched = 0;
+    std::optional<Error> failure;
 
 private:
     class Walker : public files::DirectoryWalker {
@@ -40,6 +41,7 @@ private:
             return entry;
         }
         std::uint64_t skip(std::uint64_t count) override { return real_->skip(count); }
+        std::optional<Error> failure() const override { return owner_.failure; }
 
     private:
         WatchedFileSystem& owner_;
@@ -82,6 +84,21 @@ TEST_F(DirectoryScanTest, LimitZeroWalksNothing) {
     EXPECT_EQ(scanned({.urls = {device_.url("a")}, .limit = 0}).counter, 0u);
     EXPECT_EQ(watched_.calls(), 0u);
     EXPECT_EQ(newLines(), Lines{});
+}
+
+TEST_F(DirectoryScanTest, AWalkThatCannotKnowWhatComesNextFailsTheScan) {
+    makeFiles("a", 3);
+    makeFiles("b", 3);
+    watched_.failure = posixError(EIO);
+    std::size_t delivered = 0;
+    const auto counter = scan(watchedEnvironment_, {.urls = {device_.url("a"), device_.url("b")}, .limit = 10},
+                              [&](const URL&) -> Result<void> {
+                                  ++delivered;
+                                  return {};
+                              });
+    ASSERT_FALSE(counter.has_value());
+    EXPECT_EQ(counter.error(), posixError(EIO));
+    EXPECT_EQ(delivered, 3u) << "the second folder is not walked any more";
 }
 
 TEST_F(DirectoryScanTest, NoFoldersGiveNothing) {

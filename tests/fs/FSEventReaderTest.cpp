@@ -491,6 +491,7 @@ public:
     Result<DocumentID> getOrAllocateDocumentID(const Descriptor& descriptor) override {
         return real_.getOrAllocateDocumentID(descriptor);
     }
+    Result<std::optional<DocumentID>> permanentStorage(const URL& url) override { return real_.permanentStorage(url); }
     Result<FileID> fileIDForDocumentID(DocumentID document, DeviceID device) override {
         if (document == document_) return file_;
         return real_.fileIDForDocumentID(document, device);

@@ -7,6 +7,7 @@
 
 #include "hostframework/HostError.h"
 #include "items/TarnwellError.h"
+#include "testing/FaultyGenerationStore.h"
 #include "tests/fs/FSFixture.h"
 
 namespace tarnwell::fs {
@@ -335,6 +336,49 @@ TEST_F(LocalFileEnumeratorTest, OnlyTheFirstFolderIsListedUnlessAllDirectoriesAr
                      "[DEBUG] start gather phase", "[DEBUG] discovered 3 items",
                      "[DEBUG] gather phase finished for " + pathOf("a") + ", " + pathOf("b"), "[DEBUG] ┗"}));
     EXPECT_EQ(events_.currentEventIDRequests().back().folders, urls);
+}
+
+TEST_F(LocalFileEnumeratorTest, TheWorkingSetHasTheFileIDOfEachItemUpdated) {
+    makeFile("a/file.txt");
+    makeFile("a/.hidden");
+    makeFile("a/sub/inner");
+    testing::FaultyGenerationStore genstore(device_.generationStore());
+    const items::Environment items{device_.programLog(), device_.files(), genstore, device_.providerManager(),
+                                   device_.environment().appLibraries};
+    const FSEnvironment environment{items, events_, device_.pool()};
+    const auto enumerator = LocalFileEnumerator::create(environment, "WorkingSetContainer", {device_.url("a")});
+    newLines();
+    const auto observer = list(*enumerator);
+    Lines delivered;
+    for (const auto& item : observer->items) delivered.push_back(item->fileURL().path());
+    EXPECT_EQ(sorted(delivered), (Lines{pathOf("a/file.txt"), pathOf("a/sub")}));
+    EXPECT_EQ(genstore.asked(), delivered);
+    EXPECT_EQ(genstore.allocations(), 0u);
+    EXPECT_EQ(newLines(), (Lines{"[DEBUG] ┏ enumerate items for WorkingSetContainer with page initialPageSortedByName",
+                                 "[DEBUG] start gather phase", "[DEBUG] updating file ID in genstore",
+                                 "[DEBUG] updating file ID in genstore", "[DEBUG] discovered 2 items",
+                                 "[DEBUG] gather phase finished for " + pathOf("a"), "[DEBUG] ┗"}));
+
+    // What the store answers does not matter.
+    genstore.failQuestions(EIO, 2);
+    const auto again = list(*enumerator);
+    EXPECT_EQ(again->items.size(), 2u);
+    EXPECT_FALSE(again->error.has_value());
+    EXPECT_EQ(genstore.asked().size(), 4u);
+}
+
+TEST_F(LocalFileEnumeratorTest, OtherContainersLeaveTheGenerationStoreAlone) {
+    makeFile("a/file.txt");
+    makeFile("a/sub/inner");
+    testing::FaultyGenerationStore genstore(device_.generationStore());
+    const items::Environment items{device_.programLog(), device_.files(), genstore, device_.providerManager(),
+                                   device_.environment().appLibraries};
+    const FSEnvironment environment{items, events_, device_.pool()};
+    for (const std::string container : {"RootContainer", "AllDirectoriesContainer", "fid=5"}) {
+        const auto enumerator = LocalFileEnumerator::create(environment, container, {device_.url("a")});
+        EXPECT_FALSE(list(*enumerator)->items.empty());
+    }
+    EXPECT_EQ(genstore.asked(), Lines{});
 }
 
 TEST_F(LocalFileEnumeratorTest, FilesCountForThePagesOfAllDirectories) {

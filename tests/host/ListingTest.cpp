@@ -5,6 +5,7 @@
 #include <map>
 
 #include "hostframework/HostError.h"
+#include "items/TarnwellError.h"
 
 namespace tarnwell::host {
 namespace {
@@ -63,6 +64,7 @@ public:
     std::map<ItemIdentifier, std::vector<Answer>> scripts;
     std::vector<std::string> pages;
     int invalidations = 0;
+    std::function<void(const std::optional<hostframework::SyncAnchor>&)> lateCompletion;
 
     Result<ProviderItemPtr> itemForIdentifier(const ItemIdentifier& identifier) override {
         return failure(hostframework::noSuchItem(identifier));
@@ -99,10 +101,15 @@ private:
             } else {
                 observer->finishEnumeratingWithError(answer.finish.error());
             }
+            // Whatever comes after a finish is nobody's business any more.
+            observer->didEnumerateItems({std::make_shared<ScriptedItem>("late", ScriptedItem::Kind::document)});
+            observer->finishEnumeratingWithError(posixError(EIO));
         }
         void currentSyncAnchorWithCompletionHandler(
             const std::function<void(const std::optional<hostframework::SyncAnchor>&)>& completion) override {
             completion(Bytes{7});
+            completion(Bytes{8});
+            provider_.lateCompletion = completion;
         }
         void invalidate() override { ++provider_.invalidations; }
 
@@ -149,6 +156,20 @@ TEST(ListContainer, BeginsAgainWhenPagesExpireAndForgetsWhatItHad) {
     ASSERT_TRUE(items);
     EXPECT_EQ(paths(*items), Texts{"b"});
     EXPECT_EQ(provider.pages, (Texts{"initial", "p1", "initial"}));
+    EXPECT_EQ(provider.invalidations, 1);
+}
+
+TEST(ListContainer, AsksForTheFolderAgainWhenItWentElsewhere) {
+    ScriptedProvider provider;
+    provider.scripts["c"] = {{{document("gone")}, page("p1")},
+                             {{}, failure(items::makeError(items::DeviceUUIDError::unableToGetDeviceUUID))},
+                             {{document("a")}, page("p1")},
+                             {{document("b")}, {}}};
+    const auto items = listContainer(provider, "c");
+    ASSERT_TRUE(items);
+    EXPECT_EQ(paths(*items), (Texts{"a", "b"}));
+    EXPECT_EQ(provider.pages, (Texts{"initial", "p1", "initial", "p1"}));
+    EXPECT_EQ(provider.invalidations, 2);
 }
 
 TEST(ListContainer, GivesUpAfterEightRestarts) {
@@ -231,6 +252,7 @@ TEST(CurrentSyncAnchor, IsTheEnumerators) {
     ASSERT_TRUE(anchor);
     EXPECT_EQ(*anchor, Bytes{7});
     EXPECT_EQ(provider.invalidations, 1);
+    provider.lateCompletion(Bytes{9});
     EXPECT_FALSE(currentSyncAnchor(provider, "none"));
 }
 

@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <any>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
+#include <future>
 #include <map>
 #include <mutex>
 
@@ -107,6 +110,28 @@ TEST_F(ProgramContextTest, ThatFindsNothingNewHasTheLibrariesAtOnce) {
     EXPECT_TRUE(context->provider().itemForIdentifier("#Notes"));
 }
 
+TEST_F(ProgramContextTest, DoesNotWaitForTheLookAtTheApplicationsWhenNothingIsNew) {
+    open();
+    auto created = ProgramContext::create(settings(), log_);
+    ASSERT_TRUE(created);
+    auto& context = **created;
+    // With its queue held, the provider's look cannot come to its end.
+    std::promise<void> held, release;
+    context.provider().appRefreshQueue()->async([&] {
+        held.set_value();
+        release.get_future().wait();
+    });
+    held.get_future().wait();
+    log_.clear();
+    auto ready = std::async(std::launch::async, [&] { context.prepareForRequests(); });
+    EXPECT_EQ(ready.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_TRUE(context.provider().itemForIdentifier("#Notes"));
+    for (const auto& line : log_.texts()) EXPECT_FALSE(line.ends_with(" pacer event")) << line;
+    release.set_value();
+    ready.wait();
+    context.provider().appRefreshQueue()->sync([] {});
+}
+
 TEST_F(ProgramContextTest, TellsItsHandlersWhatTheProviderSignals) {
     auto created = ProgramContext::create(settings(), log_);
     ASSERT_TRUE(created);
@@ -125,6 +150,47 @@ TEST_F(ProgramContextTest, TellsItsHandlersWhatTheProviderSignals) {
         EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(30), [&] { return root; }));
     }
     context.providerManager().removeSignalHandler(id);
+}
+
+TEST_F(ProgramContextTest, TellsTheWorkingSetOfLibrariesThatThisStartBrought) {
+    open();
+    auto created = ProgramContext::create(settings(), log_);
+    ASSERT_TRUE(created);
+    auto& context = **created;
+    // The signal of the provider's own start is on its way already, and comes first.
+    std::mutex mutex;
+    std::condition_variable changed;
+    int workingSet = 0;
+    bool came = false;
+    const auto id = context.providerManager().addSignalHandler([&](const std::string& container) {
+        const std::lock_guard lock(mutex);
+        if (container == hostframework::kWorkingSetContainer) ++workingSet;
+        came = came || container == "before";
+        changed.notify_all();
+    });
+    context.providerManager().signalEnumeratorForContainer("before", {});
+    {
+        std::unique_lock lock(mutex);
+        ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(30), [&] { return came; }));
+        workingSet = 0;
+    }
+    context.prepareForRequests();
+    {
+        std::unique_lock lock(mutex);
+        EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(30), [&] { return workingSet > 0; }));
+    }
+    context.providerManager().removeSignalHandler(id);
+}
+
+TEST_F(ProgramContextTest, HasTheProvidersClassesByName) {
+    auto context = open();
+    const auto storage = context->objectRuntime().perform(
+        "TWPFileObjectIdentifier", "fileURLWithItemIdentifier:", std::string(hostframework::kRootContainer));
+    ASSERT_TRUE(storage.has_value());
+    EXPECT_EQ(std::any_cast<std::optional<URL>>(*storage), context->providerManager().documentStorageURL());
+    const auto roots = context->objectRuntime().perform("TWPAppLibraryManager", "rootURLsForAppLibraries");
+    ASSERT_TRUE(roots.has_value());
+    EXPECT_EQ(std::any_cast<std::vector<URL>>(*roots).size(), 1u);
 }
 
 TEST_F(ProgramContextTest, MayBeMadeAndTakenApartAgainAndAgain) {

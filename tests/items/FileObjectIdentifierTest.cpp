@@ -60,6 +60,9 @@ TEST_F(FileObjectIdentifierTest, AFolderIsNamedByItsFileIDAndNeverAllocates) {
     EXPECT_EQ(identifiers.fileURLWithFileIdentifier(numberIn(identifier)), device.url("Folder/Sub"));
     EXPECT_EQ(identifiers.fileURLWithFileIdentifier(numberIn(identifier), device.device()), device.url("Folder/Sub"));
     EXPECT_EQ(logged(), Texts{});
+    // Nor does the store give it one by itself.
+    EXPECT_EQ(device.files().resourceValue(device.url("Folder/Sub"), ResourceKey::documentID), ResourceValue());
+    EXPECT_EQ(device.generationStore().permanentStorage(device.url("Folder/Sub")).value(), std::nullopt);
 }
 
 TEST_F(FileObjectIdentifierTest, APackageIsADocument) {

@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 
 #include <unistd.h>
 
 #include "ItemsFixture.h"
+#include "hostframework/ItemIdentifier.h"
+#include "hostframework/ProviderManager.h"
 
 namespace tarnwell::items {
 namespace {
@@ -125,6 +128,46 @@ TEST_F(IdentifierResolutionTest, ABusyStoreIsTriedAgainFiveTimes) {
             EXPECT_EQ(store.lookups() - before, retries + 1) << errnoName(code) << " " << failures;
             EXPECT_EQ(loggedLines(), expected) << errnoName(code) << " " << failures;
         }
+}
+
+TEST_F(IdentifierResolutionTest, ABusyStoreGetsAMillisecondBeforeEachOfFiveRetries) {
+    const std::string identifier = makeFile("a.txt");
+    store.failLookups(EBUSY, 6);
+    const auto began = std::chrono::steady_clock::now();
+    EXPECT_FALSE(resolved(identifier));
+    EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(5));
+}
+
+TEST_F(IdentifierResolutionTest, TheSixthFailureIsTheLastWhateverItIs) {
+    const std::string identifier = makeFile("a.txt");
+    store.failLookups(EBUSY, 5);
+    store.failLookups(EIO, 1);
+    EXPECT_FALSE(resolved(identifier));
+    EXPECT_EQ(loggedLines().back(),
+              (Line{Level::debug, "can't resolve doc ID \"" + identifier.substr(4) + "\" after five attempts"}));
+}
+
+TEST_F(IdentifierResolutionTest, TheStorageRootIsAskedForEachTime) {
+    /// A host whose storage root is another one from one moment to the next.
+    class MovingManager : public hostframework::ProviderManager {
+    public:
+        explicit MovingManager(URL now) : storage(std::move(now)) {}
+        void signalEnumeratorForContainer(const std::string&, hostframework::Completion) override {}
+        void deleteSearchableItemsWithDomainIdentifiers(const std::vector<std::string>&,
+                                                        hostframework::Completion) override {}
+        URL documentStorageURL() const override { return URL::file(storage.path()); }
+        Relationship relationshipToDocumentStorage(const URL& url) const override { return relationship(storage, url); }
+        URL storage;
+    };
+    makeFolder("Folder");
+    MovingManager manager(device.url());
+    const Environment moving{programLog, files, store, manager, &libraries};
+    const TWPFileObjectIdentifier asked(moving);
+    EXPECT_EQ(asked.fileURLWithItemIdentifier(hostframework::kRootContainer), device.url());
+    EXPECT_NE(asked.itemIdentifier(device.url("Folder")), hostframework::kRootContainer);
+    manager.storage = device.url("Folder");
+    EXPECT_EQ(asked.fileURLWithItemIdentifier(hostframework::kRootContainer), device.url("Folder"));
+    EXPECT_EQ(asked.itemIdentifier(device.url("Folder")), hostframework::kRootContainer);
 }
 
 TEST_F(IdentifierResolutionTest, AnyOtherFailureOfTheStoreEndsAtOnce) {

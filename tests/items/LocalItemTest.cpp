@@ -6,6 +6,7 @@
 #include <limits>
 #include <type_traits>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -516,6 +517,30 @@ TEST_F(LocalItemTest, IsMadeFromAFileID) {
     EXPECT_FALSE(LocalItem::initWithFileIdentifier(environment, raw(*made->fileID())));
     EXPECT_EQ(logged(),
               Texts{"can't resolve path matching file ID \"" + std::to_string(raw(*made->fileID())) + "\"; 2"});
+}
+
+TEST_F(LocalItemTest, MadeFromAFileIDBelongsToItsLibrarysSearchDomain) {
+    auto notes = addLibrary("notes", "org.example.notes");
+    testing::makeDirectories(notes.path + "/Folder");
+    auto made = item(notes.root.appending("Folder"));
+    ASSERT_TRUE(made && made->fileID());
+    auto again = LocalItem::initWithFileIdentifier(environment, raw(*made->fileID()));
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->searchDomainIdentifier(), "org.example.notes");
+    EXPECT_EQ(again->appContainerBundleIdentifier(), "org.example.notes");
+}
+
+TEST_F(LocalItemTest, TellsTheTwoDatesApart) {
+    const auto before = std::chrono::system_clock::now() - std::chrono::seconds(5);
+    makeFile("a.txt");
+    const timespec modified{978'307'200, 0};  // 2001-01-01
+    const timespec times[] = {modified, modified};
+    ASSERT_EQ(::utimensat(AT_FDCWD, device.path("a.txt").c_str(), times, 0), 0);
+    auto made = item(device.url("a.txt"));
+    ASSERT_TRUE(made);
+    EXPECT_EQ(made->contentModificationDate(), Date(std::chrono::seconds(modified.tv_sec)));
+    if (!made->creationDate()) GTEST_SKIP() << "this file system keeps no creation times";
+    EXPECT_GT(*made->creationDate(), before);
 }
 
 TEST_F(LocalItemTest, OfSomethingThatIsGoneIsNotMade) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <set>
 #include <thread>
 
@@ -28,6 +29,22 @@ TEST_F(ProgramLogTest, PutsTheLevelInFrontOfAMessage) {
                                                {Level::info, "[INFO] done"},
                                                {Level::debug, "[DEBUG] found %s 100%"},
                                                {Level::debug, "[DEBUG] composed"}}));
+}
+
+TEST_F(ProgramLogTest, HasOneCategory) { EXPECT_STREQ(ProgramLog::kCategory, "tarnwell-storage"); }
+
+TEST_F(ProgramLogTest, NumbersItsSectionsOnAQueueOfItsOwn) {
+    EXPECT_EQ(log.sectionQueue()->label(), "tarnwell.log-section");
+    // Waiting for the queue from within its own work would never end, so that stops the process.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(log.sectionQueue()->sync([&] { log.nextSectionNumber(); }), "tarnwell.log-section");
+}
+
+TEST_F(ProgramLogTest, StopsRatherThanCountSectionsTwice) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    ProgramLog last(sink, dispatch::ThreadPool::create(), std::numeric_limits<std::uint64_t>::max() - 1);
+    EXPECT_EQ(last.nextSectionNumber(), std::numeric_limits<std::uint64_t>::max() - 1);
+    EXPECT_DEATH(last.nextSectionNumber(), "");
 }
 
 TEST_F(ProgramLogTest, WritesARawTextAsItStands) {

@@ -1,5 +1,7 @@
 #include "provider/ItemLookup.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 
 #include "hostframework/HostError.h"
@@ -16,6 +18,21 @@ protected:
     static inline const Error kInvalidIdentifier = items::makeError(items::TarnwellError::invalidItemIdentifier);
     static inline const std::string kOpen = "[DEBUG] ┏ ";
     static inline const std::string kClose = "[DEBUG] ┗";
+
+    static Error noSuchFile() { return {ErrorDomain::generalFile, kNoSuchFileOnRead, {}}; }
+    /// What `itemForURL` says of the library "notes" when its folder is gone.
+    static Lines linesOfALibraryWithoutAFolder(const URL& documents) {
+        const std::string identifier = "#org.example.notes";
+        return {kOpen + "fetching item identifier for \"" + documents.path() + "\"",
+                "[DEBUG] found " + identifier,
+                kClose,
+                kOpen + "fetching item's properties for \"" + identifier + "\"",
+                "[ERROR] can't get resource \"typeIdentifier\" for " + documents.text() + "; " + describe(noSuchFile()),
+                "[ERROR] can't create an item without a type identifier (itemIdentifier: " + identifier +
+                    ", parentItemIdentifier: RootContainer, filename: notes)",
+                "[ERROR] item lookup failed for identifier \"" + identifier + "\"",
+                kClose};
+    }
 
     ItemLookup lookup_{providerContext_};
 };
@@ -161,11 +178,28 @@ TEST_F(ItemLookupTest, AURLNamedDocumentsIsAnAppLibrarysOrNone) {
 
 TEST_F(ItemLookupTest, URLsWithoutAnItemHaveNoIdentifier) {
     makeFolder("Inbox");
-    for (const URL& url : {device_.url("gone"), device_.url("Inbox"), URL::file("/elsewhere")}) {
-        SCOPED_TRACE(url.path());
+    device_.settle();
+    struct Row {
+        URL url;
+        Lines reasons;
+    };
+    const std::string noIdentifier = "[DEBUG] can't create an item without an ID";
+    const Row rows[] = {
+        {device_.url("gone"),
+         {"can't get doc ID for \"" + pathOf("gone") + "\"; " + describe(noSuchFile()), noIdentifier}},
+        {device_.url("Inbox"), {"[DEBUG] can't create an item for the \"Inbox\" directory"}},
+        {URL::file("/elsewhere"),
+         {"can't compute file object identifier because \"/elsewhere\" is not part of Tarnwell Storage", noIdentifier}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.url.path());
         newLines();
-        EXPECT_EQ(lookup_.identifierForURL(url), std::nullopt);
-        for (const auto& line : newLines()) EXPECT_FALSE(line.starts_with("[DEBUG] found")) << line;
+        EXPECT_EQ(lookup_.identifierForURL(row.url), std::nullopt);
+        // The reasons are those of the item that could not be built; the lookup itself adds none.
+        Lines expected{kOpen + "fetching item identifier for \"" + row.url.path() + "\""};
+        expected.insert(expected.end(), row.reasons.begin(), row.reasons.end());
+        expected.push_back(kClose);
+        EXPECT_EQ(newLines(), expected);
     }
 }
 
@@ -179,6 +213,34 @@ TEST_F(ItemLookupTest, URLsGiveTheirItems) {
     const auto library = lookup_.itemForURL(documentsOf(notes));
     ASSERT_TRUE(library.has_value());
     EXPECT_TRUE((*library)->isContainer());
+}
+
+TEST_F(ItemLookupTest, AnAppLibraryWhoseFolderWasDeletedIsAnInvalidIdentifier) {
+    const auto notes = application("notes");
+    install({notes});
+    const URL documents = documentsOf(notes);
+    const Lines expected = linesOfALibraryWithoutAFolder(documents);
+    ASSERT_EQ(::rmdir((*notes.containerPath + "/Documents").c_str()), 0);
+    device_.settle();
+    newLines();
+    const auto item = lookup_.itemForURL(documents);
+    ASSERT_FALSE(item.has_value());
+    EXPECT_EQ(item.error(), kInvalidIdentifier);
+    EXPECT_EQ(newLines(), expected);
+}
+
+TEST_F(ItemLookupTest, AnAppLibraryWhoseFolderCannotBeReadIsAnInvalidIdentifier) {
+    const auto notes = application("notes");
+    install({notes});
+    const URL documents = documentsOf(notes);
+    faultyItems_.appLibraries = &context_.directory();
+    faultyFiles_.fail(testing::FaultyFileSystem::Operation::resourceValue, noSuchFile());
+    const ItemLookup lookup(ProviderContext{faultyEnvironment_, context_});
+    newLines();
+    const auto item = lookup.itemForURL(documents);
+    ASSERT_FALSE(item.has_value());
+    EXPECT_EQ(item.error(), kInvalidIdentifier);
+    EXPECT_EQ(newLines(), linesOfALibraryWithoutAFolder(documents));
 }
 
 TEST_F(ItemLookupTest, AURLWithoutAnIdentifierIsAnInvalidIdentifier) {
@@ -198,9 +260,8 @@ TEST_F(ItemLookupTest, AnItemThatGoesBetweenTheTwoLooksIsAnInvalidIdentifier) {
     ASSERT_TRUE(lookup.identifierForURL(device_.url("a.txt")).has_value());
     const auto reads = faultyFiles_.calls(testing::FaultyFileSystem::Operation::resourceValue);
     faultyFiles_.clear();
-    faultyFiles_.fail(testing::FaultyFileSystem::Operation::resourceValue,
-                      Error{ErrorDomain::generalFile, kNoSuchFileOnRead, {}}, testing::FaultyFileSystem::kAlways,
-                      static_cast<unsigned>(reads));
+    faultyFiles_.fail(testing::FaultyFileSystem::Operation::resourceValue, noSuchFile(),
+                      testing::FaultyFileSystem::kAlways, static_cast<unsigned>(reads));
     newLines();
     const auto item = lookup.itemForURL(device_.url("a.txt"));
     ASSERT_FALSE(item.has_value());

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <filesystem>
 
 #include "applibraries/LocalRootEnumerator.h"
 #include "fs/LocalFileEnumerator.h"
@@ -32,6 +34,7 @@ protected:
         provider_->appRefreshQueue()->sync([] {});
     }
     Lines signals() { return device_.providerManager().signals(); }
+    std::string cacheFolder() const { return device_.applicationSupport() + "/Tarnwell Storage"; }
     /// The lines of pacer events and of what the provider asks of the host.
     Lines refreshLines() {
         auto lines = newLines();
@@ -126,6 +129,71 @@ TEST_F(LocalProviderTest, RequestsOfOneBurstShareOneEventAndAreAllCalledAgainAtT
     EXPECT_EQ(std::ranges::count(refreshLines(), "[DEBUG] ┏ pacer event"), 1);
 }
 
+TEST_F(LocalProviderTest, AnEventComesHalfASecondAfterTheFirstOfItsRequestsAtTheSoonest) {
+    startProvider();
+    waitForRefresh();
+    newLines();
+    using Clock = std::chrono::steady_clock;
+    auto counter = std::make_shared<Counter>();
+    auto completed = std::make_shared<Clock::time_point>();
+    const auto asked = Clock::now();
+    provider_->appRefreshQueue()->sync([&] {
+        for (int i = 0; i < 2; ++i) {
+            provider_->refreshInstalledAppsWithCompletionHandler([counter, completed] {
+                if (counter->count() == 0) *completed = Clock::now();
+                counter->increment();
+            });
+        }
+    });
+    ASSERT_TRUE(counter->waitFor(2));
+    provider_->appRefreshQueue()->sync([] {});
+    EXPECT_GE(*completed - asked, std::chrono::milliseconds(500));
+    EXPECT_EQ(std::ranges::count(refreshLines(), "[DEBUG] ┏ pacer event"), 1);
+}
+
+TEST_F(LocalProviderTest, ARemovedAppStaysInTheSearchIndexAndInTheWorkingSetsFile) {
+    startProvider();
+    device_.registry().setApplications({application("notes")});
+    waitForRefresh();
+    ASSERT_TRUE(provider_->itemForIdentifier("#org.example.notes").has_value());
+    device_.registry().setApplications({});
+    waitForRefresh();
+    EXPECT_FALSE(provider_->itemForIdentifier("#org.example.notes").has_value());
+    // Both belong to the working set's enumeration, which alone knows what the index was told of.
+    EXPECT_EQ(device_.providerManager().deletions(), std::vector<Lines>{});
+    EXPECT_TRUE(std::filesystem::exists(cacheFolder() + "/app-libraries.plist"));
+    EXPECT_FALSE(std::filesystem::exists(cacheFolder() + "/searchable-app-libraries.plist"));
+}
+
+TEST_F(LocalProviderTest, AListThatCannotBeWrittenIsReportedAndSignalsNothing) {
+    testing::writeFile(cacheFolder(), "in the way");
+    device_.registry().setApplications({application("notes")});
+    startProvider();
+    newLines();
+    waitForRefresh();
+    auto lines = newLines();
+    std::erase_if(lines, [](const std::string& line) {
+        return !line.starts_with("[ERROR] ") && !line.starts_with("[INFO] ") &&
+               line != "[DEBUG] auto-upgrading shared app library manager";
+    });
+    EXPECT_EQ(lines, (Lines{"[ERROR] can't refresh app libraries; " + describe(posixError(ENOTDIR)),
+                            "[DEBUG] auto-upgrading shared app library manager"}));
+    EXPECT_EQ(signals(), Lines{"WorkingSetContainer"});
+
+    std::filesystem::remove(cacheFolder());
+    waitForRefresh();
+    EXPECT_EQ(signals(), (Lines{"WorkingSetContainer", "RootContainer", "WorkingSetContainer"}));
+}
+
+TEST_F(LocalProviderTest, ARequestWithoutACompletionIsARefreshAllTheSame) {
+    startProvider();
+    auto counter = std::make_shared<Counter>();
+    provider_->refreshInstalledAppsWithCompletionHandler([counter] { counter->increment(); });
+    ASSERT_TRUE(counter->waitFor(1));
+    provider_->refreshInstalledAppsWithCompletionHandler({});
+    EXPECT_TRUE(counter->waitFor(2));
+}
+
 TEST_F(LocalProviderTest, ACompletionMayAskForAnotherRefresh) {
     startProvider();
     auto counter = std::make_shared<Counter>();
@@ -186,6 +254,36 @@ TEST_F(LocalProviderTest, ProvidingSucceedsForAnyURLAtOnceAndTouchesNothing) {
     EXPECT_EQ(completions, 6);
     EXPECT_EQ(faultyFiles_.calls(), 0u);
     provider_ = std::move(provider);
+}
+
+/// A program that has just started: nothing has asked for the shared manager yet.
+class ProviderStartTest : public fs::FSTest {
+protected:
+    using Lines = std::vector<std::string>;
+
+    static bool loadsAManager(const std::string& line) {
+        return line.starts_with("[DEBUG] ┏ loading bundle proxies from");
+    }
+
+    applibraries::AppLibraryContext context_{device_.environment(), device_.registry(), device_.pool(),
+                                             device_.applicationSupport()};
+};
+
+TEST_F(ProviderStartTest, TheFirstEventAndNotTheStartLoadsTheSharedManager) {
+    newLines();
+    auto provider = LocalProvider::create({environment_, context_});
+    auto counter = std::make_shared<Counter>();
+    provider->refreshInstalledAppsWithCompletionHandler([counter] { counter->increment(); });
+    ASSERT_TRUE(counter->waitFor(1));
+    const auto queue = provider->appRefreshQueue();
+    provider.reset();
+    queue->sync([] {});
+
+    const Lines lines = newLines();
+    const auto event = std::ranges::find(lines, "[DEBUG] ┏ pacer event");
+    ASSERT_NE(event, lines.end());
+    EXPECT_EQ(Lines(lines.begin(), event), Lines{"[INFO] auto notify changes on WorkingSetContainer at startup"});
+    EXPECT_EQ(std::count_if(event, lines.end(), loadsAManager), 1);
 }
 
 // The choice of an enumerator.

@@ -152,10 +152,9 @@ void SerialQueue::asyncAndHelp(Work work) {
 
 void SerialQueue::after(std::chrono::nanoseconds delay, Work work) {
     TARNWELL_CHECK(work);
-    state_->pool->handOverAfter(delay,
-                                [state = state_, work = std::move(work)]() mutable {
-                                    if (state->addTakingTurn(std::move(work))) state->scheduleDrain();
-                                });
+    state_->pool->handOverAfter(delay, [state = state_, work = std::move(work)]() mutable {
+        if (state->addTakingTurn(std::move(work))) state->scheduleDrain();
+    });
 }
 
 void SerialQueue::syncErased(const std::function<void()>& work) {

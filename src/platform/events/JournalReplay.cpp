@@ -75,11 +75,16 @@ std::optional<FileEvent> JournalReplay::eventForObject(store::Session& session, 
 }
 
 std::optional<FileEvent> JournalReplay::eventForDeparture(store::Session& session, const store::Departure& departure) {
-    // Alive below the stream's folders: its own record tells where it is. A document that another object carries now
-    // is alive as that object.
-    auto alive = departure.documentID ? session.index().byDocumentID(*departure.documentID)
-                                      : session.index().byFileID(departure.fileID);
-    if (alive && alive->documentID == departure.documentID && pathBelowFolders(session, *alive)) return std::nullopt;
+    if (options_.interest == Interest::everything) {
+        // Alive below the stream's folders: its own record tells where it is. A document that another object carries
+        // now is alive as that object. Who is told of departures only is told of every one: it is the folder that
+        // something left that counts for him.
+        auto alive = departure.documentID ? session.index().byDocumentID(*departure.documentID)
+                                          : session.index().byFileID(departure.fileID);
+        if (alive && alive->documentID == departure.documentID && pathBelowFolders(session, *alive)) {
+            return std::nullopt;
+        }
+    }
     std::string path = departure.path;
     if (!isBelowFolders(path)) {
         // A folder on the way may have another name by now, the stream's own among them.

@@ -47,9 +47,31 @@ Result<void> Comparer::compareFolder(const Place& folder, const store::EntryRow&
 
 Result<store::ObjectRow> Comparer::comparedFolder(const Place& folder, const filesystem::Status& status) {
     auto row = rowByPath(folder, status);
-    if (row && isAsListed(*row, status)) return row;
-    if (auto compared = compareFolder(folder); !compared) return failure(compared.error());
-    return rowAt(folder);
+    if (!row || !isAsListed(*row, status)) {
+        if (auto compared = compareFolder(folder); !compared) return failure(compared.error());
+        row = rowAt(folder);
+    }
+    if (!row) return row;
+    if (auto compared = compareLinks(row->fileID); !compared) return failure(compared.error());
+    return row;
+}
+
+Result<void> Comparer::compareLinks(FileID folder) {
+    std::vector<std::pair<store::ObjectRow, Place>> shown;
+    bool stand = true;
+    {
+        store::Session session(store_);
+        for (const store::LinkRow& link : session.index().linksIn(raw(folder))) {
+            auto row = session.index().byFileID(link.fileID);
+            if (!row) continue;
+            stand = stand && row->state == store::ObjectState::live;
+            // In a root that is unavailable it stays what it is.
+            if (auto place = placeOf(session, *row)) shown.emplace_back(std::move(*row), std::move(*place));
+        }
+        if (auto checked = session.check(); !checked) return checked;
+    }
+    for (const auto& [row, place] : shown) stand = stand && standsAt(row, place);
+    return stand ? Result<void>() : compare({}, Detail::names);
 }
 
 std::optional<Comparer::FileSystemEntry> Comparer::knownFileSystem(std::uint64_t device) {
@@ -80,11 +102,17 @@ Result<store::ObjectIdentity> Comparer::identityOf(const filesystem::Status& sta
     return store::ObjectIdentity{fileSystem->number, status.inode, status.birth};
 }
 
+/// The root of that name if it is that folder. A folder that was the root at an earlier start may be anywhere by now:
+/// what was known below it is unavailable until it is the root again or turns up below one.
+std::optional<Place> Comparer::rootPlaceOf(const std::string& name, const store::ObjectIdentity& identity) const {
+    auto place = roots_.locate(name);
+    if (!place || !place->relative.empty()) return std::nullopt;
+    const bool isSame = place->root->inode == identity.inode && place->root->birth == identity.birth;
+    return isSame ? std::move(place) : std::nullopt;
+}
+
 std::optional<Place> Comparer::placeOf(store::Session& session, const store::EntryRow& row) const {
-    if (row.parent == 0) {
-        auto root = roots_.locate(row.name);
-        return root && root->relative.empty() ? root : std::nullopt;
-    }
+    if (row.parent == 0) return rootPlaceOf(row.name, row.identity);
     if (row.state != store::ObjectState::live) return std::nullopt;
     // Written from its end, since the way leads upwards.
     std::string reversed(row.name.rbegin(), row.name.rend());
@@ -96,8 +124,8 @@ std::optional<Place> Comparer::placeOf(store::Session& session, const store::Ent
         folder = session.index().folderNode(folder->parent);
     }
     if (folder == nullptr) return std::nullopt;
-    auto root = roots_.locate(folder->name);
-    if (!root || !root->relative.empty()) return std::nullopt;
+    const auto root = rootPlaceOf(folder->name, folder->identity);
+    if (!root) return std::nullopt;
     return Place{root->root, std::string(reversed.rbegin(), reversed.rend())};
 }
 

@@ -52,8 +52,13 @@ public:
     /// handle (O_PATH) of the folder above it, a folder that did not change is known without walking its path.
     Result<void> compareFolder(const Place& folder, const store::EntryRow& row, int handle = -1);
 
-    /// The row of a folder by the status that it was found with at its place, its names compared where they changed.
+    /// The row of a folder by the status that it was found with at its place. Its names were compared where they
+    /// changed, and so was everything where a file that has a further name in it may have lost the one it is shown
+    /// under.
     Result<store::ObjectRow> comparedFolder(const Place& folder, const filesystem::Status& status);
+    /// Compares the names in all folders if one of the files that have a further name in this folder is not at its
+    /// place any more: it may be this name that it is to be shown under now.
+    Result<void> compareLinks(FileID folder);
 
     /// The row of what stands at the place, looked at on disk; folders on the way are compared where they differ.
     /// ENOENT where nothing stands.
@@ -91,6 +96,7 @@ private:
     Result<FileSystemEntry> fileSystemOf(std::uint64_t device, int descriptor);
     Result<void> meetFileSystem(const Place& place, const filesystem::Status& status);
     Result<store::ObjectRow> rowByPath(const Place& place, const filesystem::Status& status);
+    std::optional<Place> rootPlaceOf(const std::string& name, const store::ObjectIdentity& identity) const;
     bool leadsTo(store::Session& session, const store::EntryRow& row, const Place& place) const;
 
     const Roots& roots_;

@@ -215,7 +215,9 @@ void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& en
         }
         row.listed = 0;
     }
-    if (!sameFolder || old.state == ObjectState::gone) row.position = session().numbers().nextPosition();
+    // What becomes visible came in: before that no listing counted it.
+    const bool cameIn = !sameFolder || old.state == ObjectState::gone || (row.visible && !old.visible);
+    if (cameIn) row.position = session().numbers().nextPosition();
     if (row.isDocument() != old.isDocument() && row.documentID) {
         // A folder that is no package any more is known by its file ID again.
         if (toldOf) session().journal().recordDeparture(row.fileID, row.documentID, old.parent, oldPath);

@@ -75,7 +75,13 @@ public:
     /// Passes over the next `count` entries without prefetching, as if `next` had been called so often; returns how
     /// many there were.
     virtual std::uint64_t skip(std::uint64_t count) = 0;
+    /// What ended the walk before its end, where entries are not what could not be read but what is known of them;
+    /// nothing as long as it goes well.
+    virtual std::optional<Error> failure() const { return std::nullopt; }
 };
+
+/// How an error of a look at a file is told: a missing object has an error of its own.
+Error asReadError(const Error& error);
 
 /// Told of an entry that cannot be read; true means go on.
 using WalkErrorHandler = std::function<bool(const URL&, const Error&)>;

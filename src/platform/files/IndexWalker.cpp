@@ -1,6 +1,9 @@
 #include "platform/files/IndexWalker.h"
 
 #include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "platform/files/ChangeTime.h"
 #include "platform/files/Snapshots.h"
@@ -33,6 +36,12 @@ Result<OpenedFolder> OpenedFolder::open(const Place& place) {
     auto status = filesystem::statusOf(descriptor->get());
     if (!status) return failure(status.error());
     return OpenedFolder{std::move(*descriptor), *status};
+}
+
+Result<void> OpenedFolder::checkSearchable() const {
+    if (faccessat(descriptor.get(), ".", X_OK, AT_EACCESS) == 0) return {};
+    const int code = errno;
+    return failure(posixError(code));
 }
 
 void WalkPositions::remember(FileID folder, unsigned options, std::uint64_t count, std::uint64_t position) {
@@ -87,8 +96,18 @@ IndexWalker::~IndexWalker() {
     positions_.remember(folder, options_, count_, countedPosition_);
 }
 
+/// Ends the walk: what comes next cannot be known.
+void IndexWalker::stop(const Error& error) {
+    stopped_ = true;
+    if (!failure_) failure_ = error;
+}
+
 bool IndexWalker::report(const std::string& path, const Error& error) {
-    bool goOn = !errorHandler_ || errorHandler_(URL::file(path), error);
+    if (error.domain == ErrorDomain::store) {
+        stop(error);
+        return false;
+    }
+    const bool goOn = !errorHandler_ || errorHandler_(URL::file(path), asReadError(error));
     if (!goOn) stopped_ = true;
     return goOn;
 }
@@ -164,7 +183,7 @@ bool IndexWalker::fill(Level& level) {
     level.rows = session.index().children(level.folder.fileID, level.position, kBatch);
     level.nextRow = 0;
     if (auto checked = session.check(); !checked) {
-        report(level.path, checked.error());
+        stop(checked.error());
         level.rows.clear();
     }
     return !level.rows.empty();
@@ -186,6 +205,8 @@ const store::EntryRow* IndexWalker::nextRow(Level& level) {
 
 bool IndexWalker::descends(const store::EntryRow& row) const {
     if (!row.isDirectory() || (options_ & kSkipSubdirectoryDescendants) != 0) return false;
+    // Nobody is told of what lies in an Inbox, so that no listing may depend on it.
+    if (levels_.size() == 1 && levels_[0]->folder.parent == 0 && row.name == "Inbox") return false;
     return !row.package || (options_ & kSkipPackageDescendants) == 0;
 }
 
@@ -261,11 +282,17 @@ void IndexWalker::enterPending(Purpose purpose) {
     if (purpose == Purpose::looking && level->place.relative.size() < kLongPath) {
         if (auto its = OpenedFolder::open(level->place)) opened = std::move(*its);
     }
+    const bool isOfTheRow = opened && comparer_.isObject(level->folder, opened->status);
     if (!opened || !comparer_.isAsListed(level->folder, opened->status)) {
         auto compared = comparer_.compareFolder(level->place, level->folder, handleOf(levels_.size() - 1));
         if (!compared && !report(level->path, compared.error())) return;
+        auto searchable = isOfTheRow ? opened->checkSearchable() : Result<void>();
+        if (!searchable && !report(level->path, searchable.error())) return;
     }
-    if (opened && comparer_.isObject(level->folder, opened->status)) {
+    if (auto compared = comparer_.compareLinks(level->folder.fileID); !compared) {
+        if (!report(level->path, compared.error())) return;
+    }
+    if (isOfTheRow) {
         level->opened = std::move(opened);
         learnMount(*level);
     }
@@ -326,6 +353,7 @@ std::uint64_t IndexWalker::skip(std::uint64_t count) {
         level.rows.clear();
         level.nextRow = 0;
         done += skipped.count;
+        if (auto checked = session.check(); !checked) stop(checked.error());
     }
     count_ += done;
     previousPosition_ = 0;

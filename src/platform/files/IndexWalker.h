@@ -40,6 +40,8 @@ private:
 /// A folder open for reading, and its status right after it was opened.
 struct OpenedFolder {
     static Result<OpenedFolder> open(const Place& place);
+    /// EACCES for a folder whose names may be read, but not looked at.
+    Result<void> checkSearchable() const;
     Descriptor descriptor;
     filesystem::Status status;
 };
@@ -56,6 +58,7 @@ public:
 
     std::optional<URL> next() override;
     std::uint64_t skip(std::uint64_t count) override;
+    std::optional<Error> failure() const override { return failure_; }
 
 private:
     struct Level {
@@ -88,6 +91,7 @@ private:
     void enter(const Level& parent, const store::EntryRow& row);
     std::optional<URL> urlFor(Level& level, const store::EntryRow& row);
     bool report(const std::string& path, const Error& error);
+    void stop(const Error& error);
 
     Comparer& comparer_;
     store::Store& store_;
@@ -102,6 +106,7 @@ private:
     std::uint64_t countedPosition_ = 0;   ///< of the last of them
     std::uint64_t previousPosition_ = 0;  ///< of the one before it; 0 when it is not known
     bool stopped_ = false;
+    std::optional<Error> failure_;
     std::vector<std::pair<std::uint64_t, std::int64_t>> bare_;  ///< positions and change times of what was found bare
 };
 

@@ -35,12 +35,11 @@ void rememberNumbers(const URL& url, const store::EntryRow& row) {
     if (row.documentID) url.cache().setDocumentID(*row.documentID);
 }
 
-/// The answer of a look-up of resource values: a missing object has an error of its own.
+}  // namespace
+
 Error asReadError(const Error& error) {
     return isAbsence(error) ? Error{ErrorDomain::generalFile, kNoSuchFileOnRead, {}} : error;
 }
-
-}  // namespace
 
 std::string_view nameOf(ResourceKey key) {
     static constexpr std::array<std::string_view, 14> kNames = {"parentDirectoryURL",
@@ -126,7 +125,8 @@ Result<ResourceValue> LocalFileSystem::resourceValue(const URL& url, ResourceKey
         case ResourceKey::isWritable:
             return ResourceValue(values.writable);
         case ResourceKey::isHidden:
-            return ResourceValue(values.name ? values.name->starts_with('.') : url.lastPathComponent().starts_with('.'));
+            return ResourceValue(values.name ? values.name->starts_with('.')
+                                             : url.lastPathComponent().starts_with('.'));
         case ResourceKey::isDirectory:
             return ResourceValue(values.kind == FileKind::directory);
         case ResourceKey::isPackage:
@@ -293,12 +293,11 @@ Result<URL> LocalFileSystem::pathOfFileID(FileID fileID, DeviceID device) {
     return failure(posixError(ENOENT));
 }
 
-Result<std::uint32_t> LocalFileSystem::entryCountOf(const Place& place, const store::ObjectRow& row) {
+Result<std::uint32_t> LocalFileSystem::entryCountOf(const Place& place) {
     auto folder = filesystem::openBeneath(place.root->directory.get(), place.relative, O_RDONLY | O_DIRECTORY);
     if (!folder) {
-        // A folder that this process may not list: what is known of it, which is nothing for a new one.
-        return folder.error().is(ErrorDomain::posix, EACCES) ? Result<std::uint32_t>(row.entries)
-                                                             : failure(folder.error());
+        // A folder that this process may not list has nothing to show; what was known of it may be wrong by now.
+        return folder.error().is(ErrorDomain::posix, EACCES) ? Result<std::uint32_t>(0) : failure(folder.error());
     }
     return filesystem::countEntries(folder->get(), kMostEntries);
 }
@@ -328,7 +327,7 @@ Result<FileStatus> LocalFileSystem::stat(const URL& url) {
     FileStatus answer{row->fileID, status->mode, status->links, status->size};
     if (S_ISDIR(status->mode)) {
         auto entries = row->listed != 0 && row->listed == status->changed ? Result<std::uint32_t>(row->entries)
-                                                                          : entryCountOf(*place, *row);
+                                                                          : entryCountOf(*place);
         if (!entries) return failure(entries.error());
         answer.linkCount = std::min(*entries, kMostEntries) + 2;
     }
@@ -371,7 +370,10 @@ Result<void> LocalFileSystem::setAttribute(const Descriptor& descriptor, const s
 }
 
 Result<void> LocalFileSystem::removeAttribute(const Descriptor& descriptor, const std::string& name) {
-    return filesystem::removeAttributeOf(descriptor.get(), name);
+    auto removed = filesystem::removeAttributeOf(descriptor.get(), name);
+    // No attribute can stand where none can be kept.
+    if (!removed && removed.error().is(ErrorDomain::posix, ENOTSUP)) return failure(posixError(ENODATA));
+    return removed;
 }
 
 Result<std::unique_ptr<DirectoryWalker>> LocalFileSystem::walk(const URL& folder, unsigned options,
@@ -384,7 +386,13 @@ Result<std::unique_ptr<DirectoryWalker>> LocalFileSystem::walk(const URL& folder
     if (!row) return failure(row.error());
     // Where another folder took the place meanwhile, the walker opens that one.
     std::optional<OpenedFolder> opened;
-    if (comparer_.isObject(*row, folderNow->status)) opened = std::move(*folderNow);
+    if (comparer_.isObject(*row, folderNow->status)) {
+        // A folder that was read may be searched; of any other that has to be found out.
+        if (!comparer_.isAsListed(*row, folderNow->status)) {
+            if (auto searchable = folderNow->checkSearchable(); !searchable) return failure(searchable.error());
+        }
+        opened = std::move(*folderNow);
+    }
     return std::make_unique<IndexWalker>(comparer_, store_, types_, positions_, std::move(*place), folder.path(),
                                          std::move(*row), std::move(opened), options, std::move(errorHandler));
 }
@@ -426,6 +434,15 @@ Result<DocumentID> IndexGenerationStore::getOrAllocateDocumentID(const Descripto
     DocumentID allocated = *current->documentID;
     auto committed = session.commit();
     return committed ? Result<DocumentID>(allocated) : failure(committed.error());
+}
+
+Result<std::optional<DocumentID>> IndexGenerationStore::permanentStorage(const URL& url) {
+    // A walk or a look-up that put the number into the URL compared the object with the index for it.
+    if (auto known = url.cache().documentID()) return known;
+    auto place = roots_.locate(url.path());
+    if (!url.isFileURL() || !place) return failure(posixError(ENOENT));
+    auto row = comparer_.rowAt(*place);
+    return row ? Result<std::optional<DocumentID>>(row->documentID) : failure(row.error());
 }
 
 Result<FileID> IndexGenerationStore::fileIDForDocumentID(DocumentID documentID, DeviceID device) {

@@ -51,7 +51,7 @@ private:
     Result<Place> placeOf(const URL& url) const;
     Result<const ResourceSnapshot*> snapshotOf(const URL& url);
     std::optional<URL> takeHandedOver(FileID fileID);
-    Result<std::uint32_t> entryCountOf(const Place& place, const store::ObjectRow& row);
+    Result<std::uint32_t> entryCountOf(const Place& place);
 
     const Roots& roots_;
     store::Store& store_;
@@ -76,6 +76,7 @@ public:
         : roots_(roots), store_(store), comparer_(comparer), files_(files) {}
 
     Result<DocumentID> getOrAllocateDocumentID(const Descriptor& descriptor) override;
+    Result<std::optional<DocumentID>> permanentStorage(const URL& url) override;
     Result<FileID> fileIDForDocumentID(DocumentID documentID, DeviceID device) override;
     URL documentStorageFolder() const override;
 

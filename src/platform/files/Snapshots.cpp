@@ -95,8 +95,8 @@ Result<std::unique_ptr<ResourceSnapshot>> makeSnapshot(mime::TypeDatabase& types
     snapshot->package = snapshot->kind == FileKind::directory && types.isPackageName(entry);
 
     auto list = filesystem::AccessList::absent;
-    auto names = bareness == Bareness::known ? filesystem::AttributeNames()
-                                             : filesystem::attributeNamesAt(folder, entry);
+    auto names =
+        bareness == Bareness::known ? filesystem::AttributeNames() : filesystem::attributeNamesAt(folder, entry);
     if (names) {
         snapshot->bare = names->user.empty() && !names->hasAccessList;
         list =
@@ -120,6 +120,8 @@ Result<std::unique_ptr<ResourceSnapshot>> makeRootSnapshot(const Root& root) {
     int folder = root.directory.get();
     auto status = filesystem::statusOf(folder);
     if (!status) return failure(status.error());
+    // Held open, a folder that was removed goes on answering.
+    if (status->links == 0) return failure(posixError(ENOENT));
     auto snapshot = basicSnapshot(*status);
     snapshot->name = root.realPath.substr(root.realPath.rfind('/') + 1);
     if (auto names = filesystem::attributeNamesOf(folder)) {

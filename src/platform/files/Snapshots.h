@@ -18,8 +18,8 @@ inline constexpr std::size_t kRememberedAttributeBytes = 4096;
 enum class Bareness { unknown, known };
 
 /// The snapshot of a direct entry of an open folder whose status is known: lists its attributes unless it is known to
-/// be bare, finds its type and what this process may do with it. A name that declares no type is settled by a look at the first bytes of the
-/// content.
+/// be bare, finds its type and what this process may do with it. A name that declares no type is settled by a look at
+/// the first bytes of the content.
 Result<std::unique_ptr<ResourceSnapshot>> makeSnapshot(mime::TypeDatabase& types, int folder,
                                                        filesystem::MountState mount, const char* entry,
                                                        const filesystem::Status& status, Bareness bareness);

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "platform/filesystem/Beneath.h"
 #include "platform/filesystem/SystemCall.h"
 
 namespace tarnwell {
@@ -188,6 +189,10 @@ Result<void> Roots::compatible(const Root& root, const std::string& territory, c
 }
 
 Result<std::shared_ptr<const Root>> Roots::insert(Root root, const std::string& territory) {
+    const auto status = filesystem::statusOf(root.directory.get());
+    if (!status) return failure(status.error());
+    root.inode = status->inode;
+    root.birth = status->birth;
     const auto added = std::make_shared<const Root>(std::move(root));
     auto node = std::make_unique<Node>(Node{added, nullptr});
     for (;;) {

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -26,6 +27,9 @@ struct Root {
     std::string realPath;
     /// O_PATH descriptor of the folder.
     Descriptor directory;
+    /// Which folder it is: another one may have had its name at an earlier start.
+    std::uint64_t inode = 0;
+    std::int64_t birth = 0;
 };
 
 /// A place below a root (or the root itself, with an empty relative path).

@@ -22,7 +22,7 @@ Index::Index(Database& database, Numbers& numbers)
       byDocument_(database, "SELECT " TARNWELL_ROW_COLUMNS " FROM object WHERE docID = ?"),
       children_(database, "SELECT " TARNWELL_ENTRY_COLUMNS
                           " FROM object WHERE parent = ? AND position > ? AND state = 0 ORDER BY position LIMIT ?"),
-      allChildren_(database, "SELECT " TARNWELL_ROW_COLUMNS 
+      allChildren_(database, "SELECT " TARNWELL_ROW_COLUMNS
                              " FROM object WHERE parent = ? AND position > ? AND state < 2 ORDER BY position LIMIT ?"),
       folders_(database, "SELECT " TARNWELL_ENTRY_COLUMNS
                          " FROM object WHERE parent = ? AND kind & 15 = 1 AND state = 0 ORDER BY position"),

@@ -14,9 +14,9 @@ namespace tarnwell {
 /// Names a place by the bytes of an absolute path, or is a URL of another scheme that only carries its text.
 ///
 /// Copies share one cache of resource values, as copies of a reference to one URL object would, and cost no memory; a
-/// URL derived from another (a parent, a child) starts with an empty cache. Two URLs are equal when scheme and path are.
-/// One that was moved from may only be assigned to or destroyed.
-/// Paths of file URLs are kept without a trailing slash, without empty and "." components; ".." is kept as it is.
+/// URL derived from another (a parent, a child) starts with an empty cache. Two URLs are equal when scheme and path
+/// are. One that was moved from may only be assigned to or destroyed. Paths of file URLs are kept without a trailing
+/// slash, without empty and "." components; ".." is kept as it is.
 class URL {
 public:
     /// A file URL for the bytes of an absolute path; a path that does not begin with "/" gets one in front.
