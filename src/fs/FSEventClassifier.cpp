@@ -44,14 +44,14 @@ std::optional<std::string> namedIdentifier(const events::FileEvent& event) {
 }
 
 /// True when the item is the object that the event named, by either number. A file ID also fits a document whose
-/// document ID the event does not give.
+/// document ID the event does not give; not a link, whose item has the file ID of what it leads to.
 bool isNamedBy(const items::LocalItem& item, const events::FileEvent& event) {
     if (!event.documentID && !event.fileID) return true;
     const auto& identifier = item.itemIdentifier();
     if (event.documentID && identifier == TWPFileObjectIdentifier::fromDocumentID(raw(*event.documentID))) return true;
     if (!event.fileID) return false;
     return identifier == TWPFileObjectIdentifier::fromFileID(raw(*event.fileID)) ||
-           (!event.documentID && item.fileID() == event.fileID);
+           (!event.documentID && item.docID() && item.fileID() == event.fileID);
 }
 
 void rememberIdentifier(const URL& url, const events::FileEvent& event) {

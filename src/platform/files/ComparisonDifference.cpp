@@ -33,6 +33,12 @@ void ComparisonRun::difference(Folder& folder, const Reading& reading) {
                               row->size != entry.status.size;
             if (row->state == ObjectState::missing) {
                 write();
+                if (row->visible != isVisibleEntry(folder.job.context, entry.name, row->isDirectory())) {
+                    // It left with its folder, which became hidden, and came back with it.
+                    moveHere(folder, *row, entry, false);
+                    folder.changed = true;
+                    continue;
+                }
                 row->state = ObjectState::live;
                 session().index().setState(row->fileID, ObjectState::live);
             }

@@ -201,7 +201,16 @@ void ComparisonRun::leave(ObjectRow row, const std::string& path, Leaving leavin
         if (step.row.visible) {
             session().journal().recordDeparture(step.row.fileID, step.row.documentID, step.row.parent, step.path);
         }
-        session().index().setState(step.row.fileID, ObjectState::gone);
+        // Hidden, a file is found where it stands when its folder is read again; if it is not, another name that it has
+        // may be the one to show it under.
+        if (leaving == Leaving::gone || session().index().linksOf(step.row.fileID).empty()) {
+            session().index().setState(step.row.fileID, ObjectState::gone);
+            continue;
+        }
+        step.row.visible = false;
+        step.row.state = ObjectState::missing;
+        session().index().update(step.row);
+        comparer_.unsettled_ = true;
     }
 }
 

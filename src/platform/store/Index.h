@@ -93,9 +93,8 @@ struct LinkRow {
 /// I1: no two rows have the same identity, file ID or document ID.
 /// I2: a file ID is the object's inode number if this store never gave that number to another object, else a fresh one.
 /// I3: a live row's parent is a live folder row, or 0 for a root.
-/// I4: no two rows have the same position. It is the key of the table, so that the rows of a folder that was read at
-/// once
-///     lie side by side and a listing goes through them in the order in which they are stored.
+/// I4: no two rows have the same position. It is the table's key, so that the rows of a folder that was read in one go
+///     lie side by side, and a listing goes through them in the order in which they are stored.
 class Index {
 public:
     static constexpr std::size_t kMostChildren = std::numeric_limits<std::int64_t>::max();
