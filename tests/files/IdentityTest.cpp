@@ -205,6 +205,49 @@ TEST(Identity, AFileWithTwoNamesIsOneDocumentAtItsOldestName) {
     EXPECT_EQ("first.txt", placeOf(device, identifier));
 }
 
+TEST(Identity, AFileHiddenWithItsFolderIsTheOneUnderItsOtherName) {
+    TestDevice device;
+    testing::makeDirectories(device.path("folder"));
+    writeFile(device.path("folder/file.txt"), "");
+    device.settle();
+    const auto documentAt = [&](const char* relative) {
+        return device.generationStore().permanentStorage(URL::file(device.url(relative).path())).value().value();
+    };
+    const auto document = documentAt("folder/file.txt");
+    ASSERT_EQ(0, link(device.path("folder/file.txt").c_str(), device.path("other.txt").c_str()));
+    device.settle();
+    // The folder becomes hidden, and the name in it goes: nothing but the other name is left.
+    ASSERT_EQ(0, rename(device.path("folder").c_str(), device.path(".folder").c_str()));
+    ASSERT_EQ(0, unlink(device.path(".folder/file.txt").c_str()));
+    device.settle();
+    auto walker = device.files().walk(device.url(), kSkipHiddenFiles | kSkipPackageDescendants, {});
+    ASSERT_TRUE(walker.has_value());
+    const auto url = (*walker)->next();
+    ASSERT_TRUE(url.has_value());
+    EXPECT_EQ(url->lastPathComponent(), "other.txt");
+    EXPECT_EQ(url->cache().documentID(), document);
+    EXPECT_FALSE((*walker)->next().has_value());
+}
+
+TEST(Identity, AFileComesInAgainWithItsFolderThatWasHidden) {
+    TestDevice device;
+    testing::makeDirectories(device.path("above/folder"));
+    testing::makeDirectories(device.path(".elsewhere"));
+    writeFile(device.path("above/folder/file.txt"), "");
+    device.settle();
+    ASSERT_EQ(0, link(device.path("above/folder/file.txt").c_str(), device.path(".elsewhere/other").c_str()));
+    device.settle();
+    // What was above it becomes hidden and leaves with all that was known in it; the folder stands elsewhere by now.
+    ASSERT_EQ(0, rename(device.path("above/folder").c_str(), device.path("folder").c_str()));
+    ASSERT_EQ(0, rename(device.path("above").c_str(), device.path(".above").c_str()));
+    device.settle();
+    auto walker = device.files().walk(device.url(), kSkipHiddenFiles | kSkipPackageDescendants, {});
+    ASSERT_TRUE(walker.has_value());
+    std::set<std::string> listed;
+    while (auto url = (*walker)->next()) listed.insert(url->path().substr(device.url().path().size() + 1));
+    EXPECT_EQ(listed, (std::set<std::string>{"folder", "folder/file.txt"}));
+}
+
 TEST(Identity, WhatIsMovedIntoARootThatWasMadeAnewKeepsItsIdentity) {
     TestDevice device;
     testing::makeDirectories(device.path("folder/sub"));

@@ -242,6 +242,21 @@ TEST_F(FSEventReaderTest, AnObjectMatchesByEitherNumberOfTheEvent) {
     stop(reader);
 }
 
+TEST_F(FSEventReaderTest, ALinkIsNotTheObjectThatItLeadsTo) {
+    makeFolder("moved");
+    const FileID departed = fileIDOf("moved");
+    ASSERT_EQ(std::rename(device_.path("moved").c_str(), device_.path(".moved").c_str()), 0);
+    ASSERT_EQ(::symlink(".moved", device_.path("moved").c_str()), 0);
+    auto removed = eventAt(1, pathOf("moved"), departed);
+    removed.flags = events::kEventItemRemoved;
+    auto reader = makeReader({});
+    start(reader);
+    events_.play({removed});
+    EXPECT_EQ(delegate_->takeCalls(),
+              (Lines{"deleted " + pathOf("moved") + " fid=" + std::to_string(raw(departed)), "batch finished"}));
+    stop(reader);
+}
+
 TEST_F(FSEventReaderTest, TheTrashOfARootIsVisible) {
     makeFile(".Trash/a.txt");
     makeFile(".Trash/.hidden");
