@@ -237,17 +237,22 @@ TEST(Stream, LiveBatchesFollowTheHistory) {
     EXPECT_EQ((Lines{"history done", "+ live"}), told(device, events));
 }
 
+/// The history of a stream that is interested in departures only.
+Lines departuresSince(TestDevice& device, EventID since) {
+    StreamOptions options = over(device, since);
+    options.interest = Interest::departuresOnly;
+    Collector collector(device);
+    collector.start(device.events(), options);
+    return told(device, collector.until(kEventHistoryDone));
+}
+
 TEST(Stream, DeparturesOnlyLeavesOutChanges) {
     TestDevice device;
     writeFile(device.path("goes"), "");
     EventID since = device.settle();
     writeFile(device.path("comes"), "");
     ASSERT_EQ(0, unlink(device.path("goes").c_str()));
-    StreamOptions options = over(device, since);
-    options.interest = Interest::departuresOnly;
-    Collector collector(device);
-    collector.start(device.events(), options);
-    EXPECT_EQ((Lines{"- goes", "history done"}), told(device, collector.until(kEventHistoryDone)));
+    EXPECT_EQ((Lines{"- goes", "history done"}), departuresSince(device, since));
 }
 
 TEST(Stream, DeparturesOnlyTellsAlsoOfWhatLivesOnElsewhereBelowTheFolders) {
@@ -256,11 +261,7 @@ TEST(Stream, DeparturesOnlyTellsAlsoOfWhatLivesOnElsewhereBelowTheFolders) {
     testing::makeDirectories(device.path("b"));
     const EventID since = device.settle();
     ASSERT_EQ(0, rename(device.path("a/moves").c_str(), device.path("b/moves").c_str()));
-    StreamOptions options = over(device, since);
-    options.interest = Interest::departuresOnly;
-    Collector collector(device);
-    collector.start(device.events(), options);
-    EXPECT_EQ((Lines{"- a/moves", "history done"}), told(device, collector.until(kEventHistoryDone)));
+    EXPECT_EQ((Lines{"- a/moves", "history done"}), departuresSince(device, since));
 }
 
 TEST(Stream, APositionWithoutInterestIsWhatIsRecorded) {

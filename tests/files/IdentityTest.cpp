@@ -205,6 +205,18 @@ TEST(Identity, AFileWithTwoNamesIsOneDocumentAtItsOldestName) {
     EXPECT_EQ("first.txt", placeOf(device, identifier));
 }
 
+/// Everything below the storage root that listings show.
+std::set<std::string> listed(TestDevice& device) {
+    std::set<std::string> paths;
+    auto walker = device.files().walk(device.url(), kSkipHiddenFiles | kSkipPackageDescendants, {});
+    if (!walker) {
+        ADD_FAILURE() << describe(walker.error());
+        return paths;
+    }
+    while (auto url = (*walker)->next()) paths.insert(url->path().substr(device.url().path().size() + 1));
+    return paths;
+}
+
 TEST(Identity, AFileHiddenWithItsFolderIsTheOneUnderItsOtherName) {
     TestDevice device;
     testing::makeDirectories(device.path("folder"));
@@ -220,13 +232,8 @@ TEST(Identity, AFileHiddenWithItsFolderIsTheOneUnderItsOtherName) {
     ASSERT_EQ(0, rename(device.path("folder").c_str(), device.path(".folder").c_str()));
     ASSERT_EQ(0, unlink(device.path(".folder/file.txt").c_str()));
     device.settle();
-    auto walker = device.files().walk(device.url(), kSkipHiddenFiles | kSkipPackageDescendants, {});
-    ASSERT_TRUE(walker.has_value());
-    const auto url = (*walker)->next();
-    ASSERT_TRUE(url.has_value());
-    EXPECT_EQ(url->lastPathComponent(), "other.txt");
-    EXPECT_EQ(url->cache().documentID(), document);
-    EXPECT_FALSE((*walker)->next().has_value());
+    EXPECT_EQ(listed(device), (std::set<std::string>{"other.txt"}));
+    EXPECT_EQ(documentAt("other.txt"), document);
 }
 
 TEST(Identity, AFileComesInAgainWithItsFolderThatWasHidden) {
@@ -241,11 +248,7 @@ TEST(Identity, AFileComesInAgainWithItsFolderThatWasHidden) {
     ASSERT_EQ(0, rename(device.path("above/folder").c_str(), device.path("folder").c_str()));
     ASSERT_EQ(0, rename(device.path("above").c_str(), device.path(".above").c_str()));
     device.settle();
-    auto walker = device.files().walk(device.url(), kSkipHiddenFiles | kSkipPackageDescendants, {});
-    ASSERT_TRUE(walker.has_value());
-    std::set<std::string> listed;
-    while (auto url = (*walker)->next()) listed.insert(url->path().substr(device.url().path().size() + 1));
-    EXPECT_EQ(listed, (std::set<std::string>{"folder", "folder/file.txt"}));
+    EXPECT_EQ(listed(device), (std::set<std::string>{"folder", "folder/file.txt"}));
 }
 
 TEST(Identity, WhatIsMovedIntoARootThatWasMadeAnewKeepsItsIdentity) {
@@ -267,12 +270,7 @@ TEST(Identity, WhatIsMovedIntoARootThatWasMadeAnewKeepsItsIdentity) {
     for (const char* name : {"/folder", "/a.txt"}) ASSERT_EQ(0, rename((aside + name).c_str(), (root + name).c_str()));
     device.restart();
 
-    auto walker = device.files().walk(device.url(), kSkipHiddenFiles | kSkipPackageDescendants, {});
-    ASSERT_TRUE(walker.has_value());
-    std::set<std::string> listed;
-    while (auto url = (*walker)->next()) listed.insert(url->path().substr(device.url().path().size() + 1));
-    walker->reset();
-    EXPECT_EQ(listed, (std::set<std::string>{"a.txt", "folder", "folder/sub", "folder/sub/inner.txt"}));
+    EXPECT_EQ(listed(device), (std::set<std::string>{"a.txt", "folder", "folder/sub", "folder/sub/inner.txt"}));
     EXPECT_EQ(numbers("folder"), folder);
     EXPECT_EQ(numbers("folder/sub/inner.txt"), inner);
     EXPECT_EQ(numbers("a.txt"), file);

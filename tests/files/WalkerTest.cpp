@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -188,6 +189,47 @@ TEST(Walker, AnEntrysURLKnowsTheFolderThatItLiesIn) {
         ++seen;
     }
     EXPECT_EQ(seen, 3u);
+}
+
+/// A folder that is a read-only mount of itself as long as this lives.
+class ReadOnlyMount {
+public:
+    explicit ReadOnlyMount(std::string folder) : folder_(std::move(folder)) {
+        const char* path = folder_.c_str();
+        mounted_ = mount(path, path, nullptr, MS_BIND, nullptr) == 0 &&
+                   mount(nullptr, path, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) == 0;
+    }
+    ~ReadOnlyMount() { umount2(folder_.c_str(), MNT_DETACH); }
+    bool mounted() const { return mounted_; }
+
+private:
+    const std::string folder_;
+    bool mounted_ = false;
+};
+
+TEST(Walker, KnowsAReadOnlyMountAtEveryDepth) {
+    if (geteuid() != 0) GTEST_SKIP() << "mounting needs root";
+    TestDevice device;
+    std::string folder = "mounted";
+    for (int depth = 0; depth < 40; ++depth) {
+        testing::makeDirectories(device.path(folder));
+        writeFile(device.path(folder + "/file"), "");
+        folder += "/" + std::string(30, 'd');
+    }
+    writeFile(device.path("outside"), "");
+    device.settle();
+    const ReadOnlyMount mount(device.path("mounted"));
+    if (!mount.mounted()) GTEST_SKIP() << "no bind mounts here";
+    auto walker = device.files().walk(device.url(), kSkipHiddenFiles | kSkipPackageDescendants, {});
+    ASSERT_TRUE(walker.has_value());
+    std::size_t seen = 0;
+    while (auto url = (*walker)->next()) {
+        if (url->lastPathComponent() == "mounted") continue;
+        const bool isOutside = url->lastPathComponent() == "outside";
+        EXPECT_EQ(device.files().resourceValue(*url, ResourceKey::isWritable), ResourceValue(isOutside)) << url->path();
+        ++seen;
+    }
+    EXPECT_EQ(seen, 40u + 39u + 1u);
 }
 
 TEST(Walker, AFolderThatIsNoneCannotBeWalked) {

@@ -301,13 +301,7 @@ Result<bool> ComparisonRun::processFolder(const Job& job, Detail detail, std::ve
         write();
         session().index().setListed(job.folder, listed, entries);
     }
-    if (folder.changed && job.context.package) {
-        // To clients a package is one document: what changed inside changed it.
-        if (auto package = session().index().byFileID(*job.context.package)) {
-            session().journal().recordChange(*package, store::kChangeModified);
-            session().index().update(*package);
-        }
-    }
+    if (folder.changed) notePackageChange(job);
     pushFolders(job, jobs);
     if (auto checked = session().check(); !checked) return failure(checked.error());
     return true;
@@ -380,13 +374,7 @@ Result<bool> ComparisonRun::compareKnown(const Job& job, int handle) {
         right = compareKnownBatch(handle, known, changed);
         if (auto result = breathe(); !result) return failure(result.error());
     }
-    if (changed && job.context.package) {
-        if (auto package = session().index().byFileID(*job.context.package)) {
-            write();
-            session().journal().recordChange(*package, store::kChangeModified);
-            session().index().update(*package);
-        }
-    }
+    if (changed) notePackageChange(job);
     return right;
 }
 
@@ -402,6 +390,16 @@ bool ComparisonRun::compareKnownBatch(int handle, std::vector<ObjectRow>& known,
         changed = true;
     }
     return true;
+}
+
+/// To clients a package is one document: what changed inside changed it.
+void ComparisonRun::notePackageChange(const Job& job) {
+    if (!job.context.package) return;
+    auto package = session().index().byFileID(*job.context.package);
+    if (!package) return;
+    write();
+    session().journal().recordChange(*package, store::kChangeModified);
+    session().index().update(*package);
 }
 
 void ComparisonRun::noteAttributes(ObjectRow& row, const filesystem::Status& status) {

@@ -91,6 +91,7 @@ private:
     void difference(Folder& folder, const Reading& reading);
     void placeUnknown(Folder& folder, const DiskEntry& entry, store::ObjectRow* displaced, const Reading& reading);
     bool exchange(Folder& folder, const DiskEntry& entry, store::ObjectRow& displaced, store::ObjectRow& moved);
+    void notePackageChange(const Job& job);
     void noteAttributes(store::ObjectRow& row, const filesystem::Status& status);
     void moveHere(Folder& folder, store::ObjectRow& row, const DiskEntry& entry, bool keepDocumentOpen);
     void addNew(Folder& folder, const DiskEntry& entry, store::ObjectRow* displaced);

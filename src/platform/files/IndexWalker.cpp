@@ -83,7 +83,7 @@ IndexWalker::IndexWalker(Comparer& comparer, store::Store& store, mime::TypeData
     level->folder = std::move(row);
     level->cache = cacheOf(level->folder);
     level->opened = std::move(opened);
-    if (level->opened) learnMount(*level);
+    if (level->opened) learnMount(*level, nullptr);
     levels_.push_back(std::move(level));
 }
 
@@ -121,14 +121,14 @@ bool IndexWalker::open(Level& level) {
         return false;
     }
     level.opened = std::move(*opened);
-    learnMount(level);
+    learnMount(level, nullptr);
     return true;
 }
 
-/// Whether what lies in an open folder can be changed at all; asked once for each mount that the walk comes to.
-void IndexWalker::learnMount(Level& level) const {
+/// Whether what lies in an open folder can be changed at all; known already where the folder above, if one is given, is
+/// reached through the same mount.
+void IndexWalker::learnMount(Level& level, const Level* above) {
     const std::uint64_t mount = level.opened->status.mount;
-    const Level* above = levels_.empty() ? nullptr : levels_.back().get();
     if (above != nullptr && above->opened && mount != 0 && above->opened->status.mount == mount) {
         level.mount = above->mount;
     } else if (auto state = filesystem::mountStateOf(level.opened->descriptor.get())) {
@@ -294,7 +294,7 @@ void IndexWalker::enterPending(Purpose purpose) {
     }
     if (isOfTheRow) {
         level->opened = std::move(opened);
-        learnMount(*level);
+        learnMount(*level, levels_.back().get());
     }
     if (levels_.size() >= kOpenLevels) {
         Level& above = *levels_[levels_.size() - kOpenLevels];

@@ -81,7 +81,7 @@ private:
     void enterPending(Purpose purpose);
     void counted(const store::EntryRow& row);
     bool open(Level& level);
-    void learnMount(Level& level) const;
+    static void learnMount(Level& level, const Level* above);
     int handleOf(std::size_t depth);
     bool fill(Level& level);
     void keepBare();
