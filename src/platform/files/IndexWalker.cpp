@@ -159,8 +159,7 @@ int IndexWalker::handleOf(std::size_t depth) {
 /// What its entries' URLs tell of the folder that they lie in, without another look at it.
 std::shared_ptr<ResourceCache> IndexWalker::cacheOf(const store::EntryRow& folder) {
     auto cache = std::make_shared<ResourceCache>();
-    cache->setFileID(folder.fileID);
-    if (folder.documentID) cache->setDocumentID(*folder.documentID);
+    rememberNumbers(*cache, folder);
     cache->setIsFolder(!folder.package);
     return cache;
 }
@@ -240,8 +239,7 @@ std::optional<URL> IndexWalker::urlFor(Level& level, const store::EntryRow& row)
     if (known->isDirectory() && known->listed != 0 && known->listed == status->changed) {
         (*snapshot)->entryCount = known->entries;
     }
-    url.cache().setFileID(known->fileID);
-    if (known->documentID) url.cache().setDocumentID(*known->documentID);
+    rememberNumbers(url.cache(), *known);
     url.cache().setParent(level.cache);
     url.cache().keep(std::move(*snapshot));
     return url;

@@ -30,11 +30,6 @@ Result<std::size_t> attributeAt(const Place& place, const std::string& name, std
     return filesystem::getAttributeAt(parent->folder.get(), parent->name.c_str(), name, buffer);
 }
 
-void rememberNumbers(const URL& url, const store::EntryRow& row) {
-    url.cache().setFileID(row.fileID);
-    if (row.documentID) url.cache().setDocumentID(*row.documentID);
-}
-
 }  // namespace
 
 Error asReadError(const Error& error) {
@@ -100,7 +95,7 @@ Result<ResourceValue> LocalFileSystem::resourceValue(const URL& url, ResourceKey
         auto place = placeOf(url);
         auto row = place ? comparer_.rowAt(*place) : Result<store::ObjectRow>(failure(place.error()));
         if (!row) return failure(asReadError(row.error()));
-        rememberNumbers(url, *row);
+        rememberNumbers(url.cache(), *row);
         if (wantsFile) return ResourceValue(raw(row->fileID));
         if (row->documentID) return ResourceValue(std::uint64_t{raw(*row->documentID)});
         return ResourceValue();
@@ -160,7 +155,7 @@ bool LocalFileSystem::isFolder(const URL& url) {
     bool folder = !S_ISREG(status->mode) && !package;
     url.cache().setIsFolder(folder);
     // Whoever asks is going to name the object, by what was found just now.
-    if (auto row = comparer_.rowAt(*place, *status)) rememberNumbers(url, *row);
+    if (auto row = comparer_.rowAt(*place, *status)) rememberNumbers(url.cache(), *row);
     return folder;
 }
 
@@ -232,7 +227,7 @@ Result<URL> LocalFileSystem::locate(const store::ObjectRow& row, const Place& pl
     if (!snapshot) return failure(snapshot.error());
     if (row.isDirectory() && row.listed != 0 && row.listed == status->changed) (*snapshot)->entryCount = row.entries;
     URL url = URL::file(place.root->name + "/" + place.relative);
-    rememberNumbers(url, row);
+    rememberNumbers(url.cache(), row);
     url.cache().keep(std::move(*snapshot));
     if (auto folder = filesystem::statusOf(parent->folder.get())) {
         // The folder was looked at as well, which its identifier needs.
@@ -437,8 +432,8 @@ Result<DocumentID> IndexGenerationStore::getOrAllocateDocumentID(const Descripto
 }
 
 Result<std::optional<DocumentID>> IndexGenerationStore::permanentStorage(const URL& url) {
-    // A walk or a look-up that put the number into the URL compared the object with the index for it.
-    if (auto known = url.cache().documentID()) return known;
+    // A walk or a look-up that put the numbers into the URL compared the object with the index for it.
+    if (url.cache().fileID()) return url.cache().documentID();
     auto place = roots_.locate(url.path());
     if (!url.isFileURL() || !place) return failure(posixError(ENOENT));
     auto row = comparer_.rowAt(*place);

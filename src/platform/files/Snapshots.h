@@ -29,6 +29,12 @@ inline Bareness barenessOf(const store::EntryRow& row, const filesystem::Status&
     return row.bare && row.changed == status.changed ? Bareness::known : Bareness::unknown;
 }
 
+/// Keeps the numbers by which the index knows an object, for whoever names it next.
+inline void rememberNumbers(ResourceCache& cache, const store::EntryRow& row) {
+    cache.setFileID(row.fileID);
+    if (row.documentID) cache.setDocumentID(*row.documentID);
+}
+
 /// The snapshot of a root's own folder, which has no parent to be looked at from. A root is never a package.
 Result<std::unique_ptr<ResourceSnapshot>> makeRootSnapshot(const Root& root);
 
