@@ -72,14 +72,16 @@ struct ScriptedFileEventService::StreamState {
             return relationship(folder.path(), *event.path) == Relationship::contains;
         });
     }
+    /// Under the journal's mutex.
+    EventID end() const { return record.options.upTo.value_or(journal->now); }
     /// What is asked of what was recorded since the last time, and how far that reaches.
     EventBatch newEvents() {
         std::lock_guard lock(journal->mutex);
         EventBatch batch;
         for (const auto& event : journal->events) {
-            if (raw(event.id) > raw(position) && isAsked(event)) batch.push_back(event);
+            if (raw(event.id) > raw(position) && raw(event.id) <= raw(end()) && isAsked(event)) batch.push_back(event);
         }
-        position = journal->now;
+        position = end();
         return batch;
     }
     void tellHistory() {
@@ -88,7 +90,7 @@ struct ScriptedFileEventService::StreamState {
         EventBatch batch = newEvents();
         if (raw(since) > raw(position)) return deliver({eventWithFlags(raw(since), events::kEventUserDropped)});
         batch.push_back(historyDoneEvent(raw(position)));
-        isLive = true;
+        isLive = !record.options.upTo;
         deliver(batch);
     }
     void tellNews() {
@@ -163,6 +165,16 @@ void ScriptedFileEventService::setHistory(std::vector<EventBatch> batches) {
     history_ = std::move(batches);
 }
 
+void ScriptedFileEventService::setDocumentHistory(std::vector<EventBatch> batches) {
+    std::lock_guard lock(mutex_);
+    documentHistory_ = std::move(batches);
+}
+
+void ScriptedFileEventService::failContinuations(std::optional<Error> error) {
+    std::lock_guard lock(mutex_);
+    continuationError_ = std::move(error);
+}
+
 void ScriptedFileEventService::keepJournal() {
     std::lock_guard lock(mutex_);
     keepsJournal_ = true;
@@ -233,6 +245,21 @@ EventID ScriptedFileEventService::recordedEventID() {
     return journal_->now;
 }
 
+Result<void> ScriptedFileEventService::rememberContinuation(const store::BatchKey& key,
+                                                            const store::Continuation& continuation) {
+    std::lock_guard lock(mutex_);
+    if (continuationError_) return failure(*continuationError_);
+    continuations_.try_emplace({key.reader, key.since, key.offset}, continuation);
+    return {};
+}
+
+Result<std::optional<store::Continuation>> ScriptedFileEventService::continuationOf(const store::BatchKey& key) {
+    std::lock_guard lock(mutex_);
+    if (continuationError_) return failure(*continuationError_);
+    const auto found = continuations_.find({key.reader, key.since, key.offset});
+    return found != continuations_.end() ? std::optional(found->second) : std::nullopt;
+}
+
 Result<std::unique_ptr<events::FileEventStream>> ScriptedFileEventService::createStream(
     events::StreamOptions options, events::FileEventStream::Callback callback) {
     std::lock_guard lock(mutex_);
@@ -248,7 +275,9 @@ Result<std::unique_ptr<events::FileEventStream>> ScriptedFileEventService::creat
     if (keepsJournal_)
         state->journal = journal_;
     else
-        state->history = history_;
+        state->history = documentHistory_ && !std::holds_alternative<events::StreamOverPaths>(state->record.options.over)
+                             ? *documentHistory_
+                             : history_;
     state->refusesStart = refusal_ == Refusal::start;
     streams_.push_back(state);
     return std::make_unique<Stream>(std::move(state));

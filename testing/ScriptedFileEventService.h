@@ -1,9 +1,11 @@
 #pragma once
 
 #include <memory>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/events/FileEventService.h"
@@ -51,6 +53,10 @@ public:
     void refuseStreams(Refusal refusal);
     /// The batches that every stream plays as soon as it starts.
     void setHistory(std::vector<EventBatch> batches);
+    /// The batches that streams of document IDs play instead.
+    void setDocumentHistory(std::vector<EventBatch> batches);
+    /// Remembering and finding continuations fails with it; nothing lets it succeed again.
+    void failContinuations(std::optional<Error> error);
 
     /// Streams created from now on play what `record` was given, instead of scripts: what came after their position,
     /// then history done, then what comes. Nothing is forgotten, so that only positions of the future are dropped.
@@ -69,6 +75,8 @@ public:
     Result<UUID> deviceUUID(DeviceID device) override;
     Result<EventID> currentEventID(const std::vector<URL>& folders, events::Interest interest) override;
     EventID recordedEventID() override;
+    Result<void> rememberContinuation(const store::BatchKey& key, const store::Continuation& continuation) override;
+    Result<std::optional<store::Continuation>> continuationOf(const store::BatchKey& key) override;
     Result<std::unique_ptr<events::FileEventStream>> createStream(events::StreamOptions options,
                                                                   events::FileEventStream::Callback callback) override;
 
@@ -85,6 +93,9 @@ private:
     std::optional<Error> currentEventIDError_;
     Refusal refusal_ = Refusal::none;
     std::vector<EventBatch> history_;
+    std::optional<std::vector<EventBatch>> documentHistory_;
+    std::optional<Error> continuationError_;
+    std::map<std::tuple<std::string, EventID, std::uint64_t>, store::Continuation> continuations_;
     std::vector<CurrentEventIDRequest> requests_;
     std::vector<std::shared_ptr<StreamState>> streams_;
 };

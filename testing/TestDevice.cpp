@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "items/LocalItem.h"
 #include "platform/events/ComparingEventService.h"
 #include "platform/files/LocalFileSystem.h"
 
@@ -25,7 +26,7 @@ struct TestDevice::Services {
         : pool(dispatch::ThreadPool::create()),
           store(require(openStore(state, log), "the store")),
           types(mime::TypeDatabase::create()),
-          comparer(roots, *store, *types),
+          comparer(roots, *store, *types, files::KeptAttributes(items::LocalItem::keptAttributeNames(), &log)),
           files(roots, *store, comparer, *types),
           generationStore(roots, *store, comparer, files),
           events(roots, *store, comparer, pool, {std::chrono::milliseconds(20)}),

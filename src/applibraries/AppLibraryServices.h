@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <memory>
 
 #include "applibraries/LocalAppLibraryCache.h"
@@ -14,6 +16,8 @@ struct AppLibraryServices {
     std::shared_ptr<dispatch::ThreadPool> pool;
     LocalAppLibraryCache& mainCache;
     LocalAppLibraryCache& workingSetCache;
+    /// The generation that the shared manager holds.
+    std::function<std::uint64_t()> sharedVersionToken;
 };
 
 }  // namespace tarnwell::applibraries

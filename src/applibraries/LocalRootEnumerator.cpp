@@ -1,5 +1,8 @@
 #include "applibraries/LocalRootEnumerator.h"
 
+#include "applibraries/ListText.h"
+#include "hostframework/HostError.h"
+
 namespace tarnwell::applibraries {
 
 namespace {
@@ -13,6 +16,7 @@ CacheSource cacheSourceFor(const hostframework::ItemIdentifier& container) {
 LocalRootEnumerator::LocalRootEnumerator(const fs::FSEnvironment& environment, const AppLibraryServices& services,
                                          hostframework::ItemIdentifier container)
     : environment_(environment),
+      services_(services),
       container_(std::move(container)),
       enumQueue_(dispatch::SerialQueue::create(environment.pool, "tarnwell.root-enumerator.queue")),
       appLibraryManager_(LocalAppLibraryManager::create(services, cacheSourceFor(container_),
@@ -49,6 +53,90 @@ void LocalRootEnumerator::enumerateItemsForObserver(const std::shared_ptr<hostfr
         log.debug([&] { return "discovered " + std::to_string(items.size()) + " app-libraries"; });
     }
     localFileEnumerator()->enumerateItemsForObserver(observer, startingAtPage);
+}
+
+void LocalRootEnumerator::enumerateChangesForObserver(const std::shared_ptr<hostframework::ChangeObserver>& observer,
+                                                      const hostframework::SyncAnchor& fromSyncAnchor) {
+    items::ProgramLog& log = environment_.items.log;
+    const items::LogSection section(log, "enumerate root changes for " + container_);
+    auto token = fs::ChangeToken::decode(fromSyncAnchor);
+    if (!token) {
+        log.error("can't create change token from anchor data, resetting");
+        observer->finishEnumeratingWithError(hostframework::syncAnchorExpired());
+        return;
+    }
+    log.debug("notifying app library changes since " + std::to_string(token->appLibraryVersionToken));
+    if (auto upToDate = bringUpToMainCache(*observer, *token); !upToDate) {
+        observer->finishEnumeratingWithError(upToDate.error());
+        return;
+    }
+    localFileEnumerator()->enumerateChangesForObserver(observer, token->encode());
+}
+
+/// The version decision: leaves the token at the generation that the manager holds then, or fails with the error that
+/// ends the request.
+Result<void> LocalRootEnumerator::bringUpToMainCache(hostframework::ChangeObserver& observer, fs::ChangeToken& token) {
+    items::ProgramLog& log = environment_.items.log;
+    const std::uint64_t known = token.appLibraryVersionToken, local = appLibraryManager_->versionToken();
+    if (known > local) {
+        log.debug([&] {
+            return "app-library version is in advance, need to restart from scratch " + stateText(known, local);
+        });
+        return failure(hostframework::syncAnchorExpired());
+    }
+    if (known == 0) {
+        log.debug("change token version is zero, let's send all the app-libraries known");
+        upgrade(nullptr);
+        observer.didUpdateItems(appLibraryManager_->appLibraryItems());
+        token.appLibraryVersionToken = appLibraryManager_->versionToken();
+        return {};
+    }
+    if (known != local) {
+        log.error("change token version matches nothing, need to restart from scratch " + stateText(known, local));
+        return failure(hostframework::syncAnchorExpired());
+    }
+    log.debug("change token version matches local version");
+    if (upgrade(&observer)) token.appLibraryVersionToken = appLibraryManager_->versionToken();
+    return {};
+}
+
+/// Takes the main cache's generation; true when it was another one.
+bool LocalRootEnumerator::upgrade(hostframework::ChangeObserver* observer) {
+    const auto cleanup = isWorkingSet() ? IndexCleanup::yes : IndexCleanup::no;
+    if (!appLibraryManager_->upgradeFromMainCache(observer, cleanup)) return false;
+    updateMonitoredFolders();
+    if (isWorkingSet()) {
+        // The working-set file names the generation whose items the search index holds.
+        if (auto saved = appLibraryManager_->saveToCache(); !saved) {
+            environment_.items.log.error("can't save working-set cache to disk; " + describe(saved.error()));
+        }
+    }
+    return true;
+}
+
+void LocalRootEnumerator::updateMonitoredFolders() {
+    const auto folders = monitoredFolders();
+    auto next = fs::LocalFileEnumerator::create(environment_, container_, folders);
+    const auto former = localFileEnumerator();
+    // Live updates go on with the new folders, also where only they were started.
+    const auto& notifier = former->notifier();
+    const bool wasLive = isRunning() || (notifier && notifier->isStarted());
+    if (wasLive) former->retire();
+    setLocalFileEnumerator(next);
+    environment_.items.log.debug([&] {
+        std::vector<std::string> paths;
+        for (const URL& folder : folders) paths.push_back(folder.path());
+        return "updated root enumerator to monitor " + listText(paths);
+    });
+    if (wasLive) next->start();
+}
+
+std::string LocalRootEnumerator::stateText(std::uint64_t tokenVersion, std::uint64_t localVersion) const {
+    std::string text = "[changeTokenVersion: " + std::to_string(tokenVersion) +
+                       ", localVersion: " + std::to_string(localVersion);
+    if (isWorkingSet()) text += ", workingSetVersion: " + std::to_string(services_.sharedVersionToken());
+    LocalAppLibraryCache& cache = services_.mainCache;
+    return text + ", mainCacheVersion: " + std::to_string(cache.queue().sync([&] { return cache.versionToken(); })) + "]";
 }
 
 void LocalRootEnumerator::currentSyncAnchorWithCompletionHandler(

@@ -14,7 +14,13 @@ namespace tarnwell::applibraries {
 /// contents of the storage root (of every monitored folder for AllDirectoriesContainer). Its anchors carry the
 /// generation of app libraries that its manager holds.
 ///
-/// Requests run on the calling thread; any thread may call any operation. The environment and the services must outlive
+/// A request for changes first brings the app libraries up to the main cache, by the generation T that the anchor
+/// carries and L that the manager holds: T above L, or neither 0 nor L, expires; T = 0 is told of all app libraries;
+/// T = L is told of what differs. Where that took a new generation, another local file enumerator watches its folders
+/// from then on: one that was started is retired and the new one started, and requests that it has begun to answer are
+/// answered. Then the file changes follow.
+///
+/// Listings run on the calling thread; any thread may call any operation. The environment and the services must outlive
 /// it.
 class LocalRootEnumerator : public hostframework::ProviderEnumerator {
 public:
@@ -29,6 +35,8 @@ public:
     /// The first page begins with all app libraries, in one call that may be empty.
     void enumerateItemsForObserver(const std::shared_ptr<hostframework::EnumerationObserver>& observer,
                                    const hostframework::EnumerationPage& startingAtPage) override;
+    void enumerateChangesForObserver(const std::shared_ptr<hostframework::ChangeObserver>& observer,
+                                     const hostframework::SyncAnchor& fromSyncAnchor) override;
     void currentSyncAnchorWithCompletionHandler(
         const std::function<void(const std::optional<hostframework::SyncAnchor>&)>& completion) override;
 
@@ -54,8 +62,14 @@ public:
 private:
     LocalRootEnumerator(const fs::FSEnvironment& environment, const AppLibraryServices& services,
                         hostframework::ItemIdentifier container);
+    Result<void> bringUpToMainCache(hostframework::ChangeObserver& observer, fs::ChangeToken& token);
+    bool upgrade(hostframework::ChangeObserver* observer);
+    void updateMonitoredFolders();
+    std::string stateText(std::uint64_t tokenVersion, std::uint64_t localVersion) const;
+    bool isWorkingSet() const { return container_ == hostframework::kWorkingSetContainer; }
 
     const fs::FSEnvironment& environment_;
+    const AppLibraryServices services_;
     const hostframework::ItemIdentifier container_;
     const std::shared_ptr<dispatch::SerialQueue> enumQueue_;
     const std::shared_ptr<LocalAppLibraryManager> appLibraryManager_;

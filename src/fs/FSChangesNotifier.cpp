@@ -41,10 +41,12 @@ FSChangesNotifier::FSChangesNotifier(const FSEnvironment& environment, std::stri
       deviceUUID_(deviceUUID) {}
 
 void FSChangesNotifier::start() {
+    isStarted_.store(true);
     reader_->streamQueue()->async([reader = reader_] { reader->start(); });
 }
 
 void FSChangesNotifier::stop() {
+    isStarted_.store(false);
     reader_->streamQueue()->async([reader = reader_] { reader->stop(); });
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,6 +22,8 @@ public:
     void start();
     void stop();
 
+    /// True from `start` to `stop`.
+    bool isStarted() const { return isStarted_.load(); }
     const std::string& container() const { return container_; }
     /// The identity of the event IDs of the watched folders' device, as it was at creation.
     const UUID& deviceUUID() const { return deviceUUID_; }
@@ -42,6 +45,7 @@ private:
     const std::string container_;
     const std::shared_ptr<FSEventReader> reader_;
     const UUID deviceUUID_;
+    std::atomic<bool> isStarted_{false};
     /// On the stream queue only. Never goes back to false: every batch after the first change signals again.
     bool shouldSignalChange_ = false;
 };

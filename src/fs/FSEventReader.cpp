@@ -33,7 +33,7 @@ FSEventReader::FSEventReader(const FSEnvironment& environment, Configuration con
     : environment_(environment),
       configuration_(std::move(configuration)),
       streamQueue_(dispatch::SerialQueue::create(environment.pool, kQueueLabel)),
-      lastProcessedFSEventID_(configuration_.since) {}
+      lastProcessedFSEventID_(configuration_.toldUpTo.value_or(configuration_.since)) {}
 
 FSEventReader::~FSEventReader() {
     if (!stream_) return;
@@ -46,6 +46,11 @@ FSEventReader::~FSEventReader() {
 EventID FSEventReader::lastProcessedFSEventID() const {
     streamQueue_->assertCurrent();
     return lastProcessedFSEventID_;
+}
+
+std::uint32_t FSEventReader::currentEventFlags() const {
+    streamQueue_->assertCurrent();
+    return currentEventFlags_;
 }
 
 std::string FSEventReader::description() const {
@@ -72,7 +77,9 @@ Result<events::StreamOptions> FSEventReader::streamOptions() const {
                                   .latency = kLatency,
                                   .flags = kStreamFlags,
                                   .interest = configuration_.interest,
-                                  .historyDelay = configuration_.historyDelay};
+                                  .historyDelay = configuration_.historyDelay,
+                                  .begunAt = configuration_.since,
+                                  .upTo = configuration_.upTo};
     if (configuration_.mode == Mode::docIDBased) {
         const URL storage = environment_.items.providerManager.documentStorageURL();
         const auto device = items::TWPFileObjectIdentifier(environment_.items).deviceIDWithError(storage);
@@ -158,6 +165,7 @@ void FSEventReader::logEvents(const std::vector<events::FileEvent>& batch) const
 void FSEventReader::handle(const events::FileEvent& event, std::size_t index, FSEventReaderDelegate* delegate) {
     auto& log = environment_.items.log;
     lastProcessedFSEventID_ = std::max(lastProcessedFSEventID_, event.id);
+    currentEventFlags_ = event.flags;
     if (!event.path && (event.flags & kNeedsNoPath) == 0) {
         log.error("ignore event " + std::to_string(index) + " because no path can be extracted");
         return;

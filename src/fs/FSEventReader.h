@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,10 @@ public:
         events::Interest interest = events::Interest::everything;
         /// How long the history may wait; none for somebody who waits for it.
         std::chrono::milliseconds historyDelay{0};
+        /// What came up to here since `since` was told by an earlier reader.
+        std::optional<EventID> toldUpTo = {};
+        /// The reader ends with the history up to here; without it the history goes up to now, and live events follow.
+        std::optional<EventID> upTo = {};
     };
 
     static std::shared_ptr<FSEventReader> create(const FSEnvironment& environment, Configuration configuration);
@@ -79,6 +84,8 @@ public:
     const std::shared_ptr<dispatch::SerialQueue>& streamQueue() const { return streamQueue_; }
     /// On the stream queue only.
     EventID lastProcessedFSEventID() const;
+    /// The flags of the event that the delegate is being told of. On the stream queue only.
+    std::uint32_t currentEventFlags() const;
     const std::vector<URL>& urls() const { return configuration_.urls; }
     Mode mode() const { return configuration_.mode; }
     bool verbose() const { return configuration_.verbose; }
@@ -104,6 +111,7 @@ private:
     std::weak_ptr<FSEventReaderDelegate> delegate_;
     // On the stream queue only.
     EventID lastProcessedFSEventID_;
+    std::uint32_t currentEventFlags_ = 0;
     std::unique_ptr<events::FileEventStream> stream_;
     bool isReceiving_ = false;
 };

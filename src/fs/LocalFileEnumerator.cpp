@@ -4,6 +4,7 @@
 
 #include "fs/FileIDUpdate.h"
 #include "fs/GatherPhaseResumeCheck.h"
+#include "fs/LocalChangesObserverContext.h"
 #include "hostframework/HostError.h"
 #include "items/LocalItem.h"
 #include "items/TWPFileObjectIdentifier.h"
@@ -92,7 +93,54 @@ void LocalFileEnumerator::start() {
 }
 
 void LocalFileEnumerator::stop() {
+    retire();
+    for (const auto& enumerator : enumerators()) enumerator->stop();
+}
+
+void LocalFileEnumerator::retire() {
     if (notifier_) notifier_->stop();
+}
+
+LocalFileEnumerator::Enumerators LocalFileEnumerator::enumerators() const {
+    const std::lock_guard lock(mutex_);
+    return enumerators_;
+}
+
+void LocalFileEnumerator::removeEnumerator(const std::shared_ptr<FSChangesEnumerator>& enumerator) {
+    const std::lock_guard lock(mutex_);
+    enumerators_.erase(enumerator);
+}
+
+void LocalFileEnumerator::enumerateChangesForObserver(const std::shared_ptr<hostframework::ChangeObserver>& observer,
+                                                      const hostframework::SyncAnchor& fromSyncAnchor) {
+    const auto token = ChangeToken::decode(fromSyncAnchor);
+    if (!token) {
+        environment_.items.log.error("can't create change token from anchor data, resetting");
+        observer->finishEnumeratingWithError(syncAnchorExpired());
+        return;
+    }
+    const items::LogSection section(environment_.items.log,
+                                    "enumerate changes for " + container_ + " with token " + token->description());
+    startEnumeratingChanges(observer, *token);
+}
+
+void LocalFileEnumerator::startEnumeratingChanges(const std::shared_ptr<hostframework::ChangeObserver>& observer,
+                                                  const ChangeToken& token) {
+    const auto uuid = volumeUUID();
+    if (!uuid) return observer->finishEnumeratingWithError(uuid.error());
+    if (token.deviceUUID != *uuid) {
+        environment_.items.log.debug("device UUID changed (" + token.deviceUUID.text() + " -> " + uuid->text() + ")");
+        return observer->finishEnumeratingWithError(syncAnchorExpired());
+    }
+    const auto context = std::make_shared<LocalChangesObserverContext>(environment_, observer, shared_from_this(),
+                                                                       shouldUpdateFileIDInGenstore_);
+    const auto enumerator = FSChangesEnumerator::create(environment_, token, container_, urls_, context);
+    context->setFSChangesEnumerator(enumerator);
+    {
+        const std::lock_guard lock(mutex_);
+        enumerators_.insert(enumerator);
+    }
+    enumerator->start();
 }
 
 std::optional<unsigned> LocalFileEnumerator::directoryEnumerationOptionsFor(const URL& url) {

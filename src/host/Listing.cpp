@@ -7,6 +7,7 @@
 #include <ranges>
 #include <utility>
 
+#include "host/EnumeratorHolder.h"
 #include "hostframework/HostError.h"
 
 namespace tarnwell::host {
@@ -49,19 +50,6 @@ private:
     std::vector<ProviderItemPtr> items_;
     std::promise<Outcome> outcome_;
     bool finished_ = false;
-};
-
-/// Ends an enumerator when its user is done with it, however that is left.
-class EnumeratorHolder {
-public:
-    explicit EnumeratorHolder(std::shared_ptr<ProviderEnumerator> enumerator) : enumerator_(std::move(enumerator)) {}
-    ~EnumeratorHolder() { enumerator_->invalidate(); }
-    EnumeratorHolder(const EnumeratorHolder&) = delete;
-    EnumeratorHolder& operator=(const EnumeratorHolder&) = delete;
-    ProviderEnumerator& operator*() const { return *enumerator_; }
-
-private:
-    std::shared_ptr<ProviderEnumerator> enumerator_;
 };
 
 /// One pass over all pages.
@@ -147,7 +135,7 @@ Result<std::optional<hostframework::SyncAnchor>> currentSyncAnchor(ProviderExten
         std::promise<std::optional<hostframework::SyncAnchor>> promise;
     };
     const auto answer = std::make_shared<Answer>();
-    (*holder).currentSyncAnchorWithCompletionHandler([answer](const std::optional<hostframework::SyncAnchor>& anchor) {
+    holder->currentSyncAnchorWithCompletionHandler([answer](const std::optional<hostframework::SyncAnchor>& anchor) {
         std::call_once(answer->once, [&] { answer->promise.set_value(anchor); });
     });
     return answer->promise.get_future().get();

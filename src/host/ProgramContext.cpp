@@ -8,6 +8,7 @@
 
 #include "applibraries/AppLibraryDiscovery.h"
 #include "applibraries/TWPAppLibraryManager.h"
+#include "items/LocalItem.h"
 #include "items/TWPFileObjectIdentifier.h"
 #include "platform/events/ComparingEventService.h"
 #include "platform/files/LocalFileSystem.h"
@@ -20,7 +21,10 @@ namespace tarnwell::host {
 /// In the order in which they are made; taken apart in the reverse one.
 struct ProgramContext::Parts {
     Parts(const Settings& programSettings, log::Log& log, std::unique_ptr<store::Store> openStore)
-        : settings(programSettings), store(std::move(openStore)), programLog(log, pool) {}
+        : settings(programSettings),
+          store(std::move(openStore)),
+          programLog(log, pool),
+          comparer(roots, *store, *types, files::KeptAttributes(items::LocalItem::keptAttributeNames(), &log)) {}
 
     const Settings settings;
     const std::shared_ptr<dispatch::ThreadPool> pool = dispatch::ThreadPool::create();
@@ -28,7 +32,7 @@ struct ProgramContext::Parts {
     Roots roots;
     items::ProgramLog programLog;
     const std::shared_ptr<mime::TypeDatabase> types = mime::TypeDatabase::create();
-    files::Comparer comparer{roots, *store, *types};
+    files::Comparer comparer;
     files::LocalFileSystem files{roots, *store, comparer, *types};
     files::IndexGenerationStore generationStore{roots, *store, comparer, files};
     std::unique_ptr<events::FileEventService> events;

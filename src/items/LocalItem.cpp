@@ -158,6 +158,10 @@ void LocalItem::buildCapabilities() {
     capabilities_ = namesAppLibrary(itemIdentifier_) ? kCanRead | kCanAddSubItems : kCanDoAll;
 }
 
+std::vector<std::string> LocalItem::keptAttributeNames() {
+    return {xattrTagDataName, xattrFavoriteRankName, xattrLastUsedDateName, xattrTrashPutBackName, xattrTrashDateName};
+}
+
 void LocalItem::buildAttributes() {
     ProgramLog& log = environment_.log;
     if (auto bytes = valueOfAttribute(environment_, xattrLastUsedDateName, fileURL_))

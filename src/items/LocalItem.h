@@ -5,6 +5,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "hostframework/ProviderItem.h"
 #include "items/Environment.h"
@@ -22,6 +23,8 @@ public:
     inline static const std::string xattrFavoriteRankName = "com.vellum.favorite-rank.number#PS";
     inline static const std::string xattrTrashDateName = "com.vellum.trash.time#PS";
     inline static const std::string xattrTrashPutBackName = "com.vellum.trash.putback#PS";
+    /// All of them: they belong to the document, not to one version of its file. The most important first.
+    static std::vector<std::string> keptAttributeNames();
     /// What a listing prefetches for its items.
     static constexpr std::array<files::ResourceKey, 9> urlKeys = {
         files::ResourceKey::parentDirectoryURL,      files::ResourceKey::name,       files::ResourceKey::localizedName,

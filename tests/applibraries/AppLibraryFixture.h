@@ -157,7 +157,13 @@ public:
         for (const auto& identifier : identifiers) text += " " + identifier;
         tell(text);
     }
+    void finishEnumeratingChangesUpToSyncAnchor(const hostframework::SyncAnchor& anchor, bool moreComing) override {
+        lastAnchor = anchor;
+        tell(moreComing ? "finish, more coming" : "finish");
+    }
+    void finishEnumeratingWithError(const Error& error) override { tell("error " + std::to_string(error.code)); }
     std::vector<std::string> calls;
+    hostframework::SyncAnchor lastAnchor;
     std::function<void(const std::string&)> onCall;
 
 private:

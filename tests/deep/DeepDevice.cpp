@@ -1,11 +1,7 @@
 #include "tests/deep/DeepDevice.h"
 
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <future>
 #include <mutex>
-#include <string_view>
 
 #include "items/TWPFileObjectIdentifier.h"
 
@@ -128,22 +124,6 @@ std::optional<std::vector<ToldChange>> DeepDevice::changesSince(EventID since) {
     auto told = recorder->wait();
     reader->streamQueue()->sync([&] { reader->stop(); });
     return told;
-}
-
-bool isLongRun() {
-    const char* asked = std::getenv("TARNWELL_DEEP");
-    return asked != nullptr && std::string_view(asked) == "1";
-}
-
-std::uint64_t chooseSeed(const char* test) {
-    const char* given = std::getenv("TARNWELL_DEEP_SEED");
-    const std::uint64_t seed =
-        given != nullptr
-            ? std::strtoull(given, nullptr, 10)
-            : static_cast<std::uint64_t>(std::chrono::system_clock::now().time_since_epoch().count()) % 1'000'000'007;
-    std::printf("%s: TARNWELL_DEEP_SEED=%llu replays this run\n", test, static_cast<unsigned long long>(seed));
-    std::fflush(stdout);
-    return seed;
 }
 
 }  // namespace tarnwell::deep

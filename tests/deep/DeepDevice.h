@@ -9,6 +9,7 @@
 #include "fs/FSEventReader.h"
 #include "host/Listing.h"
 #include "provider/LocalProvider.h"
+#include "testing/LongRun.h"
 #include "testing/TestDevice.h"
 
 namespace tarnwell::deep {
@@ -68,10 +69,7 @@ private:
 /// One page of an enumerator that stays.
 PageOutcome pageOf(hostframework::ProviderEnumerator& enumerator, const hostframework::EnumerationPage& page);
 
-/// True when the long form of the checks is asked for (TARNWELL_DEEP=1).
-bool isLongRun();
-/// The seed of a random test: TARNWELL_DEEP_SEED, else one from the clock. It is printed, so that a failure can be
-/// replayed.
-std::uint64_t chooseSeed(const char* test);
+using testing::chooseSeed;
+using testing::isLongRun;
 
 }  // namespace tarnwell::deep

@@ -17,9 +17,11 @@
 #include "platform/base/Descriptor.h"
 #include "tests/deep/LookWatch.h"
 #include "tests/deep/Mirror.h"
-#include "tests/deep/RandomChanges.h"
+#include "testing/RandomChanges.h"
 
 namespace tarnwell::deep {
+
+using testing::RandomChanges;
 namespace {
 
 using items::LocalItem;

@@ -4,9 +4,11 @@
 #include <deque>
 
 #include "tests/deep/Mirror.h"
-#include "tests/deep/RandomChanges.h"
+#include "testing/RandomChanges.h"
 
 namespace tarnwell::deep {
+
+using testing::RandomChanges;
 namespace {
 
 using testing::makeDirectories;

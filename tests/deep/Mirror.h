@@ -7,9 +7,14 @@
 #include <vector>
 
 #include "tests/deep/DeepDevice.h"
-#include "tests/deep/DiskModel.h"
+#include "testing/DiskModel.h"
 
 namespace tarnwell::deep {
+
+using testing::Disk;
+using testing::DiskObject;
+using testing::ObjectKey;
+using testing::readDisk;
 
 /// What a client keeps of one item.
 struct Kept {

@@ -9,9 +9,11 @@
 #include "hostframework/HostError.h"
 #include "items/TarnwellError.h"
 #include "tests/deep/Mirror.h"
-#include "tests/deep/RandomChanges.h"
+#include "testing/RandomChanges.h"
 
 namespace tarnwell::deep {
+
+using testing::RandomChanges;
 namespace {
 
 /// Identifiers that the threads found, for one another.

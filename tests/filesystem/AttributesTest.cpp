@@ -73,6 +73,16 @@ TEST_F(Attributes, AreSetReadAndRemoved) {
     EXPECT_EQ(removeAttributeOf(file_.get(), "name").error(), posixError(ENODATA));
 }
 
+TEST_F(Attributes, AreAddedOnlyWhereThereAreNone) {
+    ASSERT_TRUE(addAttributeOf(file_.get(), "name", bytesOf("first")));
+    EXPECT_EQ(addAttributeOf(file_.get(), "name", bytesOf("second")).error(), posixError(EEXIST));
+    EXPECT_EQ(at("file", "name"), "first");
+    ASSERT_TRUE(setAttributeOf(file_.get(), "name", bytesOf("")));
+    EXPECT_EQ(addAttributeOf(file_.get(), "name", bytesOf("third")).error(), posixError(EEXIST));
+    EXPECT_EQ(at("file", "name"), "");
+    EXPECT_EQ(addAttributeOf(file_.get(), "", bytesOf("")).error(), posixError(EINVAL));
+}
+
 TEST_F(Attributes, OfAFolderAreLikeThoseOfAFile) {
     const Descriptor folder(::open(sandbox_.path("folder").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     ASSERT_TRUE(setAttributeOf(folder.get(), "name", bytesOf("value")));

@@ -105,6 +105,10 @@ private:
             observer->didEnumerateItems({std::make_shared<ScriptedItem>("late", ScriptedItem::Kind::document)});
             observer->finishEnumeratingWithError(posixError(EIO));
         }
+        void enumerateChangesForObserver(const std::shared_ptr<hostframework::ChangeObserver>&,
+                                         const hostframework::SyncAnchor&) override {
+            FAIL() << "a listing asks for no changes";
+        }
         void currentSyncAnchorWithCompletionHandler(
             const std::function<void(const std::optional<hostframework::SyncAnchor>&)>& completion) override {
             completion(Bytes{7});

@@ -109,8 +109,9 @@ std::size_t displayWidth(std::string_view text) {
     return width;
 }
 
+constexpr std::string_view kBase64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
 std::string base64(ByteView bytes) {
-    constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string result;
     result.reserve((bytes.size() + 2) / 3 * 4);
     for (std::size_t at = 0; at < bytes.size(); at += 3) {
@@ -118,10 +119,29 @@ std::string base64(ByteView bytes) {
         std::uint32_t group = 0;
         for (std::size_t i = 0; i < 3; ++i) group = group << 8 | (i < count ? bytes[at + i] : 0u);
         for (std::size_t i = 0; i < 4; ++i) {
-            result += i <= count ? alphabet[group >> (18 - 6 * i) & 0x3F] : '=';
+            result += i <= count ? kBase64[group >> (18 - 6 * i) & 0x3F] : '=';
         }
     }
     return result;
+}
+
+std::optional<Bytes> bytesOfBase64(std::string_view text) {
+    constexpr std::string_view blanks = " \t\r\n";
+    text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
+    text = text.substr(0, text.find_last_not_of(blanks) + 1);
+    Bytes bytes;
+    std::uint32_t group = 0;
+    int bits = 0;
+    for (const char c : text.substr(0, text.find('='))) {
+        const auto digit = kBase64.find(c);
+        if (digit == std::string_view::npos) return std::nullopt;
+        group = group << 6 | static_cast<std::uint32_t>(digit);
+        if ((bits += 6) < 8) continue;
+        bits -= 8;
+        bytes.push_back(static_cast<std::uint8_t>(group >> bits));
+    }
+    // One text for the same bytes: padding and left-over bits must be as they are written.
+    return base64(bytes) == text ? std::optional(std::move(bytes)) : std::nullopt;
 }
 
 std::string iso8601(Date date) {

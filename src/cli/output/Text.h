@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -24,6 +25,8 @@ std::size_t displayWidth(std::string_view text);
 
 /// Standard base64 with padding.
 std::string base64(ByteView bytes);
+/// Nothing for a text that `base64` gives for no bytes. White space at the ends does not count.
+std::optional<Bytes> bytesOfBase64(std::string_view text);
 
 /// "2024-05-01T12:00:00.123456Z".
 std::string iso8601(Date date);

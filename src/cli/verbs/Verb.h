@@ -26,6 +26,7 @@ std::unique_ptr<Verb> makeInfoVerb();
 std::unique_ptr<Verb> makeIdVerb();
 std::unique_ptr<Verb> makePathVerb();
 std::unique_ptr<Verb> makeAnchorVerb();
+std::unique_ptr<Verb> makeChangesVerb();
 std::unique_ptr<Verb> makeDoctorVerb();
 
 }  // namespace tarnwell::cli

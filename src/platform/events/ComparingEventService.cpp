@@ -32,6 +32,21 @@ Result<EventID> ComparingEventService::currentEventID(const std::vector<URL>& fo
 
 EventID ComparingEventService::recordedEventID() { return store_.lastEventID(); }
 
+Result<void> ComparingEventService::rememberContinuation(const store::BatchKey& key,
+                                                         const store::Continuation& continuation) {
+    store::Session session(store_);
+    session.write();
+    session.continuations().remember(key, continuation);
+    return session.commit();
+}
+
+Result<std::optional<store::Continuation>> ComparingEventService::continuationOf(const store::BatchKey& key) {
+    store::Session session(store_);
+    auto found = session.continuations().find(key);
+    if (auto checked = session.check(); !checked) return failure(checked.error());
+    return found;
+}
+
 Result<std::unique_ptr<FileEventStream>> ComparingEventService::createStream(StreamOptions options,
                                                                              FileEventStream::Callback callback) {
     if (auto paths = std::get_if<StreamOverPaths>(&options.over); paths != nullptr && paths->folders.empty()) {

@@ -33,6 +33,8 @@ public:
     Result<UUID> deviceUUID(DeviceID device) override;
     Result<EventID> currentEventID(const std::vector<URL>& folders, Interest interest) override;
     EventID recordedEventID() override;
+    Result<void> rememberContinuation(const store::BatchKey& key, const store::Continuation& continuation) override;
+    Result<std::optional<store::Continuation>> continuationOf(const store::BatchKey& key) override;
     Result<std::unique_ptr<FileEventStream>> createStream(StreamOptions options,
                                                           FileEventStream::Callback callback) override;
 

@@ -23,6 +23,18 @@ std::vector<Place> EventHub::placesOf(const std::vector<URL>& folders) const {
     return places;
 }
 
+JournalReplay::Scope EventHub::scopeOf(const std::optional<std::vector<URL>>& folders) const {
+    if (!folders) return {{}, true};
+    JournalReplay::Scope scope{placesOf(*folders), true};
+    for (const auto& root : roots_.all()) {
+        const bool isIn = std::any_of(scope.folders.begin(), scope.folders.end(), [&](const Place& place) {
+            return place.root == root && place.relative.empty();
+        });
+        scope.isEverything = scope.isEverything && isIn;
+    }
+    return scope;
+}
+
 Result<EventID> EventHub::barrier(const std::optional<std::vector<URL>>& folders, Interest interest) {
     files::Detail detail = interest == Interest::departuresOnly ? files::Detail::names : files::Detail::everything;
     return withServices([&](store::Store& store, files::Comparer& comparer) -> Result<EventID> {

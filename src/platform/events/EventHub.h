@@ -9,6 +9,7 @@
 
 #include "platform/dispatch/SerialQueue.h"
 #include "platform/events/FileEventService.h"
+#include "platform/events/JournalReplay.h"
 #include "platform/files/Comparer.h"
 #include "platform/store/Store.h"
 
@@ -34,6 +35,7 @@ public:
     /// Compares the folders, all roots when there is no list, and returns the position reached.
     Result<EventID> barrier(const std::optional<std::vector<URL>>& folders, Interest interest);
     std::vector<Place> placesOf(const std::vector<URL>& folders) const;
+    JournalReplay::Scope scopeOf(const std::optional<std::vector<URL>>& folders) const;
 
     void join(const std::shared_ptr<JournalStream>& stream);
     void leave(const JournalStream* stream);

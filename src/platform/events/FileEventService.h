@@ -13,6 +13,7 @@
 #include "platform/base/Result.h"
 #include "platform/base/UUID.h"
 #include "platform/dispatch/SerialQueue.h"
+#include "platform/store/Continuations.h"
 #include "platform/url/URL.h"
 
 namespace tarnwell::events {
@@ -28,6 +29,9 @@ enum EventFlags : std::uint32_t {
     kEventItemAttributesChanged = 0x400,
     kEventItemRenamed = 0x800,
     kEventItemModified = 0x1000,
+    /// The object is a folder that came from outside the stream's folders with what it holds, of which no other event
+    /// tells.
+    kEventItemBroughtContents = 0x10000000,
 };
 
 /// One record of a stream. An event without a path carries only flags and the ID.
@@ -66,6 +70,11 @@ struct StreamOptions {
     std::uint32_t flags = kStreamUseDictionaries | kStreamFileEvents | kStreamUseExtendedData;
     Interest interest = Interest::everything;
     std::chrono::milliseconds historyDelay{0};  ///< from the start to the history, for whom only what comes then counts
+    /// The position from which this reader began, where an earlier stream told him what came up to `since`; nothing
+    /// for `since` itself.
+    std::optional<EventID> begunAt;
+    /// The history ends here, without a look at the disk, and no live events follow.
+    std::optional<EventID> upTo;
 };
 
 /// One stream. First the history since the asked position, then "history done" carrying the current ID, then live
@@ -96,6 +105,12 @@ public:
 
     /// The position reached by what is recorded already, without a look at the disk.
     virtual EventID recordedEventID() = 0;
+
+    /// Where a reader of a history in batches goes on, kept durably with the journal: after a batch it is remembered
+    /// under who reads, since when and how many changes were told (store::Continuations has the rules); nothing for a
+    /// batch that is not known any more.
+    virtual Result<void> rememberContinuation(const store::BatchKey& key, const store::Continuation& continuation) = 0;
+    virtual Result<std::optional<store::Continuation>> continuationOf(const store::BatchKey& key) = 0;
 
     virtual Result<std::unique_ptr<FileEventStream>> createStream(StreamOptions options,
                                                                   FileEventStream::Callback callback) = 0;

@@ -21,7 +21,7 @@ Result<bool> JournalReplay::canReplayAfter(EventID since) {
 }
 
 bool JournalReplay::isBelowFolders(std::string_view path) const {
-    for (const Place& folder : folders_) {
+    for (const Place& folder : scope_.folders) {
         if (relationship(pathOf(folder), path) == Relationship::contains) return true;
     }
     return false;
@@ -43,7 +43,7 @@ Result<JournalReplay::Batch> JournalReplay::batchAfter(EventID since, EventID up
         auto changes = session.journal().documentChangesAfter(raw(since), kBatch);
         for (const store::DocumentChange& change : changes) {
             if (change.event > raw(upTo)) break;
-            if (auto event = eventForDocument(session, change, since)) batch.events.push_back(std::move(*event));
+            if (auto event = eventForDocument(session, change)) batch.events.push_back(std::move(*event));
         }
         batch.more = changes.size() == kBatch && changes.back().event < raw(upTo);
         if (batch.more) batch.reached = EventID{changes.back().event};
@@ -71,7 +71,29 @@ std::optional<FileEvent> JournalReplay::eventForObject(store::Session& session, 
                                                        EventID event) {
     auto path = pathBelowFolders(session, row);
     if (!path) return std::nullopt;
-    return FileEvent{event, row.change, std::move(path), row.fileID, row.documentID};
+    std::uint32_t flags = row.change;
+    if (row.isDirectory() && !row.package && broughtContents(session, row.fileID)) flags |= kEventItemBroughtContents;
+    return FileEvent{event, flags, std::move(path), row.fileID, row.documentID};
+}
+
+/// True when the reader may not know what the folder holds: since he began, it, or a folder that it was in, came from
+/// outside the stream's folders. What only the contents of a folder know is where it was at each time, so this may be
+/// true without need, never false.
+bool JournalReplay::broughtContents(store::Session& session, FileID folder, int depth) {
+    constexpr int kDeepest = 64;
+    if (scope_.isEverything) return false;
+    if (depth == kDeepest) return true;
+    for (const store::Departure& departure : session.journal().departuresOf(folder, begunAt())) {
+        if (!isBelowFolders(departure.path)) return true;
+        // It left that one; was that one here all the time, and whatever that one is in now?
+        auto left = session.index().byFileID(FileID{departure.folder});
+        while (left && left->parent != 0) {
+            if (broughtContents(session, left->fileID, depth + 1)) return true;
+            left = session.index().byFileID(FileID{left->parent});
+        }
+        if (!left) return true;
+    }
+    return false;
 }
 
 std::optional<FileEvent> JournalReplay::eventForDeparture(store::Session& session, const store::Departure& departure) {
@@ -98,13 +120,12 @@ std::optional<FileEvent> JournalReplay::eventForDeparture(store::Session& sessio
                      departure.documentID};
 }
 
-std::optional<FileEvent> JournalReplay::eventForDocument(store::Session& session, const store::DocumentChange& change,
-                                                         EventID since) {
-    // Told only when no path record after the same position tells of the document.
+std::optional<FileEvent> JournalReplay::eventForDocument(store::Session& session, const store::DocumentChange& change) {
+    // Told only when no path record that this reader gets tells of the document.
     auto row = session.index().byDocumentID(change.documentID);
-    if (row && row->state == store::ObjectState::live && row->event > raw(since)) return std::nullopt;
+    if (row && row->state == store::ObjectState::live && row->event > begunAt()) return std::nullopt;
     if (auto source = session.journal().departureOf(FileID{change.source});
-        source && source->documentID == change.documentID && source->event > raw(since)) {
+        source && source->documentID == change.documentID && source->event > begunAt()) {
         return std::nullopt;
     }
     const auto& device = std::get<StreamOverDevice>(options_.over);

@@ -14,9 +14,13 @@ namespace tarnwell::events {
 /// Reads the journal for one stream: turns its records into events about what is true now. Not for two threads at once.
 class JournalReplay {
 public:
-    JournalReplay(files::Comparer& comparer, store::Store& store, const StreamOptions& options,
-                  std::vector<Place> folders)
-        : comparer_(comparer), store_(store), options_(options), folders_(std::move(folders)) {}
+    /// The folders of a stream over paths, and whether they hold all that the service knows.
+    struct Scope {
+        std::vector<Place> folders;
+        bool isEverything = false;
+    };
+    JournalReplay(files::Comparer& comparer, store::Store& store, const StreamOptions& options, Scope scope)
+        : comparer_(comparer), store_(store), options_(options), scope_(std::move(scope)) {}
 
     /// True when everything after the position is still told.
     Result<bool> canReplayAfter(EventID since);
@@ -32,15 +36,16 @@ private:
     std::optional<FileEvent> eventFor(store::Session& session, const store::Journal::Record& record);
     std::optional<FileEvent> eventForObject(store::Session& session, const store::ObjectRow& row, EventID event);
     std::optional<FileEvent> eventForDeparture(store::Session& session, const store::Departure& departure);
-    std::optional<FileEvent> eventForDocument(store::Session& session, const store::DocumentChange& change,
-                                              EventID since);
+    std::optional<FileEvent> eventForDocument(store::Session& session, const store::DocumentChange& change);
+    bool broughtContents(store::Session& session, FileID folder, int depth = 0);
     std::optional<std::string> pathBelowFolders(store::Session& session, const store::ObjectRow& row);
     bool isBelowFolders(std::string_view path) const;
+    std::uint64_t begunAt() const { return raw(options_.begunAt.value_or(options_.since)); }
 
     files::Comparer& comparer_;
     store::Store& store_;
     const StreamOptions& options_;
-    std::vector<Place> folders_;
+    Scope scope_;
 };
 
 }  // namespace tarnwell::events

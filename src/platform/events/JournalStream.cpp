@@ -40,9 +40,7 @@ void JournalStream::drop() {
 bool JournalStream::deliverUpTo(EventID upTo) {
     while (running_.load() && raw(position_) < raw(upTo)) {
         auto batch = hub_->withServices([&](store::Store& store, files::Comparer& comparer) {
-            auto its = folders();
-            JournalReplay replay(comparer, store, options_, its ? hub_->placesOf(*its) : std::vector<Place>());
-            return replay.batchAfter(position_, upTo);
+            return JournalReplay(comparer, store, options_, hub_->scopeOf(folders())).batchAfter(position_, upTo);
         });
         if (!batch) return false;
         position_ = batch->reached;
@@ -54,8 +52,8 @@ bool JournalStream::deliverUpTo(EventID upTo) {
 void JournalStream::replayHistory() {
     if (!running_.load()) return;
     // Joined before the journal is read, so that nothing recorded meanwhile is missed.
-    hub_->join(shared_from_this());
-    auto reached = hub_->barrier(folders(), options_.interest);
+    if (!options_.upTo) hub_->join(shared_from_this());
+    auto reached = options_.upTo ? Result<EventID>(*options_.upTo) : hub_->barrier(folders(), options_.interest);
     if (!reached) return drop();
     auto possible = hub_->withServices([&](store::Store& store, files::Comparer& comparer) {
         return JournalReplay(comparer, store, options_, {}).canReplayAfter(options_.since);
@@ -63,6 +61,7 @@ void JournalStream::replayHistory() {
     if (!possible || !*possible) return drop();
     if (!deliverUpTo(*reached)) return drop();
     deliver({FileEvent{position_, kEventHistoryDone, std::nullopt, std::nullopt, std::nullopt}});
+    if (options_.upTo) return;
     live_.store(true);
     readOn();
 }

@@ -16,8 +16,8 @@ bool isVisibleEntry(const FolderContext& folder, std::string_view name, bool isD
     return !(folder.isRoot && isDirectory && name == "Inbox");
 }
 
-Comparer::Comparer(const Roots& roots, store::Store& store, mime::TypeDatabase& types)
-    : roots_(roots), store_(store), types_(types) {}
+Comparer::Comparer(const Roots& roots, store::Store& store, mime::TypeDatabase& types, KeptAttributes kept)
+    : roots_(roots), store_(store), types_(types), kept_(std::move(kept)) {}
 
 Result<void> Comparer::compare(const std::vector<Place>& folders, Detail detail) {
     std::lock_guard running(runMutex_);

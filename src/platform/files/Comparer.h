@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/base/Result.h"
+#include "platform/files/KeptAttributes.h"
 #include "platform/filesystem/Beneath.h"
 #include "platform/filesystem/Roots.h"
 #include "platform/mime/TypeDatabase.h"
@@ -40,9 +41,12 @@ bool isVisibleEntry(const FolderContext& folder, std::string_view name, bool isD
 ///     document was replaced under its name it stays with the name: a rename over it, an exchange of two documents, a
 ///     new file after the old one went or took a backup name.
 /// C3: one comparison at a time; lookups of known objects go on meanwhile.
+/// C4: attributes that are kept for a document are those of the object that has its document ID; where another object
+///     takes that over, it is given those that it lacks, as last seen.
 class Comparer {
 public:
-    Comparer(const Roots& roots, store::Store& store, mime::TypeDatabase& types);
+    Comparer(const Roots& roots, store::Store& store, mime::TypeDatabase& types,
+             KeptAttributes kept = KeptAttributes());
 
     /// Compares the folders and everything below them; all roots when the list is empty.
     Result<void> compare(const std::vector<Place>& folders, Detail detail);
@@ -102,6 +106,7 @@ private:
     const Roots& roots_;
     store::Store& store_;
     mime::TypeDatabase& types_;
+    const KeptAttributes kept_;
     std::mutex runMutex_;  ///< held by the comparison under way
     /// Missing objects may wait to be settled: an earlier program may have been cut off. Under runMutex_.
     bool unsettled_ = true;

@@ -45,6 +45,7 @@ void ComparisonRun::difference(Folder& folder, const Reading& reading) {
             if (attributes) {
                 write();
                 noteAttributes(*row, entry.status);
+                noteKept(*row);
                 folder.changed = true;
             }
             continue;
@@ -99,6 +100,7 @@ void ComparisonRun::placeUnknown(Folder& folder, const DiskEntry& entry, ObjectR
         // Brought here already, as the other half of an exchange.
         row->state = ObjectState::live;
         noteAttributes(*row, entry.status);
+        noteKept(*row);
         return;
     }
     bool displacedDocument = displaced != nullptr && displaced->isDocument() && displaced->documentID.has_value();
@@ -163,6 +165,7 @@ bool ComparisonRun::exchange(Folder& folder, const DiskEntry& entry, ObjectRow& 
     session().journal().recordDocumentChange(*first, raw(fresh.fileID), raw(moved.fileID));
     if (moved.visible) session().journal().recordChange(moved, store::kChangeModified);
     session().index().update(moved);
+    noteKept(moved);
     fresh.documentID = second;
     fresh.position = movedPosition;
     session().journal().recordDocumentChange(*second, raw(moved.fileID), raw(fresh.fileID));
@@ -191,7 +194,7 @@ void ComparisonRun::addNew(Folder& folder, const DiskEntry& entry, ObjectRow* di
         if (row.isDocument() && !takesOver) row.documentID = session().numbers().nextDocument();
         session().journal().recordChange(row, store::kChangeCreated);
     }
-    session().index().insert(row);
+    insertWithKept(folder, row, entry.status);
     if (takesOver) takeovers_.push_back({displaced->fileID, row.fileID, 0, ""});
 }
 
@@ -240,6 +243,7 @@ void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& en
     }
     if (row.isDirectory() && old.state == ObjectState::gone) row.listed = 0;
     session().index().update(row);
+    noteKept(row);
     if (showsContents && !showedContents && old.state != ObjectState::gone) {
         arrive(row, contextBelow(folder.job.context, row));
     }

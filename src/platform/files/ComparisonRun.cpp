@@ -287,7 +287,10 @@ Result<bool> ComparisonRun::processFolder(const Job& job, Detail detail, std::ve
     if (!row) return leaveOut();
     Folder folder{job, *row, session().index().allChildren(job.folder), {}, false};
     folder.matched.assign(folder.known.size(), false);
+    folder.descriptor = descriptor->get();
+    folder.began = reading->began;
     difference(folder, *reading);
+    lookAtKept(descriptor->get());
 
     std::int64_t listed = reading->settled ? opened->changed : 0;
     auto entries = static_cast<std::uint32_t>(reading->entries.size());
@@ -296,6 +299,7 @@ Result<bool> ComparisonRun::processFolder(const Job& job, Detail detail, std::ve
     if (ownChange) {
         write();
         noteAttributes(folder.row, *opened);
+        lookAtKeptOf(folder.row, descriptor->get());
     }
     if (folder.row.listed != listed || folder.row.entries != entries) {
         write();
@@ -318,7 +322,7 @@ Result<ComparisonRun::Reading> ComparisonRun::readFolder(int descriptor, const f
     auto fileSystem = fileSystemFor(before.device, descriptor);
     if (!fileSystem) return failure(fileSystem.error());
     Reading reading;
-    std::int64_t began = stampingClock();
+    reading.began = stampingClock();
     filesystem::DirectoryReader reader(descriptor);
     filesystem::DirectoryEntry entry;
     while (true) {
@@ -350,7 +354,7 @@ Result<ComparisonRun::Reading> ComparisonRun::readFolder(int descriptor, const f
     auto after = filesystem::statusOf(descriptor);
     if (!after) return failure(after.error());
     reading.settled =
-        fileSystem->keepsChangeTimes && after->changed == before.changed && isSettled(before.changed, began);
+        fileSystem->keepsChangeTimes && after->changed == before.changed && isSettled(before.changed, reading.began);
     return reading;
 }
 
@@ -372,6 +376,7 @@ Result<bool> ComparisonRun::compareKnown(const Job& job, int handle) {
         if (known.empty()) break;
         position = known.back().position;
         right = compareKnownBatch(handle, known, changed);
+        lookAtKept(handle);
         if (auto result = breathe(); !result) return failure(result.error());
     }
     if (changed) notePackageChange(job);
@@ -387,6 +392,7 @@ bool ComparisonRun::compareKnownBatch(int handle, std::vector<ObjectRow>& known,
         if (row.changed == status->changed && row.modified == status->modified && row.size == status->size) continue;
         write();
         noteAttributes(row, *status);
+        noteKept(row);
         changed = true;
     }
     return true;

@@ -14,7 +14,7 @@ namespace tarnwell::files {
 
 /// One comparison from its start to its end. Used by Comparer only, under its run mutex. Its parts: which folders are
 /// read (ComparisonRun.cpp), which object is which in one of them (ComparisonDifference.cpp), what became of those that
-/// were missing (ComparisonSettling.cpp).
+/// were missing (ComparisonSettling.cpp), what documents carry (ComparisonKept.cpp).
 class ComparisonRun {
 public:
     explicit ComparisonRun(Comparer& comparer) : comparer_(comparer) {}
@@ -57,7 +57,8 @@ private:
         const DiskEntry* find(const std::string& name) const;
         std::vector<DiskEntry> entries;
         mutable std::unordered_map<std::string_view, const DiskEntry*> byName;  ///< made when first asked
-        bool settled = false;  ///< the folder's change time vouches for the entries
+        bool settled = false;    ///< the folder's change time vouches for the entries
+        std::int64_t began = 0;  ///< stampingClock
     };
     /// A document that was replaced under its name, and the object that has the name now.
     struct Takeover {
@@ -66,6 +67,12 @@ private:
         std::uint64_t successorsOldFolder = 0;  ///< where the successor was known before; 0 for a new object
         std::string successorsOldPath;
     };
+    /// A document whose kept attributes are to be read.
+    struct KeptLook {
+        FileID object{};
+        store::ObjectIdentity identity;
+        std::string name;
+    };
     /// The state of comparing one folder.
     struct Folder {
         const Job& job;
@@ -73,6 +80,8 @@ private:
         std::vector<store::ObjectRow> known;
         std::vector<bool> matched;
         bool changed = false;
+        int descriptor = -1;     ///< open for reading
+        std::int64_t began = 0;  ///< when its reading began
     };
 
     Result<std::optional<Job>> jobFor(const Place& folder);
@@ -93,6 +102,11 @@ private:
     bool exchange(Folder& folder, const DiskEntry& entry, store::ObjectRow& displaced, store::ObjectRow& moved);
     void notePackageChange(const Job& job);
     void noteAttributes(store::ObjectRow& row, const filesystem::Status& status);
+    void insertWithKept(const Folder& folder, store::ObjectRow& row, const filesystem::Status& status);
+    void noteKept(const store::ObjectRow& row);
+    void lookAtKept(int folder);
+    void lookAtKeptOf(const store::ObjectRow& row, int descriptor);
+    void putBackKept(const store::ObjectRow& displaced, const store::ObjectRow& successor);
     void moveHere(Folder& folder, store::ObjectRow& row, const DiskEntry& entry, bool keepDocumentOpen);
     void addNew(Folder& folder, const DiskEntry& entry, store::ObjectRow* displaced);
     void settleTakeovers();
@@ -120,6 +134,7 @@ private:
     std::optional<store::Session> session_;
     std::chrono::steady_clock::time_point sessionBegan_;
     std::vector<Takeover> takeovers_;
+    std::vector<KeptLook> keptLooks_;  ///< in the folder at hand
     Handles handles_;
     bool complete_ = true;      ///< nothing was left out so far
     bool coversRoots_ = false;  ///< every root was compared with all below it

@@ -106,6 +106,7 @@ void ComparisonRun::settleTakeover(const Takeover& takeover) {
     session().journal().recordDocumentChange(document, raw(displaced->fileID), raw(successor->fileID));
     if (successor->visible) session().journal().recordChange(*successor, store::kChangeModified);
     session().index().update(*successor);
+    putBackKept(*displaced, *successor);
 }
 
 /// True when a missing file still has another name.

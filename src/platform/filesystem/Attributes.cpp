@@ -137,14 +137,27 @@ Result<std::size_t> getAttributeOf(int descriptor, const std::string& name, std:
     }));
 }
 
-Result<void> setAttributeOf(int descriptor, const std::string& name, ByteView value) {
+namespace {
+
+/// `flags` as for fsetxattr(2).
+Result<void> putAttribute(int descriptor, const std::string& name, ByteView value, int flags) {
     const auto full = fullName(name);
     if (!full) return failure(full.error());
     if (value.size() > kMaxAttributeBytes) return failure(posixError(E2BIG));
     const int done =
-        untilNotInterrupted([&] { return ::fsetxattr(descriptor, full->c_str(), value.data(), value.size(), 0); });
+        untilNotInterrupted([&] { return ::fsetxattr(descriptor, full->c_str(), value.data(), value.size(), flags); });
     if (done != 0) return failedCall();
     return {};
+}
+
+}  // namespace
+
+Result<void> setAttributeOf(int descriptor, const std::string& name, ByteView value) {
+    return putAttribute(descriptor, name, value, 0);
+}
+
+Result<void> addAttributeOf(int descriptor, const std::string& name, ByteView value) {
+    return putAttribute(descriptor, name, value, XATTR_CREATE);
 }
 
 Result<void> removeAttributeOf(int descriptor, const std::string& name) {

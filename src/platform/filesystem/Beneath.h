@@ -97,6 +97,8 @@ Result<std::size_t> getAttributeAt(int folder, const char* entry, const std::str
 Result<std::size_t> getAttributeOf(int descriptor, const std::string& name, std::span<std::uint8_t> buffer);
 /// The descriptor must be open for real (not O_PATH).
 Result<void> setAttributeOf(int descriptor, const std::string& name, ByteView value);
+/// The same for an attribute that is not there yet: EEXIST where it is.
+Result<void> addAttributeOf(int descriptor, const std::string& name, ByteView value);
 Result<void> removeAttributeOf(int descriptor, const std::string& name);
 
 /// A stored identity of the file system that an open folder or regular file lies on, the same after every mount:

@@ -225,6 +225,7 @@ std::uint64_t Index::purgeGone() {
                      " AND fileID > 0");
     retire.bind(1, Numbers::kFirstFreshFileID).run();
     Statement(database_, "DELETE FROM link WHERE fileID IN (SELECT fileID FROM object WHERE state = 2)").run();
+    Statement(database_, "DELETE FROM kept WHERE fileID IN (SELECT fileID FROM object WHERE state = 2)").run();
     std::int64_t before = database_.totalChanges();
     Statement(database_, "DELETE FROM object WHERE state = 2").run();
     return static_cast<std::uint64_t>(database_.totalChanges() - before);

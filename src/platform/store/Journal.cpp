@@ -13,6 +13,8 @@ Journal::Journal(Database& database, Numbers& numbers)
                          "INSERT OR REPLACE INTO docchange(docID, event, source, destination) VALUES(?, ?, ?, ?)"),
       departuresAfter_(
           database, "SELECT event, fileID, docID, folder, path FROM departure WHERE event > ? ORDER BY event LIMIT ?"),
+      departuresOf_(database,
+                    "SELECT event, fileID, docID, folder, path FROM departure WHERE fileID = ? AND event > ?"),
       changesAfter_(database, "SELECT event, fileID FROM object WHERE event > ? AND event > 0 ORDER BY event LIMIT ?"),
       lostAround_(database, "SELECT 1 FROM lost WHERE after < ?1 AND upTo > ?1"),
       floor_(database, "SELECT value FROM meta WHERE key = 'journalFloor'") {}
@@ -91,6 +93,14 @@ std::vector<DocumentChange> Journal::documentChangesAfter(std::uint64_t event, s
                            s.unsignedAt(3)});
     }
     return changes;
+}
+
+std::vector<Departure> Journal::departuresOf(FileID fileID, std::uint64_t after) {
+    std::vector<Departure> departures;
+    StatementScope s(departuresOf_);
+    s->bind(1, raw(fileID)).bind(2, after);
+    while (s->step()) departures.push_back(departureFrom(departuresOf_));
+    return departures;
 }
 
 std::optional<Departure> Journal::departureOf(FileID fileID) {

@@ -59,6 +59,8 @@ public:
     /// Changes and departures after a position, in order, at most `limit`; departures only when asked so.
     std::vector<Record> recordsAfter(std::uint64_t event, std::size_t limit, bool departuresOnly);
     std::vector<DocumentChange> documentChangesAfter(std::uint64_t event, std::size_t limit);
+    /// The object's departures after a position.
+    std::vector<Departure> departuresOf(FileID fileID, std::uint64_t after);
     /// The last departure under which clients may know the object.
     std::optional<Departure> departureOf(FileID fileID);
 
@@ -72,7 +74,7 @@ public:
 private:
     Database& database_;
     Numbers& numbers_;
-    Statement removeDeparture_, addDeparture_, addDocumentChange_, departuresAfter_, changesAfter_, lostAround_, floor_;
+    Statement removeDeparture_, addDeparture_, addDocumentChange_, departuresAfter_, departuresOf_, changesAfter_, lostAround_, floor_;
 };
 
 }  // namespace tarnwell::store

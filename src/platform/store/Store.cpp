@@ -45,6 +45,10 @@ CREATE INDEX departure_object ON departure(fileID, folder);
 CREATE TABLE docchange(docID INTEGER PRIMARY KEY, event INTEGER NOT NULL, source INTEGER NOT NULL,
   destination INTEGER NOT NULL);
 CREATE INDEX docchange_event ON docchange(event);
+CREATE TABLE continuation(id INTEGER PRIMARY KEY, reader BLOB NOT NULL, since INTEGER NOT NULL,
+  offset INTEGER NOT NULL, path INTEGER NOT NULL, document INTEGER NOT NULL, folder INTEGER,
+  folderOffset INTEGER NOT NULL, folderSince INTEGER NOT NULL, UNIQUE(reader, since, offset));
+CREATE TABLE kept(fileID INTEGER NOT NULL, name BLOB NOT NULL, value BLOB NOT NULL, PRIMARY KEY(fileID, name));
 CREATE TABLE lost(after INTEGER NOT NULL, upTo INTEGER NOT NULL);
 )sql";
 
@@ -91,6 +95,8 @@ Result<std::unique_ptr<Store>> Store::open(const StoreOptions& options) {
     if (prepared) return store;
     if (!isDamage(prepared.error())) return failure(prepared.error());
 
+    store->continuations_.reset();
+    store->kept_.reset();
     store->journal_.reset();
     store->index_.reset();
     store->numbers_.reset();
@@ -155,6 +161,8 @@ Result<void> Store::prepare() {
     uuid.reset();
     index_ = std::make_unique<Index>(*database_, *numbers_);
     journal_ = std::make_unique<Journal>(*database_, *numbers_);
+    kept_ = std::make_unique<KeptTable>(*database_);
+    continuations_ = std::make_unique<Continuations>(*database_);
     if (auto error = database_->takeError()) {
         // A statement that cannot be prepared on a database of this version means that its schema is not what it was.
         return failure(exists ? makeError(StoreError::damaged, describe(*error)) : *error);
@@ -178,6 +186,8 @@ Store::~Store() {
     if (database_ == nullptr) return;
     if (numbers_ != nullptr && !database_->error()) numbers_->saveExact();
     // Statements go before their connection.
+    kept_.reset();
+    continuations_.reset();
     journal_.reset();
     index_.reset();
     numbers_.reset();

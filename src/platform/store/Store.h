@@ -12,9 +12,11 @@
 #include "platform/base/Result.h"
 #include "platform/base/UUID.h"
 #include "platform/log/Log.h"
+#include "platform/store/Continuations.h"
 #include "platform/store/Database.h"
 #include "platform/store/Index.h"
 #include "platform/store/Journal.h"
+#include "platform/store/KeptTable.h"
 #include "platform/store/Numbers.h"
 #include "platform/store/OwnerLock.h"
 
@@ -65,6 +67,8 @@ private:
     std::unique_ptr<Numbers> numbers_;
     std::unique_ptr<Index> index_;
     std::unique_ptr<Journal> journal_;
+    std::unique_ptr<KeptTable> kept_;
+    std::unique_ptr<Continuations> continuations_;
     UUID uuid_;
     StoreOrigin origin_ = StoreOrigin::created;
     std::atomic<std::uint64_t> lastEvent_{0};
@@ -84,6 +88,8 @@ public:
 
     Index& index() { return *store_.index_; }
     Journal& journal() { return *store_.journal_; }
+    KeptTable& kept() { return *store_.kept_; }
+    Continuations& continuations() { return *store_.continuations_; }
     Numbers& numbers() { return *store_.numbers_; }
 
     /// Begins writing if it has not begun. Index and journal changes are allowed after it only.

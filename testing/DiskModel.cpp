@@ -1,4 +1,4 @@
-#include "tests/deep/DiskModel.h"
+#include "testing/DiskModel.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-namespace tarnwell::deep {
+namespace tarnwell::testing {
 
 namespace {
 
@@ -42,7 +42,7 @@ struct Folder {
 bool DiskObject::isFolder() const { return S_ISDIR(mode); }
 bool DiskObject::isFile() const { return S_ISREG(mode); }
 
-Disk readDisk(const std::string& root) {
+Disk readDisk(const std::string& root, const std::optional<std::string>& packageSuffix) {
     Disk disk;
     std::vector<Folder> pending{{}};
     const ObjectKey rootKey = look(root).key;
@@ -64,7 +64,8 @@ Disk readDisk(const std::string& root) {
             const bool hidden =
                 name.starts_with('.') ? !(atTop && name == ".Trash") : atTop && name == "Inbox" && object.isFolder();
             object.visible = folder.contentsVisible && !hidden;
-            if (object.isFolder()) pending.push_back({relative, object.visible});
+            object.package = packageSuffix && object.isFolder() && name.ends_with(*packageSuffix);
+            if (object.isFolder()) pending.push_back({relative, object.visible && !object.package});
             disk.emplace(relative, object);
         }
         ::closedir(directory);
@@ -73,4 +74,4 @@ Disk readDisk(const std::string& root) {
     return disk;
 }
 
-}  // namespace tarnwell::deep
+}  // namespace tarnwell::testing

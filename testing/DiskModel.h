@@ -2,10 +2,11 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 
-namespace tarnwell::deep {
+namespace tarnwell::testing {
 
 /// Tells one object of a disk from all others, also where inode numbers are used again.
 using ObjectKey = std::pair<std::uint64_t, std::int64_t>;  ///< inode number, birth in nanoseconds
@@ -20,8 +21,10 @@ struct DiskObject {
     std::int64_t modified = 0;  ///< nanoseconds since 1970
     std::int64_t changed = 0;
     std::uint32_t entries = 0;  ///< folders: names in it, hidden ones too
-    /// Clients may be told of it: no hidden component but a ".Trash" at the top, not in an "Inbox" folder at the top.
+    /// Clients may be told of it: no hidden component but a ".Trash" at the top, not in an "Inbox" folder at the top,
+    /// not in a package.
     bool visible = false;
+    bool package = false;
 
     bool isFolder() const;
     bool isFile() const;
@@ -30,6 +33,7 @@ struct DiskObject {
 
 /// All names below the folder, links not followed, by their path below it.
 using Disk = std::map<std::string, DiskObject>;
-Disk readDisk(const std::string& root);
+/// Folders whose names end with the suffix are packages.
+Disk readDisk(const std::string& root, const std::optional<std::string>& packageSuffix = std::nullopt);
 
-}  // namespace tarnwell::deep
+}  // namespace tarnwell::testing

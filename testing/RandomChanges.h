@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace tarnwell::deep {
+namespace tarnwell::testing {
 
 /// Somebody who works in a folder at random: makes, writes, renames, moves, swaps, links, hides and removes files,
 /// folders, links and pipes. The same seed on an empty folder gives the same work. One thread at a time.
@@ -17,7 +17,15 @@ public:
         /// Links that are made lead here as often as to a place inside.
         std::string outside = "/nonexistent";
         bool makesHardLinks = true;
+        /// Folders below the root, in which it works and which it leaves where they are; "" is the root itself.
+        std::vector<std::string> areas = {""};
+        /// Also what the programs of a desktop do: more ways to save, memory maps, tags and ranks, trash, packages,
+        /// trees of some hundred names. Forks, so not for a process with threads.
+        bool isWide = false;
     };
+    /// The suffix of the names that it gives to folders that are to be packages.
+    static constexpr const char* kPackageSuffix = ".docbundle";
+
     RandomChanges(std::string root, std::uint64_t seed, Options options);
 
     /// One piece of work; what cannot be done is left. Returns it in words, for a failure's account.
@@ -40,6 +48,15 @@ private:
     std::string save();
     std::string hide();
     std::string remove();
+    std::string wide();
+    std::string writeInPlace();
+    std::string saveAnew();
+    std::string mark();
+    std::string trash();
+    std::string packUp();
+    std::string tree();
+    std::string moveTop();
+    std::string area();
 
     const std::string root_;
     const Options options_;
@@ -49,4 +66,4 @@ private:
     const std::string none_;
 };
 
-}  // namespace tarnwell::deep
+}  // namespace tarnwell::testing

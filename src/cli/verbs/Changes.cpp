@@ -1,0 +1,140 @@
+#include <nlohmann/json.hpp>
+
+#include "cli/output/ItemJson.h"
+#include "cli/output/Text.h"
+#include "cli/verbs/ItemArgument.h"
+#include "cli/verbs/Verb.h"
+#include "host/Changes.h"
+#include "host/Listing.h"
+#include "host/Signals.h"
+#include "hostframework/HostError.h"
+
+namespace tarnwell::cli {
+namespace {
+
+constexpr const char* kWhat = "cannot tell the changes of";
+
+class ChangesVerb : public Verb {
+public:
+    const char* name() const override { return "changes"; }
+    const char* summary() const override { return "Tell what changed in a container since an anchor"; }
+    const char* example() const override {
+        return "tarnwell changes root --since \"$(cat last-seen)\"     what changed since then, and the next anchor\n"
+               "tarnwell --json changes workingset --follow          every change from now on, one JSON object a line";
+    }
+    void declare(CLI::App& command) override {
+        command.add_option("ITEM", item_, std::string(kItemHelp) + "; root without it");
+        auto* since = command.add_option("--since", since_, "The anchor up to which everything is known")
+                          ->type_name("ANCHOR");
+        auto* follow = command.add_flag("-f,--follow", follow_,
+                                        "Go on telling until interrupted; without --since, what comes from now on");
+        command.final_callback([since, follow] {
+            if (since->count() == 0 && follow->count() == 0) {
+                throw CLI::RequiredError("--since, or --follow,");
+            }
+        });
+    }
+
+    Outcome run(Invocation& invocation) override {
+        std::optional<host::InterruptGuard> interrupts;
+        if (follow_) interrupts.emplace();
+        std::optional<Bytes> anchor;
+        if (!since_.empty()) {
+            anchor = bytesOfBase64(since_);
+            // Not even the text of one: the same as one that nobody knows any more.
+            if (!anchor) return expired(invocation, hostframework::syncAnchorExpired());
+        }
+        auto ready = invocation.context();
+        if (!ready) return std::unexpected(ready.error());
+        const auto container = resolveItem(invocation, kWhat, item_);
+        if (!container) return std::unexpected(container.error());
+        std::optional<host::ChangeSignal> signal;
+        // Before the first look, so that nothing falls between it and the waiting.
+        if (follow_) signal.emplace((*ready)->providerManager());
+        auto follower = host::ChangeFollower::create((*ready)->provider(), *container);
+        if (!follower) return std::unexpected(failureOf(kWhat, item_, follower.error()));
+        if (!anchor) {
+            auto now = host::currentSyncAnchor((*ready)->provider(), *container);
+            if (!now) return std::unexpected(failureOf(kWhat, item_, now.error()));
+            if (!*now) {
+                return std::unexpected(Failure{ExitStatus::failed, std::string(kWhat) + " \"" + toDisplay(item_) +
+                                                                       "\": they cannot be told on this device"});
+            }
+            anchor = std::move(**now);
+        }
+        for (bool isFirst = true;; isFirst = false) {
+            if (auto told = tellAll(invocation, **ready, *follower, *anchor, isFirst); !told) return told;
+            if (!follow_ || invocation.output().failed()) return {};
+            if (signal->wait(*interrupts) == host::ChangeSignal::Woken::byInterrupt) return {};
+        }
+    }
+
+private:
+    /// All batches until nothing more is coming; the anchor is the one to keep then.
+    Outcome tellAll(Invocation& invocation, host::ProgramContext& context, host::ChangeFollower& follower,
+                    Bytes& anchor, bool evenNothing) const {
+        for (;;) {
+            auto batch = follower.changesSince(anchor);
+            if (!batch) {
+                if (batch.error().is(ErrorDomain::host, hostframework::kSyncAnchorExpired)) {
+                    return expired(invocation, batch.error());
+                }
+                writeError(invocation, batch.error());
+                return std::unexpected(failureOf(kWhat, item_, batch.error()));
+            }
+            anchor = batch->anchor;
+            if (evenNothing || !batch->reports.empty()) write(invocation, context, *batch);
+            if (!batch->moreComing || invocation.output().failed()) return {};
+        }
+    }
+
+    void write(Invocation& invocation, host::ProgramContext& context, const host::ChangeBatch& batch) const {
+        Output& output = invocation.output();
+        for (const auto& report : batch.reports) {
+            if (invocation.json()) {
+                output.line(jsonLine(report.updated
+                                         ? nlohmann::ordered_json{{"update", itemJson(*report.updated, context.roots())}}
+                                         : nlohmann::ordered_json{{"delete", *report.deleted}}));
+            } else if (report.updated) {
+                const auto& item = *report.updated;
+                output.line(output.paint(Style::good, "update") + "  " + item.itemIdentifier() + "  " +
+                            toDisplay(context.roots().realPath(item.fileURL().path())));
+            } else {
+                output.line(output.paint(Style::bad, "delete") + "  " + toDisplay(*report.deleted));
+            }
+        }
+        const std::string anchor = base64(batch.anchor);
+        if (invocation.json()) {
+            output.line(jsonLine({{"anchor", anchor}, {"moreComing", batch.moreComing}}));
+        } else if (!batch.moreComing) {
+            output.line(output.paint(Style::dim, "anchor  " + anchor));
+        }
+        output.flush();
+    }
+
+    static void writeError(Invocation& invocation, const Error& error) {
+        if (!invocation.json()) return;
+        invocation.output().line(jsonLine({{"error",
+                                            {{"domain", nameOf(error.domain)},
+                                             {"code", error.code},
+                                             {"message", toDisplay(describe(error))}}}}));
+    }
+
+    Outcome expired(Invocation& invocation, const Error& error) const {
+        writeError(invocation, error);
+        return std::unexpected(
+            Failure{ExitStatus::anchorExpired, std::string(kWhat) + " \"" + toDisplay(item_) +
+                                                   "\": the anchor has expired; list it anew, and take an anchor with "
+                                                   "\"tarnwell anchor\" before"});
+    }
+
+    std::string item_ = "root";
+    std::string since_;
+    bool follow_ = false;
+};
+
+}  // namespace
+
+std::unique_ptr<Verb> makeChangesVerb() { return std::make_unique<ChangesVerb>(); }
+
+}  // namespace tarnwell::cli

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <memory>
+
+#include "host/HostProviderManager.h"
+#include "platform/base/Descriptor.h"
+
+namespace tarnwell::host {
+
+/// Keeps SIGINT and SIGTERM from ending the process, so that whoever waits for something is told of them instead. Make
+/// it before any thread is started: threads inherit it.
+class InterruptGuard {
+public:
+    InterruptGuard();
+    /// Becomes readable when the process was asked to end; for poll.
+    int descriptor() const { return descriptor_.get(); }
+
+private:
+    Descriptor descriptor_;
+};
+
+/// Wakes a thread when the provider says that something changed, without waking it for anything else.
+class ChangeSignal {
+public:
+    explicit ChangeSignal(HostProviderManager& manager);
+    ~ChangeSignal();
+    ChangeSignal(const ChangeSignal&) = delete;
+    ChangeSignal& operator=(const ChangeSignal&) = delete;
+
+    enum class Woken { byChange, byInterrupt };
+    /// Blocks until a container was signalled since the last call, or the process was asked to end.
+    Woken wait(const InterruptGuard& interrupts);
+
+private:
+    HostProviderManager& manager_;
+    std::shared_ptr<Descriptor> counter_;
+    HostProviderManager::HandlerID handler_;
+};
+
+}  // namespace tarnwell::host

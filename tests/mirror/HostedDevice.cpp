@@ -1,0 +1,71 @@
+#include "tests/mirror/HostedDevice.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "testing/RandomChanges.h"
+#include "tests/mirror/Layout.h"
+#include "tests/mirror/Roles.h"
+
+namespace tarnwell::mirror {
+namespace {
+
+[[noreturn]] void stop(const char* what, int status) {
+    std::fprintf(stderr, "the host %s; status %d\n", what, status);
+    std::abort();
+}
+
+void installApplication(const std::string& home, const std::string& name) {
+    testing::writeFile(home + "/.local/share/applications/" + name + ".desktop",
+                       "[Desktop Entry]\nType=Application\nName=" + name +
+                           "\nExec=true\nX-Tarnwell-DataContainer=~/Apps/" + name +
+                           "\nX-Tarnwell-SupportsDocumentBrowser=true\n");
+}
+
+/// Makes folders with a certain name packages, in a database of this device's own.
+void declarePackages(const std::string& home) {
+    const std::string types = home + "/.local/share/mime";
+    testing::makeDirectories(types);
+    testing::writeFile(types + "/globs2",
+                       "50:application/x-test-bundle:*" + std::string(testing::RandomChanges::kPackageSuffix) + "\n");
+    testing::writeFile(types + "/globs",
+                       "application/x-test-bundle:*" + std::string(testing::RandomChanges::kPackageSuffix) + "\n");
+    testing::writeFile(types + "/subclasses", "application/x-test-bundle inode/directory\n");
+}
+
+}  // namespace
+
+HostedDevice::HostedDevice() {
+    for (const RootFolder& root : kRoots) testing::makeDirectories(path(root.path));
+    testing::makeDirectories(path(kOutside));
+    testing::makeDirectories(path(".local/share/applications"));
+    installApplication(home_, "Notes");
+    installApplication(home_, "Sketches");
+    declarePackages(home_);
+    start();
+}
+
+void HostedDevice::start() { host_ = std::make_unique<ChildProcess>(std::vector<std::string>{kHostRole, home_}); }
+
+Message HostedDevice::ask(const Message& message) {
+    if (host_->tell(message)) {
+        if (auto answer = host_->hear()) return std::move(*answer);
+    }
+    stop("ended by itself", host_->end());
+}
+
+void HostedDevice::restart() {
+    if (const int status = host_->end(); status != 0) stop("did not end well", status);
+    start();
+}
+
+void HostedDevice::killWhileItAnswers(const Message& message, unsigned microseconds) {
+    host_->tell(message);
+    ::usleep(microseconds);
+    host_->kill();
+    start();
+}
+
+}  // namespace tarnwell::mirror

@@ -1,0 +1,15 @@
+#include <gtest/gtest.h>
+
+#include <string_view>
+
+#include "tests/mirror/Roles.h"
+
+/// The test program, and the processes that it starts: the one that hosts the provider, and those that change files.
+int main(int argc, char** argv) {
+    using namespace tarnwell::mirror;
+    const std::string_view role = argc > 1 ? argv[1] : "";
+    if (role == kHostRole && argc == 3) return hostProvider(argv[2]);
+    if (role == kChangerRole && argc == 5) return changeFiles(argv[2], argv[3], argv[4]);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

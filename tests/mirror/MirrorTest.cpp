@@ -1,0 +1,238 @@
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <deque>
+#include <memory>
+#include <random>
+
+#include "hostframework/HostError.h"
+#include "hostframework/ItemIdentifier.h"
+#include "testing/LongRun.h"
+#include "tests/mirror/Client.h"
+#include "tests/mirror/Layout.h"
+#include "tests/mirror/Roles.h"
+#include "tests/mirror/Truth.h"
+
+namespace tarnwell::mirror {
+namespace {
+
+constexpr std::size_t kChangers = 3;
+constexpr std::size_t kLinesOfAccount = 1500;
+
+std::size_t operationsWanted() {
+    if (const char* given = std::getenv("TARNWELL_MIRROR_OPERATIONS")) return std::strtoull(given, nullptr, 10);
+    return testing::isLongRun() ? 200'000 : 20'000;
+}
+
+/// Processes that change files at the same time, and clients that follow as they like.
+class Workday {
+public:
+    explicit Workday(std::uint64_t seed) : random_(seed) {
+        for (std::size_t i = 0; i < kChangers; ++i) {
+            changers_.push_back(std::make_unique<ChildProcess>(
+                std::vector<std::string>{kChangerRole, device_.home(), std::to_string(random_()), "/etc/passwd"}));
+        }
+        clients_.emplace_back(hostframework::kWorkingSetContainer);
+        clients_.emplace_back(hostframework::kRootContainer);
+        for (Client& client : clients_) expect(client.begin(device_), client);
+    }
+
+    /// Some operations, then a moment at which nothing changes and every client that is awake is looked at.
+    void round(std::size_t operations) {
+        change(operations);
+        note("--- quiet");
+        disturb(6);
+        settleFollower();
+        bool isAnyoneUpToDate = false;
+        std::vector<Client*> upToDate;
+        for (Client& client : clients_) {
+            const auto choice = below(8);
+            if (choice == 0) continue;  // asleep
+            if (choice == 1) {
+                step(client);  // stops in the middle, if there is one
+            } else if (catchUp(client)) {
+                upToDate.push_back(&client);
+                isAnyoneUpToDate = true;
+            }
+        }
+        if (!isAnyoneUpToDate) return;
+        // Looking identifiers up may tell the program of things that happened: everybody who is to be compared has been
+        // told before.
+        const auto truth = readTruth(device_);
+        if (!truth) {
+            problems_.emplace_back("the disk does not come to rest");
+            return;
+        }
+        for (Client* client : upToDate) compareWith(*client, *truth);
+        chooseFollower(*truth);
+        ++quietPoints_;
+    }
+
+    const Problems& problems() const { return problems_; }
+    std::size_t quietPoints() const { return quietPoints_; }
+    std::string account() const {
+        std::string text;
+        for (const std::string& line : account_) text += line + "\n";
+        return text;
+    }
+
+private:
+    std::uint64_t below(std::uint64_t bound) { return random_() % bound; }
+    void note(std::string line) {
+        account_.push_back(std::move(line));
+        if (account_.size() > kLinesOfAccount) account_.pop_front();
+    }
+
+    /// All together, or one after the other, while clients follow.
+    void change(std::size_t operations) {
+        const bool together = below(4) != 0;
+        const Message order{std::to_string(operations / kChangers), std::to_string(below(3) * 500)};
+        for (std::size_t i = 0; i < changers_.size(); ++i) {
+            changers_[i]->tell(order);
+            if (!together) takeAnswer(i);
+        }
+        if (!together) return;
+        std::vector<std::size_t> busy{0, 1, 2};
+        const bool areWatched = below(3) != 0;
+        while (!busy.empty()) {
+            if (areWatched) {
+                disturb(12);
+                Client& client = clients_[below(clients_.size())];
+                if (below(2) == 0 && !isFollower(client)) step(client);
+                if (isFollower(client)) stepQuietly(client);
+            }
+            ::usleep(static_cast<useconds_t>(below(10'000)));
+            std::erase_if(busy, [&](std::size_t changer) {
+                if (!changers_[changer]->hasAnswered()) return false;
+                takeAnswer(changer);
+                return true;
+            });
+        }
+    }
+
+    void takeAnswer(std::size_t changer) {
+        const auto done = changers_[changer]->hear();
+        if (!done) {
+            problems_.emplace_back("a process that changes files ended");
+            return;
+        }
+        for (const std::string& line : *done) {
+            if (line != "nothing") note(std::to_string(changer) + ": " + line);
+        }
+    }
+
+    /// Now and then the host's process is started anew, or killed in the middle of its work.
+    void disturb(std::uint64_t oneIn) {
+        const auto choice = below(oneIn * 2);
+        if (choice == 0) {
+            note("--- restart");
+            device_.restart();
+        } else if (choice == 1) {
+            const auto delay = static_cast<unsigned>(below(60'000));
+            note("--- kill after " + std::to_string(delay));
+            device_.killWhileItAnswers(clients_[below(clients_.size())].request(), delay);
+        }
+    }
+
+    bool isFollower(const Client& client) const { return client.container().starts_with("fid="); }
+
+    void expect(Client::Outcome outcome, const Client& client) {
+        if (outcome == Client::Outcome::expired) problems_.push_back(client.container() + ": the anchor expired");
+        if (outcome == Client::Outcome::refused) problems_.push_back(client.container() + ": " + client.problem());
+    }
+
+    Client::Outcome stepQuietly(Client& client) {
+        const auto outcome = client.step(device_);
+        note("--- " + client.container() + " asks: " + std::to_string(client.told().size()) +
+             (outcome == Client::Outcome::more       ? ", more"
+              : outcome == Client::Outcome::caughtUp ? ""
+                                                     : ", " + client.problem()));
+        for (const std::string& line : client.told()) note("    " + line);
+        if (outcome == Client::Outcome::expired) expect(outcome, client);
+        return outcome;
+    }
+    Client::Outcome step(Client& client) {
+        const auto outcome = stepQuietly(client);
+        if (outcome == Client::Outcome::refused) expect(outcome, client);
+        return outcome;
+    }
+    bool catchUp(Client& client) {
+        for (;;) {
+            const auto outcome = step(client);
+            if (outcome != Client::Outcome::more) return outcome == Client::Outcome::caughtUp;
+        }
+    }
+
+    void compareWith(const Client& client, const Truth& truth) {
+        std::optional<std::string> folder;
+        if (isFollower(client)) {
+            folder = folderOf(truth, client.container());
+            if (!folder) {
+                problems_.push_back(client.container() + " was told of a folder that is not there");
+                return;
+            }
+        }
+        for (std::string& problem : compare(client.mirror(), truth, folder)) {
+            problems_.push_back(client.container() + ": " + std::move(problem));
+        }
+    }
+
+    /// A client of a folder ends when the folder has left the storage, and has no place or another identifier when it
+    /// came back.
+    void settleFollower() {
+        if (clients_.size() == 2) return;
+        const auto place = placeOf(readNames(device_), followed_);
+        if (place && device_.ask({"identify", device_.path(*place)}).at(1) == clients_.back().container()) return;
+        note("--- " + clients_.back().container() + " left the storage");
+        clients_.pop_back();
+    }
+    void chooseFollower(const Truth& truth) {
+        if (clients_.size() == 3 && below(20) != 0) return;
+        if (clients_.size() == 3) clients_.pop_back();
+        std::vector<const Standing*> folders;
+        for (const auto& [path, standing] : truth) {
+            if (standing.object.visible && standing.kept.isFolder) folders.push_back(&standing);
+        }
+        if (folders.empty()) return;
+        const Standing& chosen = *folders[below(folders.size())];
+        followed_ = chosen.object.key;
+        clients_.emplace_back(chosen.identifier);
+        note("--- following " + clients_.back().container());
+        expect(clients_.back().begin(device_), clients_.back());
+    }
+
+    std::mt19937_64 random_;
+    HostedDevice device_;
+    std::vector<std::unique_ptr<ChildProcess>> changers_;
+    std::deque<Client> clients_;
+    testing::ObjectKey followed_;  ///< the folder of the last client, where there is a third
+    Problems problems_;
+    std::deque<std::string> account_;
+    std::size_t quietPoints_ = 0;
+};
+
+TEST(Mirror, EqualsTheDiskAtEveryQuietPointWhereverItStoppedAndResumed) {
+    const std::uint64_t seed = testing::chooseSeed("Mirror");
+    const std::size_t operations = operationsWanted();
+    std::mt19937_64 random(seed);
+    Workday run(random());
+    for (std::size_t done = 0; done < operations;) {
+        const std::size_t batch = 30 + random() % 400;
+        run.round(batch);
+        done += batch;
+        std::string text;
+        for (const std::string& problem : run.problems()) text += problem + "\n";
+        ASSERT_TRUE(run.problems().empty())
+            << "with TARNWELL_DEEP_SEED=" << seed << ", after " << done << " operations:\n"
+            << text << "the account:\n"
+            << run.account();
+    }
+    EXPECT_GT(run.quietPoints(), operations / 1000);
+    std::printf("%zu operations, %zu quiet points\n", operations, run.quietPoints());
+}
+
+}  // namespace
+}  // namespace tarnwell::mirror

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <string>
+
+#include "host/Settings.h"
+#include "testing/RandomChanges.h"
+
+/// What the processes that the test starts do. They answer one message on standard input with one on standard output,
+/// until there is none any more; the result is the exit status.
+namespace tarnwell::mirror {
+
+inline constexpr const char* kHostRole = "--host-provider";
+inline constexpr const char* kChangerRole = "--change-files";
+
+/// Hosts the provider of the device in that home.
+///
+/// | message                      | answer                                                                            |
+/// |------------------------------|-----------------------------------------------------------------------------------|
+/// | anchor, container            | ok, anchor                                                                        |
+/// | list, container              | ok, the items of it and of the folders below it                                   |
+/// | item, path                   | ok, the item that stands there; ok alone where none does                          |
+/// | identify, paths              | ok, the identifier of what stands at each, "" where none does                     |
+/// | changes, container, anchor   | ok, anchor, "more" or "", then for each report "-" and an identifier or "+" and an
+/// item |
+///
+/// A failure is answered with "error", its domain, its code and a text.
+int hostProvider(const std::string& home);
+
+/// Changes files below the root at random, from a seed; `links` is where links that it makes lead. The message is the
+/// number of steps and the microseconds of rest after each, the answer says what was done, a step each.
+int changeFiles(const std::string& root, const std::string& seed, const std::string& links);
+
+/// Settings of a device in a home of its own.
+host::Settings settingsOf(const std::string& home);
+/// The folders below a home in which files are changed; the last one is outside of the storage.
+testing::RandomChanges::Options changesBelow(const std::string& links);
+
+}  // namespace tarnwell::mirror
