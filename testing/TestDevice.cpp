@@ -1,7 +1,9 @@
 #include "testing/TestDevice.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <thread>
 
 #include "items/LocalItem.h"
 #include "platform/events/ComparingEventService.h"
@@ -10,6 +12,12 @@
 namespace tarnwell::testing {
 
 namespace {
+
+void require(const Result<void>& result, const char* what) {
+    if (result) return;
+    std::fprintf(stderr, "test device: %s: %s\n", what, describe(result.error()).c_str());
+    std::abort();
+}
 
 template <typename T>
 T require(Result<T> result, const char* what) {
@@ -69,7 +77,23 @@ TestDevice::~TestDevice() = default;
 void TestDevice::restart() {
     services_.reset();
     services_ = std::make_unique<Services>(home_, state_);
+    if (source_) startWatching();
 }
+
+void TestDevice::watch(watch::SourceChoice source) {
+    source_ = source;
+    startWatching();
+}
+
+void TestDevice::startWatching() {
+    require(services_->events.watch({*source_}), "watching");
+    for (int i = 0; i < 10'000 && !services_->events.liveStatus(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    if (!services_->events.liveStatus()) require<bool>(failure(posixError(ETIMEDOUT)), "watching");
+}
+
+std::optional<events::LiveIndex::Status> TestDevice::liveStatus() { return services_->events.liveStatus(); }
 
 std::string TestDevice::path(const std::string& relative) const {
     return relative.empty() ? home_ + "/Documents" : home_ + "/Documents/" + relative;

@@ -1,13 +1,16 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "items/Environment.h"
 #include "platform/dispatch/ThreadPool.h"
 #include "platform/events/FileEventService.h"
+#include "platform/events/LiveIndex.h"
 #include "platform/files/Comparer.h"
 #include "platform/store/Store.h"
+#include "platform/watch/KernelWatcher.h"
 #include "testing/CapturingLog.h"
 #include "testing/FakeAppRegistry.h"
 #include "testing/RecordingProviderManager.h"
@@ -48,12 +51,19 @@ public:
     /// Closes the store and all services and opens them again, as a new start of the program does. References that were
     /// taken before are dead afterwards. The fake registry is empty again, as are log and signals.
     void restart();
+    /// From now on, over restarts, the kernel's hints keep the index. Returns when they do.
+    void watch(watch::SourceChoice source = watch::SourceChoice::automatic);
+    /// How it is kept; nothing as long as comparing is the source.
+    std::optional<events::LiveIndex::Status> liveStatus();
     /// Compares everything with the index, so that what is on disk now is known.
     EventID settle();
 
 private:
     struct Services;
+    void startWatching();
+
     TemporaryDirectory directory_;
+    std::optional<watch::SourceChoice> source_;
     std::string home_, state_, support_;
     std::unique_ptr<Services> services_;
 };

@@ -82,19 +82,21 @@ std::string joined(const Problems& problems) {
     return text;
 }
 
-TEST(IndexMirror, ListingsIdentifiersAndHistoryStayTrueThroughRandomChanges) {
+/// `source` keeps the index, or comparing does.
+void checkThroughRandomChanges(std::optional<watch::SourceChoice> source) {
     const std::uint64_t seed = chooseSeed("IndexMirror");
     const std::size_t operations = isLongRun() ? 50'000 : 2'000;
     MirrorRun run;
-    RandomChanges changes(run.device().device().path(), seed, {.mostNames = 150, .outside = "/etc/passwd"});
+    if (source) run.device().device().watch(*source);
+    RandomChanges changes(run.device().device().path(), seed, {.mostNames = 150, .outside = "/etc/passwd", .makesHardLinks = !source});
     std::size_t done = 0;
     while (done < operations) {
         const std::size_t batch = 1 + changes.below(40);
-        const bool isWatched = changes.below(2) == 0;
+        const bool isLookedAt = changes.below(2) == 0;
         for (std::size_t i = 0; i < batch; ++i) {
             run.note(std::to_string(done++) + ": " + changes.step());
             // What somebody looks at in between is known from then on, the rest is not.
-            switch (isWatched ? changes.below(30) : 30) {
+            switch (isLookedAt ? changes.below(30) : 30) {
                 case 0:
                     run.note("  settled");
                     run.device().device().settle();
@@ -121,11 +123,21 @@ TEST(IndexMirror, ListingsIdentifiersAndHistoryStayTrueThroughRandomChanges) {
         }
         const Problems problems =
             run.check(changes.below(2) == 0 ? MirrorRun::First::history : MirrorRun::First::listing,
-                      isWatched ? Looks::inBetween : Looks::none);
+                      isLookedAt || source ? Looks::inBetween : Looks::none);
         ASSERT_TRUE(problems.empty()) << joined(problems) << "after, with TARNWELL_DEEP_SEED=" << seed << ":\n"
                                       << run.account();
     }
 }
+
+TEST(IndexMirror, ListingsIdentifiersAndHistoryStayTrueThroughRandomChanges) {
+    checkThroughRandomChanges(std::nullopt);
+}
+
+TEST(IndexMirror, TheyDoWhileTheKernelTellsOfThem) {
+    checkThroughRandomChanges(watch::SourceChoice::automatic);
+}
+
+TEST(IndexMirror, TheyDoWhileInotifyTellsOfThem) { checkThroughRandomChanges(watch::SourceChoice::inotify); }
 
 // What the checks above would find if the program were wrong.
 

@@ -56,17 +56,13 @@ Client::Outcome Client::step(HostedDevice& device) {
     anchor_ = answer.at(1);
     isInTheMiddle_ = !answer.at(2).empty();
     for (std::size_t at = 3; at < answer.size();) {
-        const bool isDeletion = answer.at(at++) == "-";
-        Report report;
-        if (isDeletion) {
-            report.identifier = answer.at(at++);
-            told_.push_back("- " + report.identifier);
+        if (answer.at(at++) == "-") {
+            told_.push_back({answer.at(at++)});
         } else {
-            const Identified item = takeItem(answer, at);
-            report = {item.identifier, item.kept};
-            told_.push_back("+ " + item.identifier + " " + describe(item.kept));
+            Identified item = takeItem(answer, at);
+            told_.push_back({std::move(item.identifier), std::move(item.kept)});
         }
-        mirror_.apply(report);
+        mirror_.apply(told_.back());
     }
     return isInTheMiddle_ ? Outcome::more : Outcome::caughtUp;
 }

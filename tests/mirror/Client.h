@@ -30,8 +30,8 @@ public:
     const std::string& problem() const { return problem_; }
     /// True where its anchor is one of a batch after which more comes.
     bool isInTheMiddle() const { return isInTheMiddle_; }
-    /// What the last step told, a line each.
-    const std::vector<std::string>& told() const { return told_; }
+    /// What the last step told.
+    const std::vector<Report>& told() const { return told_; }
     bool wasRefusedWith(int domain, int code) const { return domain_ == domain && code_ == code; }
 
 private:
@@ -44,7 +44,7 @@ private:
     std::string problem_;
     int domain_ = 0, code_ = 0;
     bool isInTheMiddle_ = false;
-    std::vector<std::string> told_;
+    std::vector<Report> told_;
 };
 
 }  // namespace tarnwell::mirror

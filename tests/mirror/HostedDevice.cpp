@@ -24,15 +24,20 @@ void installApplication(const std::string& home, const std::string& name) {
                            "\nX-Tarnwell-SupportsDocumentBrowser=true\n");
 }
 
-/// Makes folders with a certain name packages, in a database of this device's own.
-void declarePackages(const std::string& home) {
+/// Makes folders whose names end so packages, in a type database of this device's own; false where no program makes
+/// one.
+bool declarePackages(const std::string& home, const std::string& suffix) {
     const std::string types = home + "/.local/share/mime";
-    testing::makeDirectories(types);
-    testing::writeFile(types + "/globs2",
-                       "50:application/x-test-bundle:*" + std::string(testing::RandomChanges::kPackageSuffix) + "\n");
-    testing::writeFile(types + "/globs",
-                       "application/x-test-bundle:*" + std::string(testing::RandomChanges::kPackageSuffix) + "\n");
-    testing::writeFile(types + "/subclasses", "application/x-test-bundle inode/directory\n");
+    testing::makeDirectories(types + "/packages");
+    testing::writeFile(types + "/packages/test.xml", R"(<?xml version="1.0" encoding="UTF-8"?>
+<mime-info xmlns="http://www.freedesktop.org/standards/shared-mime-info">
+  <mime-type type="application/x-test-bundle">
+    <sub-class-of type="inode/directory"/>
+    <glob pattern="*)" + suffix + R"("/>
+  </mime-type>
+</mime-info>
+)");
+    return std::system(("update-mime-database " + types + " >/dev/null 2>&1").c_str()) == 0;
 }
 
 }  // namespace
@@ -43,7 +48,9 @@ HostedDevice::HostedDevice() {
     testing::makeDirectories(path(".local/share/applications"));
     installApplication(home_, "Notes");
     installApplication(home_, "Sketches");
-    declarePackages(home_);
+    if (declarePackages(home_, testing::RandomChanges::kPackageSuffix)) {
+        packageSuffix_ = testing::RandomChanges::kPackageSuffix;
+    }
     start();
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,8 @@ public:
 
     const std::string& home() const { return home_; }
     std::string path(const std::string& relative) const { return home_ + "/" + relative; }
+    /// Folders whose names end so are packages to the host; nothing where this machine cannot declare any.
+    const std::optional<std::string>& packageSuffix() const { return packageSuffix_; }
 
     /// The host's answer. Stops the test when the host ends instead.
     Message ask(const Message& message);
@@ -29,6 +32,7 @@ private:
 
     testing::TemporaryDirectory directory_;
     const std::string home_ = directory_.path("home");
+    std::optional<std::string> packageSuffix_;
     std::unique_ptr<ChildProcess> host_;
 };
 

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <string_view>
 
 #include "tests/mirror/Roles.h"
@@ -7,6 +8,8 @@
 /// The test program, and the processes that it starts: the one that hosts the provider, and those that change files.
 int main(int argc, char** argv) {
     using namespace tarnwell::mirror;
+    // A process that ends is noticed by the answer that does not come.
+    (void)std::signal(SIGPIPE, SIG_IGN);
     const std::string_view role = argc > 1 ? argv[1] : "";
     if (role == kHostRole && argc == 3) return hostProvider(argv[2]);
     if (role == kChangerRole && argc == 5) return changeFiles(argv[2], argv[3], argv[4]);

@@ -2,6 +2,10 @@
 
 namespace tarnwell::mirror {
 
+std::string describe(const Report& report) {
+    return report.updated ? "+ " + report.identifier + " " + describe(*report.updated) : "- " + report.identifier;
+}
+
 void Mirror::clear() {
     items_.clear();
     children_.clear();

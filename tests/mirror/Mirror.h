@@ -16,6 +16,9 @@ struct Report {
     std::optional<Kept> updated = {};
 };
 
+/// One line for the account of a failure.
+std::string describe(const Report& report);
+
 /// All that a client knows: items by identifier.
 class Mirror {
 public:

@@ -150,7 +150,7 @@ private:
              (outcome == Client::Outcome::more       ? ", more"
               : outcome == Client::Outcome::caughtUp ? ""
                                                      : ", " + client.problem()));
-        for (const std::string& line : client.told()) note("    " + line);
+        for (const Report& report : client.told()) note("    " + describe(report));
         if (outcome == Client::Outcome::expired) expect(outcome, client);
         return outcome;
     }

@@ -8,7 +8,6 @@
 #include "hostframework/TagCodec.h"
 #include "items/LocalItem.h"
 #include "platform/archive/KeyedArchive.h"
-#include "testing/RandomChanges.h"
 #include "tests/mirror/Layout.h"
 
 namespace tarnwell::mirror {
@@ -91,7 +90,7 @@ Truth readNames(const HostedDevice& device) {
     Truth truth;
     for (const RootFolder& root : kRoots) {
         const std::string at = device.path(root.path);
-        for (auto& [relative, object] : testing::readDisk(at, testing::RandomChanges::kPackageSuffix)) {
+        for (auto& [relative, object] : testing::readDisk(at, device.packageSuffix())) {
             Standing standing{.object = object, .identifier = "", .kept = {.parent = "", .name = nameOf(relative)}};
             if (object.visible) {
                 const std::string path = at + "/" + relative;

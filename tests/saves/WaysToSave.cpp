@@ -95,9 +95,11 @@ tree=$(printf '100644 blob %s\t%s\n' "$blob" "$1" | git mktree)
 git checkout --quiet --detach "$(git commit-tree -p HEAD -m new "$tree")"
 )shell";
 
+/// As everywhere but in /tmp, where emacs makes no backup.
 constexpr const char* kEmacsSave = R"lisp(
 (let ((line (pop command-line-args-left)) (make-backup-files (pop command-line-args-left)))
   (setq make-backup-files (equal make-backup-files "backup"))
+  (setq backup-enable-predicate #'always)
   (find-file (pop command-line-args-left))
   (erase-buffer)
   (insert line "\n")

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "platform/watch/InotifySource.h"
+#include "platform/watch/KernelLimits.h"
 #include "tests/watch/WatchTesting.h"
 
 namespace tarnwell::watch {
@@ -100,22 +101,15 @@ TEST_F(InotifySourceTest, AWatchThatWeEndedComesBack) {
 
 // The end of the old watch is among what was lost: the new one must not wait for it for ever.
 TEST_F(InotifySourceTest, AWatchThatCameBackIsNotDeafAfterAFullQueue) {
+    const std::uint64_t limit = limits().inotifyQueuedEvents;
+    if (limit == 0 || limit > 100'000) GTEST_SKIP() << "the queue holds " << limit << " events";
     makeDirectories(directory_.path("C"));
     watch("C", 3);
-    const std::uint64_t limit = 1U << 17;
-    Drained drained;
-    for (std::uint64_t index = 0; index < limit; ++index) {
-        // Renaming to and fro: two events each time, and never twice the same in a row.
-        if (index == 0) makeNode(directory_.path("C/0"));
+    makeNode(directory_.path("C/0"));
+    // Two events each, and never the same twice in a row, which would be one.
+    for (std::uint64_t index = 0; index < limit; ++index)
         MUST(::rename(directory_.path("C/" + std::to_string(index % 2)).c_str(),
                       directory_.path("C/" + std::to_string((index + 1) % 2)).c_str()));
-        int queued = 0;
-        if (::ioctl(source_->descriptor(), FIONREAD, &queued) == 0 && index % 64 == 0) {
-            static int before;
-            if (index > 0 && queued == before) break;
-            before = queued;
-        }
-    }
     removeA();
     watch("B", 2);
     EXPECT_TRUE(drain().overflowed);

@@ -111,7 +111,8 @@ std::string inChild(const std::function<std::string()>& body) {
     const pid_t child = ::fork();
     if (child < 0) return "no child";
     if (child == 0) {
-        const std::string answer = body() + (::testing::Test::HasFailure() ? "failures above" : "");
+        std::string answer = body();
+        if (::testing::Test::HasFailure()) answer = "failures above";
         const bool isWritten = ::write(writing.get(), answer.data(), answer.size()) == ssize_t(answer.size());
         ::_exit(isWritten ? 0 : 1);
     }

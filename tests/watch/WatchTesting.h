@@ -58,11 +58,11 @@ void append(const std::string& path, std::string_view text);
 /// Runs `body` in a child process, which may change its identity, its limits and its mounts. What `body` returns is a
 /// failure, or with "skip: " before it a reason to skip.
 std::string inChild(const std::function<std::string()>& body);
-#define EXPECT_IN_CHILD(body)                                               \
-    do {                                                                    \
-        const std::string answer = inChild(body);                           \
-        if (answer.starts_with("skip: ")) GTEST_SKIP() << answer.substr(6); \
-        EXPECT_EQ(answer, "");                                              \
+#define EXPECT_IN_CHILD(body)                                                     \
+    do {                                                                          \
+        const std::string childSaid = inChild(body);                              \
+        if (childSaid.starts_with("skip: ")) GTEST_SKIP() << childSaid.substr(6); \
+        EXPECT_EQ(childSaid, "");                                                 \
     } while (false)
 
 }  // namespace tarnwell::watch

@@ -44,54 +44,61 @@ bool enterOwnMounts() {
 
 TEST(WatcherLimitsTest, PastTheLimitOfMarksInotifyTakesOverAndPastBothIsNoSpace) {
     testing::TemporaryDirectory directory;
+    for (int number = 1; number <= 10; ++number) makeDirectories(directory.path(std::to_string(number)));
     EXPECT_IN_CHILD([&]() -> std::string {
         if (::unshare(CLONE_NEWUSER) != 0) return skip("no user namespace");
-        if (!lowerOwnLimit("max_fanotify_marks", 3) || !lowerOwnLimit("max_inotify_watches", 4))
+        // One of the inotify watches waits for the end of the file system.
+        if (!lowerOwnLimit("max_fanotify_marks", 3) || !lowerOwnLimit("max_inotify_watches", 6))
             return skip("the limits cannot be lowered");
         auto watcher = watcherWith(SourceChoice::automatic);
-        std::uint64_t number = 0;
-        Result<void> watched;
-        while (watched && number < 50) {
-            ++number;
-            makeDirectories(directory.path(std::to_string(number)));
-            watched = watchPath(*watcher, directory.path(std::to_string(number)), number);
-        }
+        const auto watch = [&](int folder, std::uint64_t number) {
+            return watchPath(*watcher, directory.path(std::to_string(folder)), number);
+        };
+        const auto toldOf = [&](int folder, const std::string& name) {
+            makeNode(directory.path(std::to_string(folder) + "/" + name));
+            return textsOf(*watcher->drain());
+        };
+        for (int folder = 1; folder <= 5; ++folder) EXPECT_TRUE(watch(folder, static_cast<std::uint64_t>(folder)));
         if (watchesOf(*watcher, "fanotify on file system") > 0) return "skip: one mark for all, which no limit counts";
-        const std::size_t marks = watchesOf(*watcher, "fanotify");
-        if (marks == 0) return "skip: no fanotify in a user namespace";
-        EXPECT_EQ(marks, 3U);
-        // One inotify watch waits for the end of the file system.
-        EXPECT_EQ(watchesOf(*watcher, "inotify"), 3U);
-        EXPECT_EQ(number, 7U);
-        EXPECT_FALSE(watched) << "no limit was reached";
-        EXPECT_TRUE(!watched && watched.error().is(ErrorDomain::posix, ENOSPC));
-        EXPECT_FALSE(watcher->isWatched(FileID{7}));
-        watcher->drain();
-        Texts expected;
-        for (std::uint64_t index = 1; index <= 7; ++index) {
-            makeNode(directory.path(std::to_string(index) + "/new"));
-            if (index < 7) expected.push_back(std::to_string(index) + "/new *");
-        }
-        EXPECT_EQ(textsOf(*watcher->drain()), expected);
-        // A directory that has its mark keeps to it, and so has one number only.
-        EXPECT_TRUE(watchPath(*watcher, directory.path("2"), 22));
-        EXPECT_TRUE(watchPath(*watcher, directory.path("5"), 55));
-        makeNode(directory.path("2/again"));
-        makeNode(directory.path("5/again"));
-        EXPECT_EQ(textsOf(*watcher->drain()), (Texts{"22/again *", "55/again *"}));
-        EXPECT_EQ(watcher->watches(), 6U);
-        // Inotify watches that were given back are there again, before a drain as well.
-        watcher->unwatch(FileID{55});
-        EXPECT_TRUE(watchPath(*watcher, directory.path("7"), 7));
-        makeNode(directory.path("7/more"));
-        EXPECT_EQ(textsOf(*watcher->drain()), Texts{"7/more *"});
-        // A mark comes back when its directory is removed.
-        ::unlink(directory.path("1/new").c_str());
+        if (watchesOf(*watcher, "fanotify") == 0) return "skip: no fanotify in a user namespace";
+        EXPECT_EQ(watchesOf(*watcher, "fanotify"), 3U);
+        EXPECT_EQ(watchesOf(*watcher, "inotify"), 2U);
+        for (int folder = 1; folder <= 5; ++folder)
+            EXPECT_EQ(toldOf(folder, "a"), Texts{std::to_string(folder) + "/a *"});
+
+        // A directory that has its mark keeps it, and one number.
+        EXPECT_TRUE(watch(2, 22));
+        EXPECT_EQ(watchesOf(*watcher, "inotify"), 2U);
+        EXPECT_EQ(toldOf(2, "b"), Texts{"22/b *"});
+        // A number that goes to a directory of another source leaves its own.
+        EXPECT_TRUE(watch(6, 3));
+        EXPECT_EQ(watchesOf(*watcher, "fanotify"), 2U);
+        EXPECT_EQ(toldOf(3, "c"), Texts());
+        EXPECT_EQ(toldOf(6, "c"), Texts{"3/c *"});
+
+        EXPECT_TRUE(watch(7, 7));
+        EXPECT_TRUE(watch(8, 8));
+        auto refused = watch(9, 9);
+        EXPECT_FALSE(refused);
+        EXPECT_TRUE(!refused && refused.error().is(ErrorDomain::posix, ENOSPC));
+        EXPECT_FALSE(watcher->isWatched(FileID{9}));
+        EXPECT_EQ(toldOf(9, "d"), Texts());
+        // A watch that was given back is there again, before a drain as well.
+        watcher->unwatch(FileID{8});
+        EXPECT_TRUE(watch(9, 9));
+        EXPECT_EQ(toldOf(9, "e"), Texts{"9/e *"});
+
+        // A mark comes back when its directory is removed. It does not go to a directory that has an inotify watch, but
+        // to one for which there is no other.
+        ::unlink(directory.path("1/a").c_str());
         ::rmdir(directory.path("1").c_str());
         EXPECT_EQ(watcher->drain()->unwatched, std::vector<FileID>{FileID{1}});
-        EXPECT_TRUE(watchPath(*watcher, directory.path("5"), 5));
-        makeNode(directory.path("5/more"));
-        EXPECT_EQ(textsOf(*watcher->drain()), Texts{"5/more *"});
+        EXPECT_TRUE(watch(5, 55));
+        EXPECT_EQ(toldOf(5, "f"), Texts{"55/f *"});
+        EXPECT_TRUE(watch(10, 10));
+        EXPECT_EQ(toldOf(10, "f"), Texts{"10/f *"});
+        EXPECT_EQ(watchesOf(*watcher, "fanotify"), 2U);
+        EXPECT_EQ(watchesOf(*watcher, "inotify"), 5U);
         return "";
     });
 }

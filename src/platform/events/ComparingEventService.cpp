@@ -21,6 +21,18 @@ ComparingEventService::~ComparingEventService() {
     hub_->close();
 }
 
+Result<void> ComparingEventService::watch(const watch::WatcherOptions& options) {
+    auto watcher = watch::makeWatcher(options);
+    if (!watcher) return failure(watcher.error());
+    hub_->watch(std::move(*watcher));
+    return {};
+}
+
+std::optional<LiveIndex::Status> ComparingEventService::liveStatus() const {
+    const LiveIndex* live = hub_->live();
+    return live != nullptr && live->isLive() ? std::optional(live->status()) : std::nullopt;
+}
+
 Result<UUID> ComparingEventService::deviceUUID(DeviceID device) {
     if (device != files::kRootsDevice) return failure(posixError(ENODEV));
     return store_.uuid();

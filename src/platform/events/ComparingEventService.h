@@ -5,8 +5,10 @@
 
 #include "platform/dispatch/ThreadPool.h"
 #include "platform/events/FileEventService.h"
+#include "platform/events/LiveIndex.h"
 #include "platform/files/Comparer.h"
 #include "platform/store/Store.h"
+#include "platform/watch/KernelWatcher.h"
 
 namespace tarnwell::events {
 
@@ -29,6 +31,12 @@ public:
     ComparingEventService(const Roots& roots, store::Store& store, files::Comparer& comparer,
                           std::shared_ptr<dispatch::ThreadPool> pool, Options options);
     ~ComparingEventService() override;
+
+    /// From now on kernel hints keep the index; to be called once, before there are streams. For programs that stay: it
+    /// begins with a look at everything below the roots. Fails where the kernel offers no source, and comparing goes on.
+    Result<void> watch(const watch::WatcherOptions& options = {});
+    /// Nothing as long as comparing is the source.
+    std::optional<LiveIndex::Status> liveStatus() const;
 
     Result<UUID> deviceUUID(DeviceID device) override;
     Result<EventID> currentEventID(const std::vector<URL>& folders, Interest interest) override;

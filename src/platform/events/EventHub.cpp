@@ -39,6 +39,11 @@ Result<EventID> EventHub::barrier(const std::optional<std::vector<URL>>& folders
     files::Detail detail = interest == Interest::departuresOnly ? files::Detail::names : files::Detail::everything;
     return withServices([&](store::Store& store, files::Comparer& comparer) -> Result<EventID> {
         std::vector<Place> places;
+        if (isLive()) {
+            // What costs next to nothing is done for everybody, so that all see one state.
+            if (auto caughtUp = live_->catchUp(); !caughtUp) return failure(caughtUp.error());
+            return store.lastEventID();
+        }
         if (interest == Interest::nothing) return store.lastEventID();
         if (folders) places = placesOf(*folders);
         // An empty list means all roots to the comparer; folders that are below no root have nothing to compare.
@@ -46,6 +51,16 @@ Result<EventID> EventHub::barrier(const std::optional<std::vector<URL>>& folders
             if (auto compared = comparer.compare(places, detail); !compared) return failure(compared.error());
         }
         return store.lastEventID();
+    });
+}
+
+void EventHub::watch(std::unique_ptr<watch::Watcher> watcher) {
+    live_ = std::make_unique<LiveIndex>(comparer_, std::move(watcher));
+    pollQueue_->async([weak = weak_from_this()] {
+        const auto hub = weak.lock();
+        if (!hub) return;
+        // A failure leaves the polling, which reports it to whoever asks.
+        (void)hub->withServices([&](store::Store&, files::Comparer&) { return hub->live_->begin(); });
     });
 }
 
@@ -93,7 +108,7 @@ void EventHub::poll() {
     };
     Wanted closely, names;
     for (const auto& stream : streams()) {
-        if (!stream->isLive()) continue;
+        if (!stream->isLive() || isLive()) continue;
         Wanted& wanted = stream->interest() == Interest::everything ? closely : names;
         if (auto its = stream->folders()) {
             wanted.folders.insert(wanted.folders.end(), its->begin(), its->end());
@@ -116,7 +131,7 @@ void EventHub::poll() {
         if (!open_) return;
     }
     std::lock_guard lock(streamsMutex_);
-    if (streams_.empty()) {
+    if (streams_.empty() || isLive()) {
         polling_ = false;
         return;
     }
@@ -124,8 +139,12 @@ void EventHub::poll() {
 }
 
 void EventHub::close() {
-    std::unique_lock lock(openMutex_);
-    open_ = false;
+    {
+        std::unique_lock lock(openMutex_);
+        open_ = false;
+    }
+    // Its thread needs no lock of the hub, and nobody else comes to it any more.
+    if (live_) live_->end();
 }
 
 }  // namespace tarnwell::events

@@ -10,6 +10,7 @@
 #include "platform/dispatch/SerialQueue.h"
 #include "platform/events/FileEventService.h"
 #include "platform/events/JournalReplay.h"
+#include "platform/events/LiveIndex.h"
 #include "platform/files/Comparer.h"
 #include "platform/store/Store.h"
 
@@ -37,6 +38,12 @@ public:
     std::vector<Place> placesOf(const std::vector<URL>& folders) const;
     JournalReplay::Scope scopeOf(const std::optional<std::vector<URL>>& folders) const;
 
+    /// From now on the kernel's hints keep the index, instead of comparing from time to time: begins soon, on a thread
+    /// of its own. Nothing where the kernel offers no source.
+    void watch(std::unique_ptr<watch::Watcher> watcher);
+    /// The source of hints, null without one. Not after `close`.
+    const LiveIndex* live() const { return live_.get(); }
+
     void join(const std::shared_ptr<JournalStream>& stream);
     void leave(const JournalStream* stream);
     /// Records were committed: live streams read on.
@@ -44,6 +51,7 @@ public:
     void close();
 
 private:
+    bool isLive() const { return live_ && live_->isLive(); }
     void schedulePoll(std::chrono::nanoseconds delay);
     void poll();
     std::vector<std::shared_ptr<JournalStream>> streams();
@@ -53,6 +61,7 @@ private:
     files::Comparer& comparer_;
     const std::chrono::milliseconds pollInterval_;
     std::shared_ptr<dispatch::SerialQueue> pollQueue_;
+    std::unique_ptr<LiveIndex> live_;  ///< set once, before streams are made
     std::shared_mutex openMutex_;
     bool open_ = true;
     std::mutex streamsMutex_;

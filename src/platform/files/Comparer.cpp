@@ -45,6 +45,50 @@ Result<void> Comparer::compareFolder(const Place& folder, const store::EntryRow&
     return run.finish();
 }
 
+void Comparer::setWatch(FolderWatch* watch) {
+    std::lock_guard running(runMutex_);
+    watch_ = watch;
+}
+
+Result<std::vector<HintedFolder>> Comparer::compareHinted(std::vector<HintedFolder> hinted) {
+    std::lock_guard running(runMutex_);
+    ComparisonRun run(*this);
+    auto left = run.compareHinted(std::move(hinted));
+    if (!left) return left;
+    if (auto finished = run.finish(); !finished) return failure(finished.error());
+    return left;
+}
+
+bool Comparer::hasUnread() {
+    std::lock_guard running(runMutex_);
+    return !unread_.empty();
+}
+
+Result<void> Comparer::purgeGone() {
+    std::lock_guard running(runMutex_);
+    store::Session session(store_);
+    if (session.index().inState(store::ObjectState::gone, 1).empty()) return session.check();
+    session.write();
+    session.index().purgeGone();
+    session.journal().trim();
+    return session.commit();
+}
+
+void Comparer::noteLeft(const store::ObjectRow& row) {
+    if (watch_ == nullptr || !row.documentID) return;
+    constexpr std::size_t kMostKept = 10'000;
+    if (left_.size() >= kMostKept) left_.clear();
+    left_.insert_or_assign({row.parent, row.name}, Left{row.fileID, *row.documentID, std::chrono::steady_clock::now()});
+}
+
+std::optional<Comparer::Left> Comparer::recentlyLeft(const NameKey& name) {
+    const auto found = left_.find(name);
+    if (found == left_.end()) return std::nullopt;
+    const Left left = found->second;
+    left_.erase(found);
+    return std::chrono::steady_clock::now() - left.when <= kSavingTime ? std::optional(left) : std::nullopt;
+}
+
 Result<store::ObjectRow> Comparer::comparedFolder(const Place& folder, const filesystem::Status& status) {
     auto row = rowByPath(folder, status);
     if (!row || !isAsListed(*row, status)) {

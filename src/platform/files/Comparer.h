@@ -1,16 +1,20 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "platform/base/Result.h"
+#include "platform/files/FolderWatch.h"
 #include "platform/files/KeptAttributes.h"
 #include "platform/filesystem/Beneath.h"
 #include "platform/filesystem/Roots.h"
@@ -55,6 +59,21 @@ public:
     /// The same for a folder whose row is at hand; nothing happens if another object stands at the place by now. With a
     /// handle (O_PATH) of the folder above it, a folder that did not change is known without walking its path.
     Result<void> compareFolder(const Place& folder, const store::EntryRow& row, int handle = -1);
+
+    /// From now on comparisons bring every folder to the watch before they look at it; null for none. Waits for a
+    /// comparison under way.
+    void setWatch(FolderWatch* watch);
+    /// Looks at what a watch was told of, and at everything in folders that are not watched yet. Returns the folders
+    /// that were not where they are known to be: they moved, and the hint of that is still to come, or never will.
+    /// What was replaced under its name up to kSavingTime ago keeps its document ID at the name.
+    Result<std::vector<HintedFolder>> compareHinted(std::vector<HintedFolder> hinted);
+    /// True when `compareHinted` has something to look at without any hint.
+    bool hasUnread();
+    /// Forgets for good the objects that are gone. To be called when no hint of the last kSavingTime is left to look
+    /// at.
+    Result<void> purgeGone();
+    /// How long a program may take between putting the old version of a document away and the new one in its place.
+    static constexpr std::chrono::seconds kSavingTime{5};
 
     /// The row of a folder by the status that it was found with at its place. Its names were compared where they
     /// changed, and so was everything where a file that has a further name in it may have lost the one it is shown
@@ -101,6 +120,15 @@ private:
     Result<void> meetFileSystem(const Place& place, const filesystem::Status& status);
     Result<store::ObjectRow> rowByPath(const Place& place, const filesystem::Status& status);
     std::optional<Place> rootPlaceOf(const std::string& name, const store::ObjectIdentity& identity) const;
+    /// A document that left a name a short time ago.
+    struct Left {
+        FileID object{};
+        DocumentID documentID{};
+        std::chrono::steady_clock::time_point when;
+    };
+    using NameKey = std::pair<std::uint64_t, std::string>;  ///< folder, name
+    void noteLeft(const store::ObjectRow& row);
+    std::optional<Left> recentlyLeft(const NameKey& name);
     bool leadsTo(store::Session& session, const store::EntryRow& row, const Place& place) const;
 
     const Roots& roots_;
@@ -110,6 +138,11 @@ private:
     std::mutex runMutex_;  ///< held by the comparison under way
     /// Missing objects may wait to be settled: an earlier program may have been cut off. Under runMutex_.
     bool unsettled_ = true;
+    FolderWatch* watch_ = nullptr;     ///< under runMutex_
+    /// Under runMutex_: folders of whose contents no hint will tell, to be read with all below them: such as were given
+    /// up when the folder became hidden or went, or were there before it was watched.
+    std::set<FileID> unread_;
+    std::map<NameKey, Left> left_;     ///< under runMutex_; not older than kSavingTime when it is asked
     std::mutex fileSystemsMutex_;
     std::unordered_map<std::uint64_t, FileSystemEntry> fileSystems_;  ///< by device number
     std::atomic<std::uint64_t> objectsSeen_{0};

@@ -57,13 +57,15 @@ void ComparisonRun::difference(Folder& folder, const Reading& reading) {
             if (target && target->identity == entry.identity && target->state == ObjectState::live) {
                 linkSeen[i] = true;
                 isKnownLink = true;
+                noteIfChanged(*target, entry.status);
             }
         }
         if (!isKnownLink) unknown.emplace_back(&entry, row);
     }
     for (std::size_t i = 0; i < links.size(); ++i) {
-        if (linkSeen[i]) continue;
+        if (linkSeen[i] || !reading.covers(links[i].name)) continue;
         write();
+        noteOtherName(links[i]);
         session().index().removeLink(links[i]);
     }
     for (std::size_t i = 0; i < folder.known.size(); ++i) {
@@ -79,6 +81,15 @@ void ComparisonRun::difference(Folder& folder, const Reading& reading) {
         placeUnknown(folder, *entry, displaced, reading);
         folder.changed = true;
     }
+}
+
+/// A hint under a name that a file no longer has may have been of the file.
+void ComparisonRun::noteOtherName(const store::LinkRow& link) {
+    if (!isHinted_) return;
+    auto row = session().index().byFileID(link.fileID);
+    if (!row || row->state != ObjectState::live) return;
+    const auto status = statusAtPlaceOf(*row);
+    if (status && comparer_.isObject(*row, *status)) noteIfChanged(*row, *status);
 }
 
 std::optional<filesystem::Status> ComparisonRun::statusAtPlaceOf(const ObjectRow& row) {
@@ -103,11 +114,13 @@ void ComparisonRun::placeUnknown(Folder& folder, const DiskEntry& entry, ObjectR
         noteKept(*row);
         return;
     }
+    auto left = displaced == nullptr ? recentlyLeft(folder, entry) : std::nullopt;
+    if (left && left->fileID != row->fileID) displaced = &*left;
     bool displacedDocument = displaced != nullptr && displaced->isDocument() && displaced->documentID.has_value();
     // What stands now where the object was known to be?
     std::optional<std::pair<std::uint64_t, std::int64_t>> there;
     if (row->state != ObjectState::gone) {
-        if (row->parent == raw(folder.row.fileID)) {
+        if (row->parent == raw(folder.row.fileID) && reading.covers(row->name)) {
             if (const DiskEntry* other = reading.find(row->name)) there = {other->status.inode, other->status.birth};
         } else {
             ObjectRow asLive = *row;
@@ -122,7 +135,7 @@ void ComparisonRun::placeUnknown(Folder& folder, const DiskEntry& entry, ObjectR
         }
         return;
     }
-    if (there && displacedDocument && row->isDocument() && row->documentID &&
+    if (there && displacedDocument && !left && row->isDocument() && row->documentID &&
         there->first == displaced->identity.inode && there->second == displaced->identity.birth &&
         exchange(folder, entry, *displaced, *row)) {
         return;
@@ -130,6 +143,8 @@ void ComparisonRun::placeUnknown(Folder& folder, const DiskEntry& entry, ObjectR
     Takeover takeover;
     if (displacedDocument) {
         takeover.displaced = displaced->fileID;
+        takeover.documentID = displaced->documentID;
+        takeover.isRecent = isLive();
         takeover.successorsOldFolder = row->visible && row->state != ObjectState::gone ? row->parent : 0;
         takeover.successorsOldPath = pathOf(*row);
     }
@@ -178,7 +193,18 @@ bool ComparisonRun::exchange(Folder& folder, const DiskEntry& entry, ObjectRow& 
     return true;
 }
 
+/// The document that left this name a short time ago, in a comparison that went before.
+std::optional<ObjectRow> ComparisonRun::recentlyLeft(const Folder& folder, const DiskEntry& entry) {
+    if (!isLive()) return std::nullopt;
+    const auto left = comparer_.recentlyLeft({raw(folder.row.fileID), entry.name});
+    if (!left) return std::nullopt;
+    auto row = session().index().byFileID(left->object);
+    return row && row->documentID == left->documentID ? row : std::nullopt;
+}
+
 void ComparisonRun::addNew(Folder& folder, const DiskEntry& entry, ObjectRow* displaced) {
+    auto left = displaced == nullptr ? recentlyLeft(folder, entry) : std::nullopt;
+    if (left) displaced = &*left;
     ObjectRow row;
     row.identity = entry.identity;
     row.parent = raw(folder.row.fileID);
@@ -195,7 +221,7 @@ void ComparisonRun::addNew(Folder& folder, const DiskEntry& entry, ObjectRow* di
         session().journal().recordChange(row, store::kChangeCreated);
     }
     insertWithKept(folder, row, entry.status);
-    if (takesOver) takeovers_.push_back({displaced->fileID, row.fileID, 0, ""});
+    if (takesOver) takeovers_.push_back({displaced->fileID, displaced->documentID, row.fileID, 0, "", isLive()});
 }
 
 /// Brings a known object to the folder: renamed in it, moved into it, or back after it was gone.
@@ -204,6 +230,7 @@ void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& en
     bool toldOf = old.visible && old.state != ObjectState::gone;
     std::string oldPath = toldOf ? pathOf(old) : std::string();
     bool sameFolder = old.parent == raw(folder.row.fileID);
+    if (toldOf && (!sameFolder || old.name != entry.name)) comparer_.noteLeft(old);
 
     row.parent = raw(folder.row.fileID);
     row.name = entry.name;
@@ -223,6 +250,7 @@ void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& en
             if (child.visible) leave(child, oldPath + "/" + child.name, Leaving::hidden);
         }
         row.listed = 0;
+        if (comparer_.watch_ != nullptr) comparer_.unread_.insert(row.fileID);
     }
     // What becomes visible came in: before that no listing counted it.
     const bool cameIn = !sameFolder || old.state == ObjectState::gone || (row.visible && !old.visible);
@@ -241,7 +269,10 @@ void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& en
         }
         session().journal().recordChange(row, toldOf ? store::kChangeRenamed : store::kChangeCreated);
     }
-    if (row.isDirectory() && old.state == ObjectState::gone) row.listed = 0;
+    if (row.isDirectory() && old.state == ObjectState::gone) {
+        row.listed = 0;
+        if (comparer_.watch_ != nullptr) comparer_.unread_.insert(row.fileID);
+    }
     session().index().update(row);
     noteKept(row);
     if (showsContents && !showedContents && old.state != ObjectState::gone) {

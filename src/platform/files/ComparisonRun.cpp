@@ -258,6 +258,15 @@ Result<bool> ComparisonRun::processFolder(const Job& job, Detail detail, std::ve
     if (!row || row->identity.inode != status->inode || row->identity.birth != status->birth) return leaveOut();
     // The folder itself was removed while it is held open: that says nothing of what it held elsewhere.
     if (status->links == 0) return leaveOut();
+    if (comparer_.watch_ != nullptr && !comparer_.watch_->isWatched(job.folder)) {
+        auto handle = openHandle(job);
+        status = handle ? filesystem::statusOf(handle->get()) : Result<filesystem::Status>(failure(handle.error()));
+        if (!status || row->identity.inode != status->inode || row->identity.birth != status->birth) return leaveOut();
+        comparer_.watch_->watch(handle->get(), job.folder);
+        // What is trusted of it must be newer than the watch.
+        status = filesystem::statusOf(handle->get());
+        if (!status) return leaveOut();
+    }
 
     bool listedIsTrue = row->listed != 0 && row->listed == status->changed;
     if (listedIsTrue && detail == Detail::names) {
@@ -290,6 +299,7 @@ Result<bool> ComparisonRun::processFolder(const Job& job, Detail detail, std::ve
     folder.descriptor = descriptor->get();
     folder.began = reading->began;
     difference(folder, *reading);
+    comparer_.unread_.erase(job.folder);
     lookAtKept(descriptor->get());
 
     std::int64_t listed = reading->settled ? opened->changed : 0;
@@ -306,9 +316,19 @@ Result<bool> ComparisonRun::processFolder(const Job& job, Detail detail, std::ve
         session().index().setListed(job.folder, listed, entries);
     }
     if (folder.changed) notePackageChange(job);
+    noteUnwatched(job, jobs);
     pushFolders(job, jobs);
     if (auto checked = session().check(); !checked) return failure(checked.error());
     return true;
+}
+
+/// A folder that this run does not go on to, and nobody watches, is left to the next that looks at hints: what happened
+/// in it before it was watched is hinted at by nothing.
+void ComparisonRun::noteUnwatched(const Job& job, const std::vector<Job>* jobs) {
+    if (jobs != nullptr || comparer_.watch_ == nullptr) return;
+    for (const EntryRow& row : session().index().folders(job.folder)) {
+        if (!isWatched(row.fileID)) comparer_.unread_.insert(row.fileID);
+    }
 }
 
 Result<Comparer::FileSystemEntry> ComparisonRun::fileSystemFor(std::uint64_t device, int descriptor) {
@@ -406,6 +426,12 @@ void ComparisonRun::notePackageChange(const Job& job) {
     write();
     session().journal().recordChange(*package, store::kChangeModified);
     session().index().update(*package);
+}
+
+void ComparisonRun::noteIfChanged(ObjectRow& row, const filesystem::Status& status) {
+    if (row.changed == status.changed && row.modified == status.modified && row.size == status.size) return;
+    write();
+    noteAttributes(row, status);
 }
 
 void ComparisonRun::noteAttributes(ObjectRow& row, const filesystem::Status& status) {

@@ -14,7 +14,8 @@ namespace tarnwell::files {
 
 /// One comparison from its start to its end. Used by Comparer only, under its run mutex. Its parts: which folders are
 /// read (ComparisonRun.cpp), which object is which in one of them (ComparisonDifference.cpp), what became of those that
-/// were missing (ComparisonSettling.cpp), what documents carry (ComparisonKept.cpp).
+/// were missing (ComparisonSettling.cpp), what documents carry (ComparisonKept.cpp), what a watch was told of
+/// (ComparisonHinted.cpp).
 class ComparisonRun {
 public:
     explicit ComparisonRun(Comparer& comparer) : comparer_(comparer) {}
@@ -24,6 +25,7 @@ public:
     Result<void> compareOne(const Place& folder);
     /// `handle` as for Comparer::compareFolder.
     Result<void> compareKnownFolder(const Place& folder, const store::EntryRow& row, int handle);
+    Result<std::vector<HintedFolder>> compareHinted(std::vector<HintedFolder> hinted);
     /// Settles what was missing. Call once, after the folders.
     Result<void> finish();
 
@@ -55,17 +57,21 @@ private:
     };
     struct Reading {
         const DiskEntry* find(const std::string& name) const;
+        bool covers(const std::string& name) const { return names == nullptr || names->contains(name); }
         std::vector<DiskEntry> entries;
         mutable std::unordered_map<std::string_view, const DiskEntry*> byName;  ///< made when first asked
         bool settled = false;    ///< the folder's change time vouches for the entries
         std::int64_t began = 0;  ///< stampingClock
+        const std::map<std::string, bool>* names = nullptr;  ///< where only these were looked at
     };
     /// A document that was replaced under its name, and the object that has the name now.
     struct Takeover {
         FileID displaced{};
+        std::optional<DocumentID> documentID = {};  ///< what the displaced one had
         FileID successor{};
         std::uint64_t successorsOldFolder = 0;  ///< where the successor was known before; 0 for a new object
         std::string successorsOldPath;
+        bool isRecent = false;  ///< the name was left a short time ago
     };
     /// A document whose kept attributes are to be read.
     struct KeptLook {
@@ -90,6 +96,15 @@ private:
     Result<store::ObjectRow> rootRow(const std::shared_ptr<const Root>& root);
     Result<void> drain(std::vector<Job> jobs, Detail detail, bool below);
     Result<bool> processFolder(const Job& job, Detail detail, std::vector<Job>* jobs);
+    enum class HintOutcome { done, stale };
+    Result<HintOutcome> compareHintedFolder(const HintedFolder& hinted);
+    Result<HintOutcome> compareHintedNames(const Job& job, const store::ObjectRow& row, const HintedFolder& hinted);
+    Result<HintOutcome> compareHintedWhole(const Job& job);
+    void noteUnwatched(const Job& job, const std::vector<Job>* jobs);
+    bool isToBeRead(const store::EntryRow& folder) const;
+    void noteOtherName(const store::LinkRow& link);
+    bool isLive() const { return comparer_.watch_ != nullptr && comparer_.watch_->isLive(); }
+    bool isWatched(FileID folder) const { return comparer_.watch_ != nullptr && comparer_.watch_->isWatched(folder); }
     int parentHandleOf(const Job& job) const;
     Result<filesystem::Status> statusOf(const Job& job) const;
     Result<Descriptor> openHandle(const Job& job) const;
@@ -101,6 +116,8 @@ private:
     void placeUnknown(Folder& folder, const DiskEntry& entry, store::ObjectRow* displaced, const Reading& reading);
     bool exchange(Folder& folder, const DiskEntry& entry, store::ObjectRow& displaced, store::ObjectRow& moved);
     void notePackageChange(const Job& job);
+    std::optional<store::ObjectRow> recentlyLeft(const Folder& folder, const DiskEntry& entry);
+    void noteIfChanged(store::ObjectRow& row, const filesystem::Status& status);
     void noteAttributes(store::ObjectRow& row, const filesystem::Status& status);
     void insertWithKept(const Folder& folder, store::ObjectRow& row, const filesystem::Status& status);
     void noteKept(const store::ObjectRow& row);
@@ -138,6 +155,7 @@ private:
     Handles handles_;
     bool complete_ = true;      ///< nothing was left out so far
     bool coversRoots_ = false;  ///< every root was compared with all below it
+    bool isHinted_ = false;     ///< the folders are watched, and what is not hinted at is as it was
 };
 
 }  // namespace tarnwell::files

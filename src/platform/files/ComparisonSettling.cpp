@@ -15,7 +15,8 @@ using store::ObjectState;
 // The end of a run: documents that were replaced under their names, and objects that were found nowhere.
 
 Result<void> ComparisonRun::finish() {
-    if (!takeovers_.empty() && !coversRoots_) {
+    const bool isAllKnown = coversRoots_ || (isHinted_ && comparer_.watch_ != nullptr && comparer_.watch_->isComplete());
+    if (!takeovers_.empty() && !isAllKnown) {
         // Whether a replaced document is gone or lives elsewhere is known only when every folder was looked at.
         bool wasMissing = false;
         for (const Takeover& takeover : takeovers_) {
@@ -64,8 +65,12 @@ void ComparisonRun::settleTakeover(const Takeover& takeover) {
     auto displaced = session().index().byFileID(takeover.displaced);
     auto successor = session().index().byFileID(takeover.successor);
     if (!successor || successor->state != ObjectState::live) return;
-    bool replaced = displaced && displaced->documentID && successor->isDocument() &&
+    // In a ring of documents that changed places one has its predecessor's by now.
+    bool replaced = displaced && displaced->documentID && displaced->documentID == takeover.documentID &&
+                    successor->isDocument() &&
                     (displaced->state == ObjectState::missing ||
+                     // What clients see keeps its ID rather than give it to what they do not.
+                     (takeover.isRecent && (successor->visible || !displaced->visible)) ||
                      (displaced->state == ObjectState::live && displaced->parent == successor->parent &&
                       isBackupName(successor->name, displaced->name)));
     if (!replaced || promotable(*displaced)) {
@@ -201,6 +206,10 @@ void ComparisonRun::leave(ObjectRow row, const std::string& path, Leaving leavin
         if (leaving == Leaving::gone && promoteLink(step.row)) continue;
         if (step.row.visible) {
             session().journal().recordDeparture(step.row.fileID, step.row.documentID, step.row.parent, step.path);
+            comparer_.noteLeft(step.row);
+        }
+        if (leaving == Leaving::gone && step.row.isDirectory() && comparer_.watch_ != nullptr) {
+            comparer_.watch_->forget(step.row.fileID);
         }
         // Hidden, a file is found where it stands when its folder is read again; if it is not, another name that it has
         // may be the one to show it under.

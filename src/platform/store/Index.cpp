@@ -24,6 +24,8 @@ Index::Index(Database& database, Numbers& numbers)
                           " FROM object WHERE parent = ? AND position > ? AND state = 0 ORDER BY position LIMIT ?"),
       allChildren_(database, "SELECT " TARNWELL_ROW_COLUMNS
                              " FROM object WHERE parent = ? AND position > ? AND state < 2 ORDER BY position LIMIT ?"),
+      childNamed_(database, "SELECT " TARNWELL_ROW_COLUMNS
+                            " FROM object WHERE parent = ? AND name = ? AND state < 2 ORDER BY state LIMIT 1"),
       folders_(database, "SELECT " TARNWELL_ENTRY_COLUMNS
                          " FROM object WHERE parent = ? AND kind & 15 = 1 AND state = 0 ORDER BY position"),
       positions_(database,
@@ -141,6 +143,12 @@ std::vector<ObjectRow> Index::allChildren(FileID folder, std::uint64_t afterPosi
     s->bind(1, raw(folder)).bind(2, afterPosition).bind(3, limit);
     while (s->step()) rows.push_back(rowFrom(allChildren_));
     return rows;
+}
+
+std::optional<ObjectRow> Index::childNamed(FileID folder, std::string_view name) {
+    StatementScope s(childNamed_);
+    s->bind(1, raw(folder)).bindBytes(2, name);
+    return s->step() ? std::optional(rowFrom(childNamed_)) : std::nullopt;
 }
 
 std::vector<EntryRow> Index::folders(FileID folder) {

@@ -118,6 +118,8 @@ public:
     /// Live and missing children with every field, in the order in which they came, for comparing a folder.
     std::vector<ObjectRow> allChildren(FileID folder, std::uint64_t afterPosition = 0,
                                        std::size_t limit = kMostChildren);
+    /// The live or missing child of that name; of both the live one.
+    std::optional<ObjectRow> childNamed(FileID folder, std::string_view name);
     /// Live children that are folders, in the order in which they came.
     std::vector<EntryRow> folders(FileID folder);
     /// Passes over `count` visible-by-name live children after a position; returns how many there were and the position
@@ -160,7 +162,7 @@ private:
     Database& database_;
     Numbers& numbers_;
     std::unordered_map<std::uint64_t, FolderNode> folderNodes_;
-    Statement byFileID_, byIdentity_, byDocument_, children_, allChildren_, folders_, positions_, insert_, update_,
+    Statement byFileID_, byIdentity_, byDocument_, children_, allChildren_, childNamed_, folders_, positions_, insert_, update_,
         setListed_, setBare_, setState_, issued_, linksIn_, linksOf_;
 };
 

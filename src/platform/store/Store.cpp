@@ -32,6 +32,7 @@ CREATE UNIQUE INDEX object_file ON object(fileID);
 CREATE UNIQUE INDEX object_identity ON object(inode, birth, fs);
 CREATE UNIQUE INDEX object_document ON object(docID) WHERE docID IS NOT NULL;
 CREATE INDEX object_order ON object(parent);
+CREATE INDEX object_name ON object(parent, name);
 CREATE INDEX object_folders ON object(parent) WHERE kind & 15 = 1;
 CREATE INDEX object_event ON object(event) WHERE event > 0;
 CREATE INDEX object_state ON object(state) WHERE state > 0;

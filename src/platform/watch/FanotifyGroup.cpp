@@ -43,7 +43,6 @@ bool FanotifyGroup::isWatched(const FileHandle& handle) const {
 
 void FanotifyGroup::put(const FileHandle& handle, FileID number, Standing standing) {
     if (auto before = entries_.find(handle.bytes()); before != entries_.end()) erase(before);
-    remove(number);
     auto entry = entries_.emplace(handle.bytes(), Entry{number, standing}).first;
     numbers_[number] = &*entry;
     if (standing == Standing::watched) ++watches_;

@@ -30,7 +30,8 @@ public:
         /// the directory's handle.
         refused,
     };
-    /// Gives the handle that number, which both leave what they stood for.
+    /// Gives the handle that number, which stands for nothing yet; another number of the handle stands for nothing
+    /// then.
     void put(const FileHandle& handle, FileID number, Standing standing);
     void remove(FileID number);
     std::vector<FileID> numbers() const;  ///< of the watched ones

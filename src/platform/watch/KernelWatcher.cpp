@@ -34,15 +34,15 @@ struct FileSystem {
 enum class Kind : std::uint8_t { marks, whole, inotify };
 
 /// Chooses a source for each directory. Directory marks come first: they tell of our directories only, name them in a
-/// way that no later directory can be taken for, merge events of one name, and have the higher limits (the kernel
-/// grants ten times as many marks as it grants inotify watches on small machines). Where they are used up, one mark for
-/// the file system has no such limit, for those who may set it; it is not the first choice, since it makes us read the
-/// events of every program on that file system. Inotify works on nearly everything, so it takes what fanotify refuses:
-/// file systems without an identity or lasting handles (overlays, FUSE, network), and kernels that keep fanotify to the
-/// privileged.
+/// way that no later directory can be taken for, and merge events of one name in the kernel. Where they are used up,
+/// one mark for the file system has no such limit, for those who may set it; it is not the first choice, since it makes
+/// us read the events of every program on that file system. Inotify works on nearly everything, so it takes what
+/// fanotify refuses: file systems without an identity or lasting handles (overlays, FUSE, network), and kernels that
+/// keep fanotify to the privileged.
 ///
-/// A directory is watched in one source only: once marks were used up, new directories go elsewhere first, and marks
-/// get what the others have no room for, which therefore none of them holds.
+/// A directory is watched in one source only. Once marks were used up, a directory that has none goes to the other
+/// sources first and gets a mark only when they have no room; as a directory that one of them holds needs no room
+/// there, this one is held by none.
 class KernelWatcher : public Watcher {
 public:
     KernelWatcher(const WatcherOptions& options, Descriptor readiness)

@@ -1,0 +1,160 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <deque>
+#include <filesystem>
+
+#include "hostframework/ItemIdentifier.h"
+#include "testing/RandomChanges.h"
+#include "tests/mirror/Client.h"
+#include "tests/mirror/Truth.h"
+
+namespace tarnwell::mirror {
+namespace {
+
+/// What the random run found once, as short as it could be made: clients that begin, changes, and all clients equal to
+/// the disk.
+class Scripts : public ::testing::Test {
+protected:
+    std::string path(const std::string& relative) const { return device_.path(relative); }
+    void makeFolder(const std::string& relative) const { ASSERT_EQ(::mkdir(path(relative).c_str(), 0755), 0); }
+    void write(const std::string& relative, const std::string& content = "x") const {
+        testing::writeFile(path(relative), content);
+    }
+    void move(const std::string& from, const std::string& to) const {
+        ASSERT_EQ(::rename(path(from).c_str(), path(to).c_str()), 0) << from << " " << to;
+    }
+    void exchange(const std::string& a, const std::string& b) const {
+        ASSERT_EQ(::renameat2(AT_FDCWD, path(a).c_str(), AT_FDCWD, path(b).c_str(), RENAME_EXCHANGE), 0)
+            << a << " " << b;
+    }
+    void link(const std::string& from, const std::string& to) const {
+        ASSERT_EQ(::link(path(from).c_str(), path(to).c_str()), 0) << from << " " << to;
+    }
+    void remove(const std::string& relative) const { std::filesystem::remove_all(path(relative)); }
+    std::string identifierOf(const std::string& relative) { return device_.ask({"identify", path(relative)}).at(1); }
+
+    void begin() {
+        begin(hostframework::kWorkingSetContainer);
+        begin(hostframework::kRootContainer);
+    }
+    Client& begin(const std::string& container) {
+        Client& client = clients_.emplace_back(container);
+        EXPECT_EQ(client.begin(device_), Client::Outcome::caughtUp) << client.problem();
+        return client;
+    }
+    void catchUp(Client& client) {
+        for (auto outcome = Client::Outcome::more; outcome != Client::Outcome::caughtUp;) {
+            outcome = client.step(device_);
+            ASSERT_TRUE(outcome == Client::Outcome::more || outcome == Client::Outcome::caughtUp) << client.problem();
+            for (const Report& report : client.told()) told_.push_back(describe(report));
+        }
+    }
+    /// Lets everybody catch up, and compares.
+    void expectEqual() {
+        for (Client& client : clients_) {
+            told_.clear();
+            catchUp(client);
+            toldOf_[client.container()] = told_;
+        }
+        const auto truth = readTruth(device_);
+        ASSERT_TRUE(truth);
+        for (const Client& client : clients_) {
+            const bool isFolder = client.container().starts_with("fid=");
+            const auto folder = isFolder ? folderOf(*truth, client.container()) : std::nullopt;
+            ASSERT_EQ(isFolder, folder.has_value());
+            EXPECT_EQ(compare(client.mirror(), *truth, folder), Problems{})
+                << client.container() << " was told: " << ::testing::PrintToString(toldOf_[client.container()]);
+        }
+    }
+
+    HostedDevice device_;
+    std::deque<Client> clients_;
+    std::vector<std::string> told_;
+    std::map<std::string, std::vector<std::string>> toldOf_;
+};
+
+TEST_F(Scripts, PackagesAreKnownToTheHost) {
+    if (!device_.packageSuffix()) GTEST_SKIP() << "this machine cannot declare package types";
+    makeFolder("Documents/a" + *device_.packageSuffix());
+    EXPECT_TRUE(identifierOf("Documents/a" + *device_.packageSuffix()).starts_with("did="));
+}
+
+TEST_F(Scripts, AFolderBecomesAPackageAndAFolderAgain) {
+    if (!device_.packageSuffix()) GTEST_SKIP() << "this machine cannot declare package types";
+    const std::string package = "Documents/a" + *device_.packageSuffix();
+    makeFolder("Documents/a");
+    write("Documents/a/file");
+    begin();
+    move("Documents/a", package);
+    expectEqual();
+    move(package, "Documents/a");
+    expectEqual();
+}
+
+TEST_F(Scripts, AnotherFolderTakesTheNameOfAFollowedOne) {
+    makeFolder("Documents/a");
+    write("Documents/a/file");
+    begin(identifierOf("Documents/a"));
+    expectEqual();
+    move("Documents/a", "Documents/b");
+    makeFolder("Documents/a");
+    write("Documents/a/other");
+    write("Documents/b/more");
+    expectEqual();
+}
+
+TEST_F(Scripts, AFolderLeavesOneThatGoesAndChangesAfterwards) {
+    makeFolder("Documents/a");
+    makeFolder("Documents/a/b");
+    write("Documents/a/b/file");
+    begin();
+    move("Documents/a/b", "Documents/b");
+    remove("Documents/a");
+    expectEqual();
+}
+
+TEST_F(Scripts, AFileAndAPackageChangePlaces) {
+    if (!device_.packageSuffix()) GTEST_SKIP() << "this machine cannot declare package types";
+    const std::string package = "Documents/a" + *device_.packageSuffix();
+    makeFolder(package);
+    write(package + "/inside");
+    write("Documents/file");
+    begin();
+    exchange(package, "Documents/file");
+    expectEqual();
+}
+
+TEST_F(Scripts, ADocumentThatWentIntoAPackageIsReplacedThere) {
+    if (!device_.packageSuffix()) GTEST_SKIP() << "this machine cannot declare package types";
+    const std::string package = "Documents/a" + *device_.packageSuffix();
+    makeFolder(package);
+    write("Documents/file");
+    begin();
+    move("Documents/file", package + "/file");
+    expectEqual();
+    move(package + "/file", package + "/file~");
+    write(package + "/file", "new");
+    expectEqual();
+}
+
+TEST_F(Scripts, AFolderLeavesOneThatGoesAndIsTouchedAfterwards) {
+    makeFolder("Documents/a");
+    makeFolder("Documents/a/b");
+    write("Documents/a/b/file");
+    begin();
+    Client late(hostframework::kRootContainer);
+    ASSERT_EQ(late.begin(device_), Client::Outcome::caughtUp);
+    move("Documents/a/b", "Documents/b");
+    remove("Documents/a");
+    expectEqual();
+    write("Documents/b/other");
+    clients_.push_back(late);
+    expectEqual();
+}
+
+}  // namespace
+}  // namespace tarnwell::mirror
