@@ -91,19 +91,44 @@ ClassifiedEvent FSEventClassifier::classifyPath(const events::FileEvent& event, 
         return {Kind::dropped, url, nullptr};
     }
     if (!passes(url)) return {Kind::dropped, url, nullptr};
+    const bool tellsOfRemoval = (event.flags & events::kEventItemRemoved) != 0;
     if (isGone) {
+        // Not a removal: its folder may have moved on, and nothing else will tell of the object.
+        if (!tellsOfRemoval) {
+            if (auto elsewhere = classifyElsewhere(event, path)) return std::move(*elsewhere);
+        }
         rememberIdentifier(url, event);
         return deletion(url);
     }
     auto item = itemAt(url);
     if (item && isNamedBy(*item, event)) return {Kind::changed, url, std::move(item)};
-    if (named && (event.flags & events::kEventItemRemoved) != 0) {
+    if (named && tellsOfRemoval) {
         // Another object has the name of the one that went. What is remembered of that one is no business of this URL.
         URL placeOfTheOther = URL::file(path);
         rememberIdentifier(placeOfTheOther, event);
         return deletion(std::move(placeOfTheOther));
     }
+    if (named) {
+        if (auto elsewhere = classifyElsewhere(event, path)) return std::move(*elsewhere);
+    }
     return item ? dropMismatch(url, item->itemIdentifier(), *named) : ClassifiedEvent{Kind::dropped, url, nullptr};
+}
+
+/// The object that the identifier names, if it stands at another place below the monitored folders.
+std::optional<ClassifiedEvent> FSEventClassifier::classifyElsewhere(const events::FileEvent& event,
+                                                                    const std::string& path) const {
+    // Asked without a word in the log: that the object is nowhere is as good an answer.
+    const items::Environment& items = environment_.items;
+    const auto device = TWPFileObjectIdentifier(items).deviceID(items.providerManager.documentStorageURL());
+    if (!device) return std::nullopt;
+    const auto fileID = event.documentID ? items.generationStore.fileIDForDocumentID(*event.documentID, *device)
+                                         : Result<FileID>(*event.fileID);
+    if (!fileID) return std::nullopt;
+    auto url = items.files.pathOfFileID(*fileID, *device);
+    if (!url || url->path() == path || isHiddenBelowRoot(url->path()) || !isMonitored(*url)) return std::nullopt;
+    auto item = itemAt(*url);
+    if (!item || !isNamedBy(*item, event)) return std::nullopt;
+    return ClassifiedEvent{Kind::changed, std::move(*url), std::move(item)};
 }
 
 ClassifiedEvent FSEventClassifier::classifyDocumentIDChange(const std::string& path) const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -26,6 +27,7 @@ public:
     ClassifiedEvent classifyDocumentIDChange(const std::string& path) const;
 
 private:
+    std::optional<ClassifiedEvent> classifyElsewhere(const events::FileEvent& event, const std::string& path) const;
     bool passes(const URL& url) const;
     bool isMonitored(const URL& url) const;
     std::shared_ptr<items::LocalItem> itemAt(const URL& url) const;

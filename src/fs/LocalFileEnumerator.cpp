@@ -8,6 +8,7 @@
 #include "hostframework/HostError.h"
 #include "items/LocalItem.h"
 #include "items/TWPFileObjectIdentifier.h"
+#include "items/TarnwellError.h"
 #include "platform/mime/TypeDatabase.h"
 
 namespace tarnwell::fs {
@@ -124,6 +125,16 @@ void LocalFileEnumerator::enumerateChangesForObserver(const std::shared_ptr<host
     startEnumeratingChanges(observer, *token);
 }
 
+/// A folder that moved on may have left its path to another one, of which this container's host is not to be told.
+Result<void> LocalFileEnumerator::checkContainer() const {
+    if (!container_.starts_with("fid=")) return {};
+    const auto identifier = items::TWPFileObjectIdentifier(environment_.items).itemIdentifier(
+        URL::file(urls_.front().path()));
+    if (identifier == container_) return {};
+    environment_.items.log.debug([&] { return "container " + container_ + " is not at " + urls_.front().path(); });
+    return failure(items::makeError(items::DeviceUUIDError::unableToGetDeviceUUID));
+}
+
 void LocalFileEnumerator::startEnumeratingChanges(const std::shared_ptr<hostframework::ChangeObserver>& observer,
                                                   const ChangeToken& token) {
     const auto uuid = volumeUUID();
@@ -131,6 +142,9 @@ void LocalFileEnumerator::startEnumeratingChanges(const std::shared_ptr<hostfram
     if (token.deviceUUID != *uuid) {
         environment_.items.log.debug("device UUID changed (" + token.deviceUUID.text() + " -> " + uuid->text() + ")");
         return observer->finishEnumeratingWithError(syncAnchorExpired());
+    }
+    if (const auto replaced = checkContainer(); !replaced) {
+        return observer->finishEnumeratingWithError(replaced.error());
     }
     const auto context = std::make_shared<LocalChangesObserverContext>(environment_, observer, shared_from_this(),
                                                                        shouldUpdateFileIDInGenstore_);

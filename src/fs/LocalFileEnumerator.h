@@ -71,6 +71,7 @@ private:
 
     LocalFileEnumerator(const FSEnvironment& environment, std::string container, std::vector<URL> urls);
     Result<UUID> volumeUUID() const;
+    Result<void> checkContainer() const;
     void startEnumeratingChanges(const std::shared_ptr<hostframework::ChangeObserver>& observer,
                                  const ChangeToken& token);
     void gather(hostframework::EnumerationObserver& observer, const std::optional<ChangeToken>& token) const;

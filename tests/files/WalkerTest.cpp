@@ -66,6 +66,18 @@ TEST(Walker, AnEntryThatBecomesVisibleGoesLast) {
     EXPECT_EQ((std::vector<std::string>{"one", "two", "later"}), names(device, "", kFlat));
 }
 
+TEST(Walker, ShowsAFileUnderANameThatIsSeen) {
+    TestDevice device;
+    testing::makeDirectories(device.path("folder"));
+    writeFile(device.path(".hidden"), "");
+    device.settle();
+    EXPECT_EQ((std::vector<std::string>{"folder"}), names(device, "", kSkipHiddenFiles));
+    ASSERT_EQ(0, link(device.path(".hidden").c_str(), device.path("folder/seen").c_str()));
+    EXPECT_EQ((std::vector<std::string>{"folder", "folder/seen"}), names(device, "", kSkipHiddenFiles));
+    ASSERT_EQ(0, unlink(device.path("folder/seen").c_str()));
+    EXPECT_EQ((std::vector<std::string>{"folder"}), names(device, "", kSkipHiddenFiles));
+}
+
 TEST(Walker, ShowsAFileUnderItsOtherNameOnceTheOneItHadIsGone) {
     TestDevice device;
     testing::makeDirectories(device.path(".hidden"));
@@ -78,7 +90,7 @@ TEST(Walker, ShowsAFileUnderItsOtherNameOnceTheOneItHadIsGone) {
     }
     // The folder itself stays as it is, so that only the look at the other name tells.
     const unsigned below = kSkipHiddenFiles | kSkipPackageDescendants;
-    EXPECT_EQ((std::vector<std::string>{"sub"}), names(device, "folder", below));
+    EXPECT_EQ((std::vector<std::string>{"sub", "second"}), names(device, "folder", below));
     ASSERT_EQ(0, unlink(device.path(".hidden/first").c_str()));
     EXPECT_EQ((std::vector<std::string>{"sub", "second"}), names(device, "folder", below));
     ASSERT_EQ(0, unlink(device.path("folder/second").c_str()));

@@ -380,6 +380,14 @@ protected:
         newLines();
         return enumerator;
     }
+    /// Of a folder of its own.
+    std::shared_ptr<LocalFileEnumerator> makeForFolder() {
+        makeFolder("watched");
+        auto enumerator =
+            LocalFileEnumerator::create(environment_, identifierOf("watched"), {device_.url("watched")});
+        newLines();
+        return enumerator;
+    }
     static std::shared_ptr<ChangeRecorder> ask(LocalFileEnumerator& enumerator, const Bytes& anchor) {
         auto recorder = std::make_shared<ChangeRecorder>();
         enumerator.enumerateChangesForObserver(recorder, anchor);
@@ -395,7 +403,7 @@ protected:
 };
 
 TEST_F(ChangesOfLocalFileEnumerator, AnAnchorThatIsNoneExpires) {
-    const auto enumerator = make("fid=5");
+    const auto enumerator = makeForFolder();
     for (const Bytes& anchor : {Bytes(), Bytes(48, 'x'), Bytes{1, 2, 3}}) {
         EXPECT_EQ(ask(*enumerator, anchor)->error(), hostframework::syncAnchorExpired());
         EXPECT_EQ(newLines(), Lines{"[ERROR] can't create change token from anchor data, resetting"});
@@ -404,7 +412,7 @@ TEST_F(ChangesOfLocalFileEnumerator, AnAnchorThatIsNoneExpires) {
 
 TEST_F(ChangesOfLocalFileEnumerator, EachFlippedByteIsAnotherAnchorOrNone) {
     events_.keepJournal();
-    const auto enumerator = make("fid=5");
+    const auto enumerator = makeForFolder();
     const Bytes anchor = tokenSince(500).encode();
     for (std::size_t i = 0; i < anchor.size(); ++i) {
         Bytes flipped = anchor;
@@ -422,28 +430,38 @@ TEST_F(ChangesOfLocalFileEnumerator, EachFlippedByteIsAnotherAnchorOrNone) {
 }
 
 TEST_F(ChangesOfLocalFileEnumerator, AnAnchorOfAnotherVolumeExpires) {
-    const auto enumerator = make("fid=5");
+    const auto enumerator = makeForFolder();
     auto token = tokenSince(10);
     token.deviceUUID = kOtherVolume;
     EXPECT_EQ(ask(*enumerator, token.encode())->error(), hostframework::syncAnchorExpired());
     EXPECT_EQ(newLines(),
-              (Lines{"[DEBUG] ┏ enumerate changes for fid=5 with token " + token.description(),
+              (Lines{"[DEBUG] ┏ enumerate changes for " + enumerator->container() + " with token " + token.description(),
                      "[DEBUG] device UUID changed (" + kOtherVolume.text() + " -> " + kVolume.text() + ")",
                      "[DEBUG] ┗"}));
 }
 
 TEST_F(ChangesOfLocalFileEnumerator, WithoutAVolumeIdentityTheRequestFails) {
-    const auto enumerator = make("fid=5");
+    const auto enumerator = makeForFolder();
     events_.setDeviceUUID(std::nullopt);
     const auto recorder = ask(*enumerator, tokenSince(10).encode());
     ASSERT_TRUE(recorder->error().has_value());
     EXPECT_EQ(recorder->error()->domain, ErrorDomain::deviceUUID);
     EXPECT_EQ(linesAbout("can't get volume UUID for"),
-              Lines{"[ERROR] can't get volume UUID for " + device_.url().path()});
+              Lines{"[ERROR] can't get volume UUID for " + device_.url("watched").path()});
+}
+
+TEST_F(ChangesOfLocalFileEnumerator, AFolderThatLeftItsPathToAnotherOneIsNotMistakenForIt) {
+    const auto enumerator = makeForFolder();
+    ASSERT_EQ(std::rename(device_.path("watched").c_str(), device_.path("moved").c_str()), 0);
+    makeFolder("watched");
+    const auto recorder = ask(*enumerator, tokenSince(10).encode());
+    ASSERT_TRUE(recorder->error().has_value());
+    EXPECT_EQ(recorder->error()->domain, ErrorDomain::deviceUUID);
+    EXPECT_EQ(recorder->reports(), Lines{});
 }
 
 TEST_F(ChangesOfLocalFileEnumerator, AFinishTakesTheEnumerationOutWhateverComes) {
-    const auto enumerator = make("fid=5");
+    const auto enumerator = make(hostframework::kRootContainer);
     events_.setHistory({deletions(11, 250), {historyDoneEvent(500)}});
     const auto first = ask(*enumerator, tokenSince(10).encode());
     EXPECT_TRUE(first->moreComing());
@@ -458,7 +476,7 @@ TEST_F(ChangesOfLocalFileEnumerator, AFinishTakesTheEnumerationOutWhateverComes)
 }
 
 TEST_F(ChangesOfLocalFileEnumerator, SeveralRequestsRunAtOnceAndStopEndsThem) {
-    const auto enumerator = make("fid=5");
+    const auto enumerator = makeForFolder();
     events_.setHistory({{deletion(11, 5)}});
     auto first = std::make_shared<ChangeRecorder>(), second = std::make_shared<ChangeRecorder>();
     enumerator->enumerateChangesForObserver(first, tokenSince(10).encode());
@@ -483,7 +501,7 @@ TEST_F(ChangesOfLocalFileEnumerator, OnlyTheWorkingSetHasItsFileIDsUpdated) {
     events_.setHistory({{change(11, "a")}, {historyDoneEvent(500)}});
     ask(*make(hostframework::kWorkingSetContainer), tokenSince(10).encode());
     EXPECT_EQ(linesAbout("updating file ID"), Lines{"[DEBUG] updating file ID in genstore"});
-    ask(*make("fid=5"), tokenSince(10).encode());
+    ask(*make(hostframework::kRootContainer), tokenSince(10).encode());
     EXPECT_EQ(linesAbout("updating file ID"), Lines{});
     waitUntilStopped();
 }

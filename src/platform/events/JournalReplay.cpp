@@ -72,8 +72,22 @@ std::optional<FileEvent> JournalReplay::eventForObject(store::Session& session, 
     auto path = pathBelowFolders(session, row);
     if (!path) return std::nullopt;
     std::uint32_t flags = row.change;
-    if (row.isDirectory() && !row.package && broughtContents(session, row.fileID)) flags |= kEventItemBroughtContents;
+    if (row.isDirectory() && !row.package && (broughtContents(session, row.fileID) || wasDropped(session, row))) {
+        flags |= kEventItemBroughtContents;
+    }
     return FileEvent{event, flags, std::move(path), row.fileID, row.documentID};
+}
+
+/// True when the reader was told, since the folder left another one, that the other one is gone: he drops what hung
+/// under it, and the folder came out of it only now to him.
+bool JournalReplay::wasDropped(store::Session& session, const store::ObjectRow& row) {
+    for (const store::Departure& departure : session.journal().departuresOf(row.fileID, begunAt())) {
+        const auto left = session.index().byFileID(FileID{departure.folder});
+        if (left && left->state == store::ObjectState::live) continue;
+        const auto end = session.journal().departureOf(FileID{departure.folder});
+        if (!end || end->event < row.event) return true;
+    }
+    return false;
 }
 
 /// True when the reader may not know what the folder holds: since he began, it, or a folder that it was in, came from
@@ -123,6 +137,8 @@ std::optional<FileEvent> JournalReplay::eventForDeparture(store::Session& sessio
 std::optional<FileEvent> JournalReplay::eventForDocument(store::Session& session, const store::DocumentChange& change) {
     // Told only when no path record that this reader gets tells of the document.
     auto row = session.index().byDocumentID(change.documentID);
+    // What clients do not see they are not told of; that it went out of their sight is told by path.
+    if (row && !row->visible) return std::nullopt;
     if (row && row->state == store::ObjectState::live && row->event > begunAt()) return std::nullopt;
     if (auto source = session.journal().departureOf(FileID{change.source});
         source && source->documentID == change.documentID && source->event > begunAt()) {

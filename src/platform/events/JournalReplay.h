@@ -37,6 +37,7 @@ private:
     std::optional<FileEvent> eventForObject(store::Session& session, const store::ObjectRow& row, EventID event);
     std::optional<FileEvent> eventForDeparture(store::Session& session, const store::Departure& departure);
     std::optional<FileEvent> eventForDocument(store::Session& session, const store::DocumentChange& change);
+    bool wasDropped(store::Session& session, const store::ObjectRow& row);
     bool broughtContents(store::Session& session, FileID folder, int depth = 0);
     std::optional<std::string> pathBelowFolders(store::Session& session, const store::ObjectRow& row);
     bool isBelowFolders(std::string_view path) const;

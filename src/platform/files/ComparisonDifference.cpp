@@ -130,12 +130,17 @@ void ComparisonRun::placeUnknown(Folder& folder, const DiskEntry& entry, ObjectR
     }
     if (there && there->first == row->identity.inode && there->second == row->identity.birth) {
         // Two names at once: a further hard link. Folders seen twice (bind mounts) keep their first place.
-        if (!row->isDirectory()) {
-            session().index().addLink({row->fileID, raw(folder.row.fileID), entry.name, 0});
+        if (row->isDirectory()) return;
+        store::LinkRow further{row->fileID, raw(folder.row.fileID), entry.name, 0};
+        if (!row->visible && isVisibleEntry(folder.job.context, entry.name, false)) {
+            // It is shown where clients may see it.
+            further = {row->fileID, row->parent, row->name, 0};
+            moveHere(folder, *row, entry, false);
         }
+        session().index().addLink(further);
         return;
     }
-    if (there && displacedDocument && !left && row->isDocument() && row->documentID &&
+    if (there && displacedDocument && !left && row->kind == displaced->kind && row->documentID &&
         there->first == displaced->identity.inode && there->second == displaced->identity.birth &&
         exchange(folder, entry, *displaced, *row)) {
         return;
@@ -260,7 +265,7 @@ void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& en
         if (toldOf) session().journal().recordDeparture(row.fileID, row.documentID, old.parent, oldPath);
         session().journal().recordDocumentChange(*row.documentID, raw(row.fileID), 0);
         row.documentID.reset();
-    } else if (toldOf && (!sameFolder || !row.visible)) {
+    } else if (toldOf && (!sameFolder || !row.visible || row.isDocument() != old.isDocument())) {
         session().journal().recordDeparture(row.fileID, row.documentID, old.parent, oldPath);
     }
     if (row.visible) {
