@@ -35,7 +35,7 @@ struct ProgramContext::Parts {
     files::Comparer comparer;
     files::LocalFileSystem files{roots, *store, comparer, *types};
     files::IndexGenerationStore generationStore{roots, *store, comparer, files};
-    std::unique_ptr<events::FileEventService> events;
+    std::unique_ptr<events::ComparingEventService> events;
     std::unique_ptr<registry::AppRegistry> registry;
     std::unique_ptr<HostProviderManager> providerManager;
     std::optional<items::Environment> environment;
@@ -159,6 +159,9 @@ void ProgramContext::prepareForRequests() {
     // here.
     if (upgraded) parts_->providerManager->signalEnumeratorForContainer(hostframework::kWorkingSetContainer, {});
 }
+
+Result<void> ProgramContext::watchForChanges() { return parts_->events->watch(); }
+std::optional<events::LiveIndex::Status> ProgramContext::liveStatus() const { return parts_->events->liveStatus(); }
 
 const Settings& ProgramContext::settings() const { return parts_->settings; }
 Roots& ProgramContext::roots() { return parts_->roots; }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "applibraries/AppLibraryContext.h"
@@ -10,6 +11,7 @@
 #include "items/Environment.h"
 #include "platform/dispatch/ThreadPool.h"
 #include "platform/events/FileEventService.h"
+#include "platform/events/LiveIndex.h"
 #include "platform/filesystem/Roots.h"
 #include "platform/log/Log.h"
 #include "provider/LocalProvider.h"
@@ -39,6 +41,13 @@ public:
     /// To be called before the first request: brings the app libraries up to date. Waits for the provider's look at the
     /// installed applications only if they are not the ones that the last look left behind.
     void prepareForRequests();
+
+    /// For a program that stays: from now on the kernel tells what changes, as far as it can, instead of looking at
+    /// everything from time to time. Begins in the background with one look at everything. To be called before the
+    /// first enumerator; fails where the kernel offers nothing, and everything works as before.
+    Result<void> watchForChanges();
+    /// How that is done; nothing as long as comparing is the source.
+    std::optional<events::LiveIndex::Status> liveStatus() const;
 
     const Settings& settings() const;
     Roots& roots();

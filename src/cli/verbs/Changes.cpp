@@ -48,6 +48,8 @@ public:
         if (!ready) return std::unexpected(ready.error());
         const auto container = resolveItem(invocation, kWhat, item_);
         if (!container) return std::unexpected(container.error());
+        // Where the kernel offers nothing, looking every two seconds has to do.
+        if (follow_) (void)(*ready)->watchForChanges();
         std::optional<host::ChangeSignal> signal;
         // Before the first look, so that nothing falls between it and the waiting.
         if (follow_) signal.emplace((*ready)->providerManager());

@@ -137,6 +137,7 @@ int runCommandLine(int argumentCount, const char* const* arguments) {
     verbs.push_back(makePathVerb());
     verbs.push_back(makeAnchorVerb());
     verbs.push_back(makeChangesVerb());
+    verbs.push_back(makeStatusVerb());
     verbs.push_back(makeDoctorVerb());
     for (const auto& verb : verbs) {
         CLI::App* command = app.add_subcommand(verb->name(), verb->summary());

@@ -27,6 +27,7 @@ std::unique_ptr<Verb> makeIdVerb();
 std::unique_ptr<Verb> makePathVerb();
 std::unique_ptr<Verb> makeAnchorVerb();
 std::unique_ptr<Verb> makeChangesVerb();
+std::unique_ptr<Verb> makeStatusVerb();
 std::unique_ptr<Verb> makeDoctorVerb();
 
 }  // namespace tarnwell::cli

@@ -110,14 +110,23 @@ std::optional<Departure> Journal::departureOf(FileID fileID) {
     return s.step() ? std::optional(departureFrom(s)) : std::nullopt;
 }
 
+std::uint64_t Journal::floor() {
+    StatementScope floor(floor_);
+    return floor->step() ? floor_.unsignedAt(0) : 0;
+}
+
+std::uint64_t Journal::departureCount() {
+    Statement count(database_, "SELECT count(*) FROM departure");
+    return count.step() ? count.unsignedAt(0) : 0;
+}
+
 bool Journal::canReplayAfter(std::uint64_t event) {
     // A lost range (after, upTo]: a position inside it was handed out by a run whose records are gone, except its end,
     // from which everything is recorded again.
     StatementScope lost(lostAround_);
     lost->bind(1, event);
     if (lost->step()) return false;
-    StatementScope floor(floor_);
-    return !floor->step() || event >= floor_.unsignedAt(0);
+    return event >= floor();
 }
 
 void Journal::addLostRange(std::uint64_t after, std::uint64_t upTo) {

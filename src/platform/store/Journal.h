@@ -64,6 +64,9 @@ public:
     /// The last departure under which clients may know the object.
     std::optional<Departure> departureOf(FileID fileID);
 
+    /// The oldest position that can be replayed, but for those lost in a power cut.
+    std::uint64_t floor();
+    std::uint64_t departureCount();
     /// True when everything after the position is still told.
     bool canReplayAfter(std::uint64_t event);
     /// Remembers that the events in (after, upTo] were lost in a power cut.

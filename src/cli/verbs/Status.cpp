@@ -1,0 +1,83 @@
+#include <nlohmann/json.hpp>
+
+#include "cli/output/ItemJson.h"
+#include "cli/output/Table.h"
+#include "cli/output/Text.h"
+#include "cli/verbs/Verb.h"
+#include "host/Status.h"
+
+namespace tarnwell::cli {
+namespace {
+
+class StatusVerb : public Verb {
+public:
+    const char* name() const override { return "status"; }
+    const char* summary() const override { return "Show how changes are found, and how much is known"; }
+    const char* example() const override {
+        return "tarnwell status          a command compares when it is asked; \"changes --follow\" lets the kernel tell";
+    }
+
+    Outcome run(Invocation& invocation) override {
+        auto ready = invocation.context();
+        if (!ready) return std::unexpected(ready.error());
+        const auto status = host::statusOf(**ready);
+        if (!status) return std::unexpected(failureOf(status.error()));
+        if (invocation.json()) {
+            writeJson(invocation.output(), *status);
+        } else {
+            writeText(invocation.output(), *status);
+        }
+        return {};
+    }
+
+private:
+    static void writeJson(Output& output, const host::Status& status) {
+        for (const auto& root : status.roots) {
+            nlohmann::ordered_json json = {{"root", toUtf8(root.path)},
+                                           {"available", root.isAvailable},
+                                           {"source", root.source},
+                                           {"liveSource", root.liveSource}};
+            if (!isUtf8(root.path)) json["rootBytes"] = base64(bytesOf(root.path));
+            output.line(jsonLine(json));
+        }
+        output.line(jsonLine({{"watches", status.watches},
+                              {"polledFolders", status.polledFolders},
+                              {"queueLimit", status.queueLimit},
+                              {"overflows", status.overflows},
+                              {"objects", status.objects},
+                              {"databaseBytes", status.databaseBytes},
+                              {"journalBegin", status.journalBegin},
+                              {"journalEnd", status.journalEnd},
+                              {"departures", status.departures}}));
+    }
+
+    static void writeText(Output& output, const host::Status& status) {
+        Table roots({{"ROOT"}, {"STATE"}, {"SOURCE"}, {"WHEN FOLLOWING"}});
+        for (const auto& root : status.roots) {
+            roots.add({{toDisplay(root.path)},
+                       {root.isAvailable ? "available" : "unavailable",
+                        root.isAvailable ? Style::good : Style::warning},
+                       {root.source},
+                       {root.liveSource}});
+        }
+        roots.write(output);
+        output.line("");
+        Table facts({{"WHAT"}, {"FOUND"}});
+        facts.add({{"index"}, {grouped(status.objects) + " objects, " + humanSize(status.databaseBytes)}});
+        facts.add({{"journal"},
+                   {"positions " + grouped(status.journalBegin) + " to " + grouped(status.journalEnd) + ", " +
+                    grouped(status.departures) + " records of what left"}});
+        facts.add({{"watches"},
+                   {grouped(status.watches) + " directories, " + grouped(status.polledFolders) + " only polled"}});
+        facts.add({{"kernel queue"},
+                   {"up to " + grouped(status.queueLimit) + " events, overflowed " + grouped(status.overflows) +
+                    " times in this run"}});
+        facts.write(output);
+    }
+};
+
+}  // namespace
+
+std::unique_ptr<Verb> makeStatusVerb() { return std::make_unique<StatusVerb>(); }
+
+}  // namespace tarnwell::cli

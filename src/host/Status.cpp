@@ -1,0 +1,63 @@
+#include "host/Status.h"
+
+#include <sys/stat.h>
+
+#include "platform/store/Store.h"
+#include "platform/watch/KernelLimits.h"
+#include "platform/watch/KernelWatcher.h"
+
+namespace tarnwell::host {
+namespace {
+
+constexpr const char* kComparing = "comparing";
+
+/// What would watch the folder, found by trying.
+std::string liveSourceFor(const Root& root) {
+    auto watcher = watch::makeWatcher();
+    if (!watcher || !(*watcher)->watch(root.directory.get(), FileID{1})) return kComparing;
+    for (const auto& source : (*watcher)->sources()) {
+        if (source.watches > 0) return source.name;
+    }
+    return kComparing;
+}
+
+bool isAvailable(const Root& root) {
+    struct stat now{}, held{};
+    return ::stat(root.realPath.c_str(), &now) == 0 && ::fstat(root.directory.get(), &held) == 0 &&
+           now.st_dev == held.st_dev && now.st_ino == held.st_ino;
+}
+
+std::uint64_t sizeOf(const std::string& path) {
+    struct stat status{};
+    return ::stat(path.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+}
+
+}  // namespace
+
+Result<Status> statusOf(ProgramContext& context) {
+    Status status;
+    const auto live = context.liveStatus();
+    for (const auto& root : context.roots().all()) {
+        RootStatus one{root->realPath, isAvailable(*root), kComparing, liveSourceFor(*root)};
+        if (live) one.source = one.liveSource;
+        status.roots.push_back(std::move(one));
+    }
+    if (live) {
+        for (const auto& source : live->sources) status.watches += source.watches;
+        status.overflows = live->overflows;
+        status.polledFolders = live->polledFolders;
+    }
+    const auto limits = watch::limits();
+    status.queueLimit = limits.fanotifyQueuedEvents != 0 ? limits.fanotifyQueuedEvents : limits.inotifyQueuedEvents;
+    const std::string database = context.store().directory() + "/index.sqlite";
+    status.databaseBytes = sizeOf(database) + sizeOf(database + "-wal");
+    store::Session session(context.store());
+    status.objects = session.index().rowCount();
+    status.journalBegin = session.journal().floor();
+    status.journalEnd = raw(context.store().lastEventID());
+    status.departures = session.journal().departureCount();
+    if (auto checked = session.check(); !checked) return failure(checked.error());
+    return status;
+}
+
+}  // namespace tarnwell::host
