@@ -85,6 +85,54 @@ void Tour::many() {
     if (lines != kManyEntries) everythingWorked_ = false;
 }
 
+void Tour::failed(const std::string& reason) {
+    everythingWorked_ = false;
+    std::cout << "(" << reason << ")" << std::endl;
+}
+
+/// Files change while the program is not running; it tells what happened since the mark.
+void Tour::changes() {
+    const auto anchor = run({program_, "anchor", "root"}, device_.environment(), Output::captured);
+    if (!anchor || anchor->status != 0) return failed("no anchor");
+    std::string mark = anchor->output;
+    while (mark.ends_with('\n')) mark.pop_back();
+    std::cout << "$ MARK=$(" << shellWord(program_) << " anchor root)\n";
+    const std::string script =
+        "cd " + shellWord(device_.root + "/home/Documents") +
+        " && mv Letter.txt Names/ && echo new > Plan.txt && sed -i 's/./&/' Plan.txt && mkdir -p Trip/Photos"
+        " && echo x > Trip/Photos/list.txt";
+    std::cout << "$ " << "cd home/Documents; mv Letter.txt Names/; echo new > Plan.txt; sed -i 's/./&/' Plan.txt; "
+              << "mkdir -p Trip/Photos; echo x > Trip/Photos/list.txt" << std::endl;
+    const auto changed = run({"sh", "-c", script}, {}, Output::shown);
+    if (!changed || changed->status != 0) return failed("the files could not be changed");
+    std::cout << "$ " << shellWord(program_) << " changes root --since \"$MARK\"" << std::endl;
+    const auto told = run({program_, "changes", "root", "--since", mark}, device_.environment(), Output::shown);
+    if (!told || told->status != 0) failed("the changes were not told");
+}
+
+/// The same while the program runs.
+void Tour::liveChanges() {
+    const std::vector<std::string> words{program_, "changes", "workingset", "--follow"};
+    std::cout << "$ " << shellLine(words) << " &" << std::endl;
+    auto following = FollowedProgram::start(words, device_.environment());
+    if (!following) return failed(describe(following.error()));
+    constexpr auto kPatience = std::chrono::seconds(20);
+    if (const auto first = following->line(kPatience); !first) return failed("it told no anchor");
+    const std::string file = device_.root + "/home/.var/app/org.example.Notes/Documents/Live.md";
+    std::cout << "$ echo hello > home/.var/app/org.example.Notes/Documents/Live.md" << std::endl;
+    if (auto written = filesystem::writeFileAtomically(file, bytesOf(std::string_view("hello\n"))); !written) {
+        return failed(describe(written.error()));
+    }
+    for (;;) {
+        const auto line = following->line(kPatience);
+        if (!line) return failed("it told nothing of the file");
+        if (line->starts_with("anchor")) continue;
+        std::cout << *line << std::endl;
+        if (line->ends_with("/Live.md")) break;
+    }
+    if (const int status = following->end(); status != 0) failed("exit status " + std::to_string(status));
+}
+
 bool Tour::show() {
     heading("A sample device");
     std::cout << "In " << folder_ << " is now a home of one person, with applications and their documents:\n"
@@ -114,6 +162,10 @@ bool Tour::show() {
     command({"ls", place("home/Documents/Names")});
     heading("A folder of " + std::to_string(kManyEntries) + " entries");
     many();
+    heading("What changed since a mark, also while nothing was running");
+    changes();
+    heading("Changes as they happen");
+    liveChanges();
     next();
     return everythingWorked_;
 }
@@ -126,7 +178,7 @@ void Tour::next() const {
               << "  tarnwell ls '#org.example.Notes' --recursive\n"
               << "  tarnwell id " << shellWord(place(kGroceries)) << "\n"
               << "  tarnwell path '#snap.scanner'\n"
-              << "  tarnwell anchor '#org.example.Notes'\n"
+              << "  tarnwell changes root --follow\n"
               << "  tarnwell doctor\n"
               << "  exit\n\n"
               << "For your own storage and applications, without the sample device: " << shellWord(program_)

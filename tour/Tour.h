@@ -23,6 +23,9 @@ private:
     void heading(const std::string& text) const;
     void command(const std::vector<std::string>& arguments, const EnvironmentChanges& further = {});
     void many();
+    void changes();
+    void liveChanges();
+    void failed(const std::string& reason);
     void next() const;
     std::string place(const std::string& relative) const { return folder_ + "/" + relative; }
     EnvironmentChanges environmentWith(const EnvironmentChanges& further) const;
