@@ -12,7 +12,16 @@ constexpr int kLibraries = 10;
 
 }  // namespace
 
-SampleDevice::SampleDevice() {
+SampleDevice::SampleDevice() { open(); }
+
+void SampleDevice::restart() {
+    environment_.reset();
+    libraries_.reset();
+    device_.restart();
+    open();
+}
+
+void SampleDevice::open() {
     device_.log().setThreshold(log::Level::off);
     libraries_.emplace(device_.environment(), device_.registry(), device_.pool(), device_.applicationSupport());
     environment_.emplace(fs::FSEnvironment{device_.environment(), device_.events(), device_.pool()});

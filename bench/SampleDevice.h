@@ -15,6 +15,10 @@ class SampleDevice {
 public:
     SampleDevice();
 
+    /// As a new start of the program. What was taken of it before is dead then.
+    void restart();
+    /// From now on the kernel's hints keep the index.
+    void watch() { device_.watch(); }
     /// Brings the index up to what is on disk.
     void settle() { device_.settle(); }
 
@@ -26,6 +30,8 @@ public:
     provider::ProviderContext providerContext() { return {*environment_, *libraries_}; }
 
 private:
+    void open();
+
     testing::TestDevice device_;
     std::optional<applibraries::AppLibraryContext> libraries_;
     std::optional<fs::FSEnvironment> environment_;

@@ -38,24 +38,29 @@ void Suite::compare(benchmark::State& state, const std::string& what, const std:
     set("processor_ratio", ours.processor / other.processor);
 }
 
-Outcome<SampleDevice*> Suite::treeDevice() {
-    if (treeDevice_) return treeDevice_.get();
+Outcome<void> Suite::makeTree(SampleDevice& device) const {
     progress("  making " + std::to_string(sizes_.treeFiles()) + " files in " + std::to_string(sizes_.treeFolders()) +
              " folders");
-    auto device = std::make_unique<SampleDevice>();
-    if (auto made = makeFolder(device->path(kTree)); !made) return std::unexpected(made.error());
+    if (auto made = makeFolder(device.path(kTree)); !made) return made;
     std::size_t files = 0;
     for (std::size_t i = 0; i < sizes_.outerFolders; ++i) {
         const std::string outer = std::string(kTree) + "/Folder " + std::to_string(i);
-        if (auto made = makeFolder(device->path(outer)); !made) return std::unexpected(made.error());
+        if (auto made = makeFolder(device.path(outer)); !made) return made;
         for (std::size_t j = 0; j < sizes_.foldersInEach; ++j) {
             const std::string inner = outer + "/Folder " + std::to_string(j);
-            auto made = makeFiles(device->path(inner), sizes_.filesInEach, Attributes::none, files);
+            auto made = makeFiles(device.path(inner), sizes_.filesInEach, Attributes::none, files);
             if (!made) return std::unexpected(made.error());
             files += sizes_.filesInEach;
         }
     }
     waitUntilTrusted();
+    return {};
+}
+
+Outcome<SampleDevice*> Suite::treeDevice() {
+    if (treeDevice_) return treeDevice_.get();
+    auto device = std::make_unique<SampleDevice>();
+    if (auto made = makeTree(*device); !made) return std::unexpected(made.error());
     progress("  making their identifiers");
     device->settle();
     treeDevice_ = std::move(device);

@@ -31,6 +31,8 @@ public:
     /// The device with the tree of folders, made and known to the index by the first call.
     Outcome<SampleDevice*> treeDevice();
     static constexpr const char* kTree = "tree";
+    /// Makes the files and folders of that tree on a device.
+    Outcome<void> makeTree(SampleDevice& device) const;
 
     /// Counters of a comparison, and its row in the table.
     void compare(benchmark::State& state, const std::string& what, const std::string& key, std::uint64_t count,
@@ -50,6 +52,7 @@ void addListings(Suite& suite);
 void addTree(Suite& suite);
 void addLookups(Suite& suite);
 void addPages(Suite& suite);
+void addChanges(Suite& suite);
 void addMemory(Suite& suite);
 
 /// The part of the memory benchmark that runs in a process of its own, on that person's home: prints one line of

@@ -64,6 +64,7 @@ int run(const Options& options, const Sizes& sizes) {
     // Memory first, while no other benchmark has made files that the kernel keeps in mind.
     addMemory(suite);
     addListings(suite);
+    addChanges(suite);
     addPages(suite);
     addTree(suite);
     addLookups(suite);

@@ -297,8 +297,7 @@ void FSChangesEnumerator::fail(const Error& error) {
 }
 
 void FSChangesEnumerator::stopReader() const {
-    auto current = reader();
-    current->streamQueue()->async([current] { current->stop(); });
+    reader()->stopSoon();
 }
 
 }  // namespace tarnwell::fs

@@ -101,7 +101,9 @@ ClassifiedEvent FSEventClassifier::classifyPath(const events::FileEvent& event, 
         return deletion(url);
     }
     auto item = itemAt(url);
-    if (item && isNamedBy(*item, event)) return {Kind::changed, url, std::move(item)};
+    // What lies in a package now is removed to clients, and stands there still.
+    const bool isOutOfSight = tellsOfRemoval && liesInPackage(url);
+    if (item && isNamedBy(*item, event) && !isOutOfSight) return {Kind::changed, url, std::move(item)};
     if (named && tellsOfRemoval) {
         // Another object has the name of the one that went. What is remembered of that one is no business of this URL.
         URL placeOfTheOther = URL::file(path);
@@ -126,6 +128,7 @@ std::optional<ClassifiedEvent> FSEventClassifier::classifyElsewhere(const events
     if (!fileID) return std::nullopt;
     auto url = items.files.pathOfFileID(*fileID, *device);
     if (!url || url->path() == path || isHiddenBelowRoot(url->path()) || !isMonitored(*url)) return std::nullopt;
+    if (liesInPackage(*url)) return std::nullopt;
     auto item = itemAt(*url);
     if (!item || !isNamedBy(*item, event)) return std::nullopt;
     return ClassifiedEvent{Kind::changed, std::move(*url), std::move(item)};
@@ -167,6 +170,13 @@ bool FSEventClassifier::passes(const URL& url) const {
         return false;
     }
     return true;
+}
+
+bool FSEventClassifier::liesInPackage(const URL& url) const {
+    for (URL folder = url.deletingLastPathComponent(); isMonitored(folder); folder = folder.deletingLastPathComponent()) {
+        if (!environment_.items.files.isFolder(folder)) return true;
+    }
+    return false;
 }
 
 bool FSEventClassifier::isMonitored(const URL& url) const {

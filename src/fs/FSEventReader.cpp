@@ -92,6 +92,7 @@ Result<events::StreamOptions> FSEventReader::streamOptions() const {
 void FSEventReader::start() {
     streamQueue_->assertCurrent();
     if (stream_) return;
+    isStopping_ = false;
     environment_.items.log.debug([this] { return "starting " + description(); });
     auto options = streamOptions();
     if (!options) return failToStart(describe(options.error()));
@@ -127,6 +128,12 @@ void FSEventReader::stop() {
     releaseStream();
 }
 
+void FSEventReader::stopSoon() {
+    streamQueue_->assertCurrent();
+    isStopping_ = true;
+    streamQueue_->async([self = shared_from_this()] { self->stop(); });
+}
+
 void FSEventReader::releaseStream() {
     close(*stream_);
     if (isReceiving_) {
@@ -142,8 +149,10 @@ void FSEventReader::receive(const std::vector<events::FileEvent>& batch) {
     environment_.items.log.debug([&] { return "fsevent: received " + std::to_string(batch.size()) + " events"; });
     if (configuration_.verbose) logEvents(batch);
     const auto delegate = delegate_.lock();
-    for (std::size_t index = 0; index < batch.size(); ++index) handle(batch[index], index, delegate.get());
-    if (delegate) delegate->batchFinished();
+    for (std::size_t index = 0; index < batch.size() && !isStopping_; ++index) {
+        handle(batch[index], index, delegate.get());
+    }
+    if (delegate && !isStopping_) delegate->batchFinished();
     isReceiving_ = false;
 }
 

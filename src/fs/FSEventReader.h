@@ -81,6 +81,9 @@ public:
     /// queue only.
     void stop();
 
+    /// Stops it soon, and reports nothing more of the batch under way either. On the stream queue only.
+    void stopSoon();
+
     /// The queue of all callbacks and delegate calls.
     const std::shared_ptr<dispatch::SerialQueue>& streamQueue() const { return streamQueue_; }
     /// On the stream queue only.
@@ -115,6 +118,7 @@ private:
     std::uint32_t currentEventFlags_ = 0;
     std::unique_ptr<events::FileEventStream> stream_;
     bool isReceiving_ = false;
+    bool isStopping_ = false;
 };
 
 }  // namespace tarnwell::fs

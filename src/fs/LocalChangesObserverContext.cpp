@@ -32,6 +32,10 @@ void LocalChangesObserverContext::didDeleteItemsWithIdentifiers(
 
 void LocalChangesObserverContext::finishEnumeratingChangesUpToSyncAnchor(const hostframework::SyncAnchor& anchor,
                                                                          bool moreComing) {
+    // What happened in a folder that moved on meanwhile was looked for where it no longer is.
+    if (const auto moved = localFileEnumerator_->checkContainer(); !moved) {
+        return finishEnumeratingWithError(moved.error());
+    }
     observer_->finishEnumeratingChangesUpToSyncAnchor(anchor, moreComing);
     removeEnumerator();
 }

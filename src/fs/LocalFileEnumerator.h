@@ -47,6 +47,8 @@ public:
     void retire();
     /// Takes out an enumeration of changes that has finished.
     void removeEnumerator(const std::shared_ptr<FSChangesEnumerator>& enumerator);
+    /// Fails when the folder that the container is has left its URL.
+    Result<void> checkContainer() const;
     /// The enumerations of changes under way.
     using Enumerators = std::set<std::shared_ptr<FSChangesEnumerator>>;
     Enumerators enumerators() const;
@@ -71,7 +73,6 @@ private:
 
     LocalFileEnumerator(const FSEnvironment& environment, std::string container, std::vector<URL> urls);
     Result<UUID> volumeUUID() const;
-    Result<void> checkContainer() const;
     void startEnumeratingChanges(const std::shared_ptr<hostframework::ChangeObserver>& observer,
                                  const ChangeToken& token);
     void gather(hostframework::EnumerationObserver& observer, const std::optional<ChangeToken>& token) const;

@@ -6,8 +6,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <utility>
 
 namespace tarnwell::testing {
 namespace {
@@ -81,8 +85,33 @@ ChildProgram::ChildProgram(const std::vector<std::string>& arguments, const tour
     error_ = err[0];
 }
 
+std::optional<std::string> ChildProgram::readLine() {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    for (;;) {
+        if (const auto end = read_.find('\n', lineBegin_); end != std::string::npos) {
+            const std::size_t begin = std::exchange(lineBegin_, end + 1);
+            return read_.substr(begin, end - begin);
+        }
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd stream{output_, POLLIN, 0};
+        const int ready = ::poll(&stream, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready < 0) stop("poll");
+        if (ready == 0) return std::nullopt;
+        char buffer[16384];
+        const ssize_t got = ::read(output_, buffer, sizeof buffer);
+        if (got <= 0) return std::nullopt;
+        read_.append(buffer, static_cast<std::size_t>(got));
+    }
+}
+
+void ChildProgram::sendSignal(int signal) const {
+    if (::kill(process_, signal) != 0) stop("kill");
+}
+
 Finished ChildProgram::finish() {
     Finished finished;
+    finished.output = read_;
     pollfd streams[] = {{output_, POLLIN, 0}, {error_, POLLIN, 0}};
     std::string* texts[] = {&finished.output, &finished.error};
     for (int open = 2; open > 0;) {

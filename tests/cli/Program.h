@@ -31,12 +31,19 @@ public:
     enum class Output { captured, fullDisk, noReader };
     ChildProgram(const std::vector<std::string>& arguments, const tour::EnvironmentChanges& environment, Person person,
                  Output output = Output::captured);
+    /// The next line of the output without its line end, as soon as it is there; nothing when the output ends before or
+    /// none comes within ten seconds. `finish` gives the whole output all the same.
+    std::optional<std::string> readLine();
+    /// To this child only, which must not be finished.
+    void sendSignal(int signal) const;
     /// Waits for the end.
     Finished finish();
 
 private:
     pid_t process_ = -1;
     int output_ = -1, error_ = -1;
+    std::string read_;          ///< of the output, so far
+    std::size_t lineBegin_ = 0; ///< in `read_`, of the next line
 };
 
 /// A sample device of its own for a test, and the program on it.

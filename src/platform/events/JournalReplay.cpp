@@ -4,7 +4,8 @@ namespace tarnwell::events {
 
 namespace {
 
-constexpr std::size_t kBatch = 512;
+/// Somewhat more than a reader takes at once.
+constexpr std::size_t kBatch = 256;
 
 std::string pathOf(const Place& place) {
     return place.relative.empty() ? place.root->name : place.root->name + "/" + place.relative;
@@ -38,6 +39,9 @@ std::optional<std::string> JournalReplay::pathBelowFolders(store::Session& sessi
 Result<JournalReplay::Batch> JournalReplay::batchAfter(EventID since, EventID upTo) {
     Batch batch;
     batch.reached = upTo;
+    // Not in the middle of a comparison: what it has not found yet looks as if it were nowhere, and its record, once
+    // passed over, is not told again.
+    const auto rest = comparer_.atRest();
     store::Session session(store_);
     if (std::holds_alternative<StreamOverDevice>(options_.over)) {
         auto changes = session.journal().documentChangesAfter(raw(since), kBatch);
@@ -72,20 +76,27 @@ std::optional<FileEvent> JournalReplay::eventForObject(store::Session& session, 
     auto path = pathBelowFolders(session, row);
     if (!path) return std::nullopt;
     std::uint32_t flags = row.change;
-    if (row.isDirectory() && !row.package && (broughtContents(session, row.fileID) || wasDropped(session, row))) {
-        flags |= kEventItemBroughtContents;
+    if (row.isDirectory() && !row.package) {
+        std::set<FileID> asked;
+        const bool brought = broughtContents(session, row.fileID) || wasDropped(session, row.fileID, row.event, asked);
+        if (brought) flags |= kEventItemBroughtContents;
     }
     return FileEvent{event, flags, std::move(path), row.fileID, row.documentID};
 }
 
-/// True when the reader was told, since the folder left another one, that the other one is gone: he drops what hung
-/// under it, and the folder came out of it only now to him.
-bool JournalReplay::wasDropped(store::Session& session, const store::ObjectRow& row) {
-    for (const store::Departure& departure : session.journal().departuresOf(row.fileID, begunAt())) {
-        const auto left = session.index().byFileID(FileID{departure.folder});
-        if (left && left->state == store::ObjectState::live) continue;
-        const auto end = session.journal().departureOf(FileID{departure.folder});
-        if (!end || end->event < row.event) return true;
+/// True when the reader was told, since the folder left another one, that this one or one above it is gone: he drops
+/// what hung under it, and the folder came out of it only now to him.
+bool JournalReplay::wasDropped(store::Session& session, FileID folder, std::uint64_t before, std::set<FileID>& asked) {
+    if (!asked.insert(folder).second) return false;
+    for (const store::Departure& departure : session.journal().departuresOf(folder, begunAt())) {
+        for (std::uint64_t above = departure.folder; above != 0;) {
+            for (const store::Departure& end : session.journal().departuresOf(FileID{above}, begunAt())) {
+                if (end.event < before && !isAlive(session, end)) return true;
+            }
+            if (wasDropped(session, FileID{above}, before, asked)) return true;
+            const auto row = session.index().byFileID(FileID{above});
+            above = row ? row->parent : 0;
+        }
     }
     return false;
 }
@@ -110,26 +121,42 @@ bool JournalReplay::broughtContents(store::Session& session, FileID folder, int 
     return false;
 }
 
-std::optional<FileEvent> JournalReplay::eventForDeparture(store::Session& session, const store::Departure& departure) {
-    if (options_.interest == Interest::everything) {
-        // Alive below the stream's folders: its own record tells where it is. A document that another object carries
-        // now is alive as that object. Who is told of departures only is told of every one: it is the folder that
-        // something left that counts for him.
-        auto alive = departure.documentID ? session.index().byDocumentID(*departure.documentID)
-                                          : session.index().byFileID(departure.fileID);
-        if (alive && alive->documentID == departure.documentID && pathBelowFolders(session, *alive)) {
-            return std::nullopt;
+/// True when what left is below the stream's folders still, or again. A document that another object carries now is
+/// alive as that object.
+bool JournalReplay::isAlive(store::Session& session, const store::Departure& departure) {
+    const auto alive = departure.documentID ? session.index().byDocumentID(*departure.documentID)
+                                            : session.index().byFileID(departure.fileID);
+    return alive && alive->documentID == departure.documentID && pathBelowFolders(session, *alive);
+}
+
+/// A path below the stream's folders at which the departure is told; nothing if it did not leave a place below them.
+/// Folders on the way may have other names by now, the stream's own among them, or be gone as well.
+std::optional<std::string> JournalReplay::pathOfDeparture(store::Session& session, const store::Departure& departure) {
+    if (isBelowFolders(departure.path)) return departure.path;
+    constexpr int kDeepest = 4096;
+    std::string tail = departure.path.substr(departure.path.rfind('/'));
+    FileID folder{departure.folder};
+    for (int depth = 0; depth < kDeepest; ++depth) {
+        const auto row = session.index().byFileID(folder);
+        const auto place = row && row->state == store::ObjectState::live ? comparer_.placeOf(session, *row) : std::nullopt;
+        if (place) {
+            std::string path = pathOf(*place) + tail;
+            return isBelowFolders(path) ? std::optional(std::move(path)) : std::nullopt;
         }
+        const auto left = session.journal().departureOf(folder);
+        if (!left) return std::nullopt;
+        tail = left->path.substr(left->path.rfind('/')) + tail;
+        folder = FileID{left->folder};
     }
-    std::string path = departure.path;
-    if (!isBelowFolders(path)) {
-        // A folder on the way may have another name by now, the stream's own among them.
-        auto folder = session.index().byFileID(FileID{departure.folder});
-        auto place = folder ? comparer_.placeOf(session, *folder) : std::nullopt;
-        if (!place || folder->state != store::ObjectState::live) return std::nullopt;
-        path = pathOf(*place) + path.substr(path.rfind('/'));
-        if (!isBelowFolders(path)) return std::nullopt;
-    }
+    return std::nullopt;
+}
+
+std::optional<FileEvent> JournalReplay::eventForDeparture(store::Session& session, const store::Departure& departure) {
+    // The record of what is alive tells where it is. Who is told of departures only is told of every one: it is the
+    // folder that something left that counts for him.
+    if (options_.interest == Interest::everything && isAlive(session, departure)) return std::nullopt;
+    auto path = pathOfDeparture(session, departure);
+    if (!path) return std::nullopt;
     return FileEvent{EventID{departure.event}, kEventItemRemoved, std::move(path), departure.fileID,
                      departure.documentID};
 }

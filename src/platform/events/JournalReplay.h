@@ -4,6 +4,9 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
+#include <string>
+#include <string_view>
 
 #include "platform/events/FileEventService.h"
 #include "platform/files/Comparer.h"
@@ -37,7 +40,9 @@ private:
     std::optional<FileEvent> eventForObject(store::Session& session, const store::ObjectRow& row, EventID event);
     std::optional<FileEvent> eventForDeparture(store::Session& session, const store::Departure& departure);
     std::optional<FileEvent> eventForDocument(store::Session& session, const store::DocumentChange& change);
-    bool wasDropped(store::Session& session, const store::ObjectRow& row);
+    bool wasDropped(store::Session& session, FileID folder, std::uint64_t before, std::set<FileID>& asked);
+    bool isAlive(store::Session& session, const store::Departure& departure);
+    std::optional<std::string> pathOfDeparture(store::Session& session, const store::Departure& departure);
     bool broughtContents(store::Session& session, FileID folder, int depth = 0);
     std::optional<std::string> pathBelowFolders(store::Session& session, const store::ObjectRow& row);
     bool isBelowFolders(std::string_view path) const;

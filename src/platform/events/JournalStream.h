@@ -31,9 +31,14 @@ public:
 
 private:
     void replayHistory();
+    /// Whether the disk was looked at for what is told.
+    enum class Look { taken, missing };
+    void tellHistory(EventID upTo, Look look);
     void readOn();
+    bool deliverBatch(EventID upTo);
     /// Delivers what lies between the position and `upTo`; false when the journal cannot be read.
     bool deliverUpTo(EventID upTo);
+    std::optional<EventID> recordedMeanwhile();
     void deliver(const std::vector<FileEvent>& events);
     void drop();
 
@@ -45,6 +50,7 @@ private:
     std::atomic<bool> readingOn_{false};  ///< a read of new records is on its way
     std::atomic<bool> live_{false};
     EventID position_;  ///< delivered up to here; on the queue only
+    int rounds_ = 0;    ///< of a history that went on meanwhile; on the queue only
 };
 
 /// The handle that clients hold: stops the stream when it goes.

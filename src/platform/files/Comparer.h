@@ -60,6 +60,10 @@ public:
     /// handle (O_PATH) of the folder above it, a folder that did not change is known without walking its path.
     Result<void> compareFolder(const Place& folder, const store::EntryRow& row, int handle = -1);
 
+    /// No comparison is under way while the lock is held: no object is missing that one is still looking for. Waits for
+    /// one that is; to be taken before a session of the store.
+    [[nodiscard]] std::unique_lock<std::mutex> atRest() { return std::unique_lock(runMutex_); }
+
     /// From now on comparisons bring every folder to the watch before they look at it; null for none. Waits for a
     /// comparison under way.
     void setWatch(FolderWatch* watch);

@@ -28,14 +28,16 @@ Result<void> ComparisonRun::finish() {
         }
     }
     settleTakeovers();
-    if (auto result = settleMissing(); !result) return result;
     if (coversRoots_ && complete_) {
+        // What this run is about to give up stays known until the next one: moved while the roots were looked at one
+        // after the other, it stands in one that had been looked at before.
         if (!session().index().inState(ObjectState::gone, 1).empty()) {
             write();
             session().index().purgeGone();
             session().journal().trim();
         }
     }
+    if (auto result = settleMissing(); !result) return result;
     return release();
 }
 
@@ -66,11 +68,10 @@ void ComparisonRun::settleTakeover(const Takeover& takeover) {
     auto successor = session().index().byFileID(takeover.successor);
     if (!successor || successor->state != ObjectState::live) return;
     // In a ring of documents that changed places one has its predecessor's by now.
+    // What clients see keeps its ID rather than give it to what they do not: the successor may be hidden by now.
     bool replaced = displaced && displaced->documentID && displaced->documentID == takeover.documentID &&
-                    successor->isDocument() &&
-                    (displaced->state == ObjectState::missing ||
-                     // What clients see keeps its ID rather than give it to what they do not.
-                     (takeover.isRecent && (successor->visible || !displaced->visible)) ||
+                    successor->isDocument() && (successor->visible || !displaced->visible) &&
+                    (displaced->state == ObjectState::missing || takeover.isRecent ||
                      (displaced->state == ObjectState::live && displaced->parent == successor->parent &&
                       isBackupName(successor->name, displaced->name)));
     if (!replaced || promotable(*displaced)) {
