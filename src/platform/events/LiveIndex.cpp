@@ -33,6 +33,8 @@ Result<void> LiveIndex::begin() {
         comparer_.setWatch(nullptr);
         return compared;
     }
+    std::uint64_t formerEnd = 0;
+    (void)!read(wakeUp_.get(), &formerEnd, sizeof formerEnd);
     live_.store(true);
     thread_ = std::thread([this] { run(); });
     return {};

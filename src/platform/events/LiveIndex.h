@@ -20,7 +20,7 @@ namespace tarnwell::events {
 /// Keeps the index equal to the disk by what the kernel tells: every folder below the roots is watched, and what a hint
 /// names is compared.
 ///
-///   made --begin--> live --end--> ended
+///   ended --begin--> live --end--> ended; it is made ended.
 ///
 /// L1: while live, a change whose system call returned before `catchUp` was called is in the index when it returns.
 /// L2: what cannot be watched is compared by every `catchUp` (polled); after an overflow everything is.

@@ -1,0 +1,164 @@
+#include "platform/events/LiveIndex.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <set>
+#include <thread>
+
+#include "platform/watch/KernelWatcher.h"
+#include "testing/FaultyWatcher.h"
+#include "testing/TestDevice.h"
+
+namespace tarnwell::events {
+namespace {
+
+using testing::makeDirectories;
+using testing::writeFile;
+
+/// The index of a device, kept live by hand: no thread looks at hints but for the one of the index itself.
+class LiveIndexTest : public ::testing::Test {
+protected:
+    LiveIndexTest() {
+        auto real = watch::makeWatcher();
+        EXPECT_TRUE(real.has_value());
+        auto faulty = std::make_unique<testing::FaultyWatcher>(std::move(*real));
+        watcher_ = faulty.get();
+        live_.emplace(device_.comparer(), std::move(faulty));
+    }
+    void begin() { ASSERT_TRUE(live_->begin()); }
+    void catchUp() { ASSERT_TRUE(live_->catchUp()); }
+    /// What the index has below the storage root, by the names of the path.
+    std::set<std::string> known() {
+        std::set<std::string> paths;
+        store::Session session(device_.store());
+        const auto storage = device_.roots().storage();
+        std::vector<std::pair<FileID, std::string>> folders;
+        struct stat status{};
+        EXPECT_EQ(::stat(device_.path().c_str(), &status), 0);
+        for (auto& row : session.index().folders(FileID{0})) {
+            if (row.name == storage->name) folders.emplace_back(row.fileID, "");
+        }
+        while (!folders.empty()) {
+            const auto [folder, path] = folders.back();
+            folders.pop_back();
+            for (auto& row : session.index().children(folder, 0, 100'000)) {
+                paths.insert(path + row.name);
+                if (row.isDirectory()) folders.emplace_back(row.fileID, path + row.name + "/");
+            }
+        }
+        return paths;
+    }
+    using Paths = std::set<std::string>;
+
+    testing::TestDevice device_;
+    testing::FaultyWatcher* watcher_ = nullptr;
+    std::optional<LiveIndex> live_;
+};
+
+TEST_F(LiveIndexTest, BeginsWithWhatIsThere) {
+    makeDirectories(device_.path("a/b"));
+    writeFile(device_.path("a/b/c"), "x");
+    EXPECT_FALSE(live_->isLive());
+    begin();
+    EXPECT_TRUE(live_->isLive());
+    EXPECT_TRUE(live_->isComplete());
+    EXPECT_EQ(known(), (Paths{"a", "a/b", "a/b/c"}));
+    EXPECT_EQ(watcher_->watches(), 3u);
+}
+
+TEST_F(LiveIndexTest, KnowsAtOnceWhatHappenedInNewFolders) {
+    begin();
+    for (int round = 0; round < 200; ++round) {
+        const std::string top = "top" + std::to_string(round);
+        makeDirectories(device_.path(top + "/in/deep"));
+        writeFile(device_.path(top + "/in/deep/file"), "x");
+        std::filesystem::rename(device_.path(top + "/in"), device_.path(top + "/moved"));
+        writeFile(device_.path(top + "/moved/deep/second"), "x");
+        catchUp();
+        const auto paths = known();
+        ASSERT_TRUE(paths.contains(top + "/moved/deep/file")) << round;
+        ASSERT_TRUE(paths.contains(top + "/moved/deep/second")) << round;
+        ASSERT_FALSE(paths.contains(top + "/in")) << round;
+        std::filesystem::remove_all(device_.path(top));
+        catchUp();
+        ASSERT_EQ(known(), Paths{}) << round;
+    }
+    EXPECT_EQ(watcher_->watches(), 1u) << "watches of removed folders are given back";
+}
+
+TEST_F(LiveIndexTest, ComparesEverythingAfterAnOverflow) {
+    makeDirectories(device_.path("a"));
+    begin();
+    live_->end();  // nobody else drains
+    makeDirectories(device_.path("a/new"));
+    writeFile(device_.path("a/new/file"), "x");
+    watcher_->overflowOnce();
+    ASSERT_TRUE(live_->begin());
+    watcher_->overflowOnce();
+    writeFile(device_.path("a/new/second"), "x");
+    catchUp();
+    EXPECT_EQ(known(), (Paths{"a", "a/new", "a/new/file", "a/new/second"}));
+    writeFile(device_.path("a/new/third"), "x");
+    catchUp();
+    EXPECT_TRUE(known().contains("a/new/third"));
+    EXPECT_GE(live_->status().overflows, 1u);
+}
+
+TEST_F(LiveIndexTest, PollsWhatCannotBeWatched) {
+    for (const char* name : {"a", "b", "c", "d"}) makeDirectories(device_.path(name));
+    watcher_->limitWatches(3);
+    begin();
+    EXPECT_EQ(live_->status().polledFolders, 2u);
+    EXPECT_FALSE(live_->isComplete());
+    Paths expected{"a", "b", "c", "d"};
+    for (const char* name : {"a", "b", "c", "d"}) {
+        writeFile(device_.path(std::string(name) + "/file"), "x");
+        makeDirectories(device_.path(std::string(name) + "/folder"));
+        writeFile(device_.path(std::string(name) + "/folder/file"), "x");
+        expected.insert({std::string(name) + "/file", std::string(name) + "/folder", std::string(name) + "/folder/file"});
+    }
+    catchUp();
+    EXPECT_EQ(known(), expected);
+    watcher_->limitWatches(1000);
+    catchUp();
+    EXPECT_TRUE(live_->isComplete()) << "watched as soon as that can be";
+    EXPECT_EQ(live_->status().polledFolders, 0u);
+}
+
+TEST_F(LiveIndexTest, ItsThreadLooksByItself) {
+    begin();
+    writeFile(device_.path("file"), "x");
+    for (int i = 0; i < 5000 && known().empty(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(known(), Paths{"file"});
+}
+
+TEST_F(LiveIndexTest, GoneObjectsAreForgottenInTheEnd) {
+    writeFile(device_.path("file"), "x");
+    begin();
+    std::filesystem::remove(device_.path("file"));
+    catchUp();
+    {
+        store::Session session(device_.store());
+        EXPECT_EQ(session.index().inState(store::ObjectState::gone, 10).size(), 1u);
+    }
+    std::this_thread::sleep_for(files::Comparer::kSavingTime + std::chrono::milliseconds(200));
+    catchUp();
+    store::Session session(device_.store());
+    EXPECT_TRUE(session.index().inState(store::ObjectState::gone, 10).empty());
+}
+
+TEST_F(LiveIndexTest, FortyThousandFilesInABurst) {
+    makeDirectories(device_.path("burst"));
+    begin();
+    for (int i = 0; i < 40'000; ++i) {
+        writeFile(device_.path("burst/" + std::to_string(i)), "");
+    }
+    catchUp();
+    EXPECT_EQ(known().size(), 40'001u);
+}
+
+}  // namespace
+}  // namespace tarnwell::events
