@@ -194,7 +194,9 @@ Outcome<double> live(Suite& suite, benchmark::State& state) {
         position = request->anchor();
     }
     std::sort(requests.begin(), requests.end());
-    const auto at = [&](double part) { return requests[static_cast<std::size_t>(static_cast<double>(rounds - 1) * part)]; };
+    const auto at = [&](double part) {
+        return requests[static_cast<std::size_t>(static_cast<double>(rounds - 1) * part)];
+    };
     suite.report().add("A request for changes right after a write, kernel hints, milliseconds",
                        {{"rounds", std::to_string(rounds)},
                         {"median", fixed(at(0.5) * 1e3, 3)},

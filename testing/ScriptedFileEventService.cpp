@@ -275,9 +275,10 @@ Result<std::unique_ptr<events::FileEventStream>> ScriptedFileEventService::creat
     if (keepsJournal_)
         state->journal = journal_;
     else
-        state->history = documentHistory_ && !std::holds_alternative<events::StreamOverPaths>(state->record.options.over)
-                             ? *documentHistory_
-                             : history_;
+        state->history =
+            documentHistory_ && !std::holds_alternative<events::StreamOverPaths>(state->record.options.over)
+                ? *documentHistory_
+                : history_;
     state->refusesStart = refusal_ == Refusal::start;
     streams_.push_back(state);
     return std::make_unique<Stream>(std::move(state));

@@ -51,8 +51,8 @@ std::string readAll(int descriptor) {
 namespace {
 
 /// Starts the command with its standard output on `writeEnd`, if that is open.
-Result<pid_t> spawn(const std::vector<std::string>& command, const EnvironmentChanges& changes, const Descriptor& writeEnd,
-                    bool discards) {
+Result<pid_t> spawn(const std::vector<std::string>& command, const EnvironmentChanges& changes,
+                    const Descriptor& writeEnd, bool discards) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     if (writeEnd.valid()) posix_spawn_file_actions_adddup2(&actions, writeEnd.get(), STDOUT_FILENO);

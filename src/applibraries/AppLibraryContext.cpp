@@ -20,8 +20,8 @@ AppLibraryContext::AppLibraryContext(items::Environment& environment, registry::
       workingSetCache_(environment.log, registry, pool, "working-set",
                        cacheURL(applicationSupport, "searchable-app-libraries.plist")),
       backgroundQueue_(dispatch::SerialQueue::create(pool, "tarnwell.app-library.background")),
-      services_{environment, registry, std::move(pool), mainCache_, workingSetCache_,
-                [this] { return sharedManager().versionToken(); }},
+      services_{environment, registry,         std::move(pool),
+                mainCache_,  workingSetCache_, [this] { return sharedManager().versionToken(); }},
       directory_(*this) {
     environment_.appLibraries = &directory_;
 }

@@ -132,11 +132,12 @@ void LocalRootEnumerator::updateMonitoredFolders() {
 }
 
 std::string LocalRootEnumerator::stateText(std::uint64_t tokenVersion, std::uint64_t localVersion) const {
-    std::string text = "[changeTokenVersion: " + std::to_string(tokenVersion) +
-                       ", localVersion: " + std::to_string(localVersion);
+    std::string text =
+        "[changeTokenVersion: " + std::to_string(tokenVersion) + ", localVersion: " + std::to_string(localVersion);
     if (isWorkingSet()) text += ", workingSetVersion: " + std::to_string(services_.sharedVersionToken());
     LocalAppLibraryCache& cache = services_.mainCache;
-    return text + ", mainCacheVersion: " + std::to_string(cache.queue().sync([&] { return cache.versionToken(); })) + "]";
+    return text + ", mainCacheVersion: " + std::to_string(cache.queue().sync([&] { return cache.versionToken(); })) +
+           "]";
 }
 
 void LocalRootEnumerator::currentSyncAnchorWithCompletionHandler(

@@ -52,14 +52,14 @@ FSChangesEnumerator::FSChangesEnumerator(const FSEnvironment& environment, const
 
 std::shared_ptr<FSEventReader> FSChangesEnumerator::makeReader(FSEventReader::Mode mode) const {
     const bool byPath = mode == FSEventReader::Mode::pathBased;
-    return FSEventReader::create(environment_, {.urls = urls_,
-                                                .since = sinceFSEventID_,
-                                                .mode = mode,
-                                                .verbose = true,
-                                                .interest = byPath ? events::Interest::everything
-                                                                   : events::Interest::nothing,
-                                                .toldUpTo = byPath ? reached_.path : reached_.document,
-                                                .upTo = byPath ? std::nullopt : maxFSEventID_});
+    return FSEventReader::create(environment_,
+                                 {.urls = urls_,
+                                  .since = sinceFSEventID_,
+                                  .mode = mode,
+                                  .verbose = true,
+                                  .interest = byPath ? events::Interest::everything : events::Interest::nothing,
+                                  .toldUpTo = byPath ? reached_.path : reached_.document,
+                                  .upTo = byPath ? std::nullopt : maxFSEventID_});
 }
 
 std::shared_ptr<FSEventReader> FSChangesEnumerator::reader() const {
@@ -111,8 +111,8 @@ void FSChangesEnumerator::goOnInFolder() {
     const FileID folder = *reached_.folder;
     const auto url = TWPFileObjectIdentifier(environment_.items).fileURLWithFileIdentifier(raw(folder));
     const bool isMonitored = url && std::ranges::any_of(urls_, [&](const URL& monitored) {
-        return relationship(monitored, *url) == Relationship::contains;
-    });
+                                 return relationship(monitored, *url) == Relationship::contains;
+                             });
     if (!isMonitored) {
         // It went on or away: its own records tell that.
         reached_.folder.reset();
@@ -126,9 +126,8 @@ void FSChangesEnumerator::goOnInFolder() {
 }
 
 void FSChangesEnumerator::deliverContents(const URL& folder, FileID fileID, std::uint64_t offset, EventID since) {
-    environment_.items.log.debug([&] {
-        return "scanning folder " + folder.path() + " from offset " + std::to_string(offset);
-    });
+    environment_.items.log.debug(
+        [&] { return "scanning folder " + folder.path() + " from offset " + std::to_string(offset); });
     reached_.folder = fileID;
     reached_.folderOffset = offset;
     reached_.folderSince = since;
@@ -296,8 +295,6 @@ void FSChangesEnumerator::fail(const Error& error) {
     observer_->finishEnumeratingWithError(error);
 }
 
-void FSChangesEnumerator::stopReader() const {
-    reader()->stopSoon();
-}
+void FSChangesEnumerator::stopReader() const { reader()->stopSoon(); }
 
 }  // namespace tarnwell::fs

@@ -173,7 +173,8 @@ bool FSEventClassifier::passes(const URL& url) const {
 }
 
 bool FSEventClassifier::liesInPackage(const URL& url) const {
-    for (URL folder = url.deletingLastPathComponent(); isMonitored(folder); folder = folder.deletingLastPathComponent()) {
+    for (URL folder = url.deletingLastPathComponent(); isMonitored(folder);
+         folder = folder.deletingLastPathComponent()) {
         if (!environment_.items.files.isFolder(folder)) return true;
     }
     return false;

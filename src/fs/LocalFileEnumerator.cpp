@@ -128,8 +128,8 @@ void LocalFileEnumerator::enumerateChangesForObserver(const std::shared_ptr<host
 /// A folder that moved on may have left its path to another one, of which this container's host is not to be told.
 Result<void> LocalFileEnumerator::checkContainer() const {
     if (!container_.starts_with("fid=")) return {};
-    const auto identifier = items::TWPFileObjectIdentifier(environment_.items).itemIdentifier(
-        URL::file(urls_.front().path()));
+    const auto identifier =
+        items::TWPFileObjectIdentifier(environment_.items).itemIdentifier(URL::file(urls_.front().path()));
     if (identifier == container_) return {};
     environment_.items.log.debug([&] { return "container " + container_ + " is not at " + urls_.front().path(); });
     return failure(items::makeError(items::DeviceUUIDError::unableToGetDeviceUUID));

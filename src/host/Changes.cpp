@@ -22,7 +22,8 @@ public:
     void didDeleteItemsWithIdentifiers(const std::vector<ItemIdentifier>& identifiers) override {
         const std::lock_guard lock(mutex_);
         if (finished_) return;
-        for (const auto& identifier : identifiers) batch_.reports.push_back({.updated = nullptr, .deleted = identifier});
+        for (const auto& identifier : identifiers)
+            batch_.reports.push_back({.updated = nullptr, .deleted = identifier});
     }
     void finishEnumeratingChangesUpToSyncAnchor(const SyncAnchor& anchor, bool moreComing) override {
         {

@@ -12,8 +12,8 @@ namespace tarnwell::host {
 
 /// One report of a request for changes.
 struct ChangeReport {
-    hostframework::ProviderItemPtr updated;                        ///< set for an update
-    std::optional<hostframework::ItemIdentifier> deleted = {};     ///< set for a deletion
+    hostframework::ProviderItemPtr updated;                     ///< set for an update
+    std::optional<hostframework::ItemIdentifier> deleted = {};  ///< set for a deletion
 };
 
 /// How one request for changes ended.

@@ -12,14 +12,15 @@ namespace tarnwell::host {
 struct RootStatus {
     std::string path;  ///< real
     bool isAvailable = false;
-    std::string source;      ///< how its changes are found now: "comparing", or what the kernel offers
-    std::string liveSource;  ///< what a program that stays would use for it; "comparing" where the kernel offers nothing
+    std::string source;  ///< how its changes are found now: "comparing", or what the kernel offers
+    std::string
+        liveSource;  ///< what a program that stays would use for it; "comparing" where the kernel offers nothing
 };
 
 /// What the program knows and how it comes to know of changes.
 struct Status {
     std::vector<RootStatus> roots;
-    std::size_t watches = 0;  ///< directories that the kernel watches for this process
+    std::size_t watches = 0;       ///< directories that the kernel watches for this process
     std::uint64_t queueLimit = 0;  ///< events that the kernel keeps for one reader before it drops some; 0 if unknown
     std::uint64_t overflows = 0;
     std::size_t polledFolders = 0;  ///< watched by nobody, and looked at from time to time

@@ -198,8 +198,9 @@ TEST_F(RootChangesTest, AnAnchorInAdvanceExpires) {
     setLibraries({"A", "C"});
     device_.log().clear();
     EXPECT_EQ(changes(*enumerator, anchor(*enumerator, 5)).calls, Lines{"error -1002"});
-    EXPECT_TRUE(hasLine("[DEBUG] app-library version is in advance, need to restart from scratch "
-                        "[changeTokenVersion: 5, localVersion: 4, mainCacheVersion: 5]"));
+    EXPECT_TRUE(
+        hasLine("[DEBUG] app-library version is in advance, need to restart from scratch "
+                "[changeTokenVersion: 5, localVersion: 4, mainCacheVersion: 5]"));
     EXPECT_TRUE(device_.log().texts(log::Level::error).empty());
     EXPECT_EQ(enumerator->appLibraryManager().versionToken(), 4u);
     EXPECT_EQ(enumerator->localFileEnumerator(), files);
@@ -232,8 +233,9 @@ TEST_F(RootChangesTest, TheWorkingSetsStateNamesTheSharedGenerationToo) {
     device_.log().clear();
     EXPECT_EQ(changes(*enumerator, anchor(*enumerator, 9)).calls, Lines{"error -1002"});
     EXPECT_EQ(changes(*enumerator, anchor(*enumerator, 1)).calls, Lines{"error -1002"});
-    EXPECT_TRUE(hasLine("[DEBUG] app-library version is in advance, need to restart from scratch "
-                        "[changeTokenVersion: 9, localVersion: 2, workingSetVersion: 3, mainCacheVersion: 4]"));
+    EXPECT_TRUE(
+        hasLine("[DEBUG] app-library version is in advance, need to restart from scratch "
+                "[changeTokenVersion: 9, localVersion: 2, workingSetVersion: 3, mainCacheVersion: 4]"));
     EXPECT_EQ(device_.log().texts(log::Level::error),
               Lines{"[ERROR] change token version matches nothing, need to restart from scratch "
                     "[changeTokenVersion: 1, localVersion: 2, workingSetVersion: 3, mainCacheVersion: 4]"});
@@ -437,8 +439,8 @@ TEST_F(RootChangesTest, TheWorkingSetCleansTheIndexAndKeepsItsGeneration) {
     setLibraries({"D", "B"});
     device_.log().clear();
     const auto answer = changes(*enumerator, since);
-    EXPECT_EQ(answer.calls, (Lines{"update #org.example.D #org.example.B", "delete #org.example.A #org.example.C",
-                                   "finish"}));
+    EXPECT_EQ(answer.calls,
+              (Lines{"update #org.example.D #org.example.B", "delete #org.example.A #org.example.C", "finish"}));
     EXPECT_TRUE(sectionLines("enumerate root changes for WorkingSetContainer"));
     EXPECT_EQ(device_.providerManager().deletions(), (std::vector<Lines>{{"#org.example.A", "#org.example.C"}}));
     ASSERT_TRUE(answer.token);

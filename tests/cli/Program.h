@@ -42,8 +42,8 @@ public:
 private:
     pid_t process_ = -1;
     int output_ = -1, error_ = -1;
-    std::string read_;          ///< of the output, so far
-    std::size_t lineBegin_ = 0; ///< in `read_`, of the next line
+    std::string read_;           ///< of the output, so far
+    std::size_t lineBegin_ = 0;  ///< in `read_`, of the next line
 };
 
 /// A sample device of its own for a test, and the program on it.

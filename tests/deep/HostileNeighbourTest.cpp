@@ -15,9 +15,9 @@
 #include "items/TarnwellError.h"
 #include "platform/archive/KeyedArchive.h"
 #include "platform/base/Descriptor.h"
+#include "testing/RandomChanges.h"
 #include "tests/deep/LookWatch.h"
 #include "tests/deep/Mirror.h"
-#include "testing/RandomChanges.h"
 
 namespace tarnwell::deep {
 

@@ -4,8 +4,8 @@
 #include <deque>
 #include <set>
 
-#include "tests/deep/Mirror.h"
 #include "testing/RandomChanges.h"
+#include "tests/deep/Mirror.h"
 
 namespace tarnwell::deep {
 
@@ -99,7 +99,8 @@ void checkThroughRandomChanges(std::optional<watch::SourceChoice> source) {
     const std::size_t operations = isLongRun() ? 50'000 : 2'000;
     MirrorRun run;
     if (source) run.device().device().watch(*source);
-    RandomChanges changes(run.device().device().path(), seed, {.mostNames = 150, .outside = "/etc/passwd", .makesHardLinks = !source});
+    RandomChanges changes(run.device().device().path(), seed,
+                          {.mostNames = 150, .outside = "/etc/passwd", .makesHardLinks = !source});
     std::size_t done = 0;
     while (done < operations) {
         const std::size_t batch = 1 + changes.below(40);
@@ -144,9 +145,7 @@ TEST(IndexMirror, ListingsIdentifiersAndHistoryStayTrueThroughRandomChanges) {
     checkThroughRandomChanges(std::nullopt);
 }
 
-TEST(IndexMirror, TheyDoWhileTheKernelTellsOfThem) {
-    checkThroughRandomChanges(watch::SourceChoice::automatic);
-}
+TEST(IndexMirror, TheyDoWhileTheKernelTellsOfThem) { checkThroughRandomChanges(watch::SourceChoice::automatic); }
 
 TEST(IndexMirror, TheyDoWhileInotifyTellsOfThem) { checkThroughRandomChanges(watch::SourceChoice::inotify); }
 

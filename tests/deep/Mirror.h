@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/deep/DeepDevice.h"
 #include "testing/DiskModel.h"
+#include "tests/deep/DeepDevice.h"
 
 namespace tarnwell::deep {
 

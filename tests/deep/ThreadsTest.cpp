@@ -8,8 +8,8 @@
 
 #include "hostframework/HostError.h"
 #include "items/TarnwellError.h"
-#include "tests/deep/Mirror.h"
 #include "testing/RandomChanges.h"
+#include "tests/deep/Mirror.h"
 
 namespace tarnwell::deep {
 

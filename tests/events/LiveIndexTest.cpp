@@ -118,7 +118,8 @@ TEST_F(LiveIndexTest, PollsWhatCannotBeWatched) {
         writeFile(device_.path(std::string(name) + "/file"), "x");
         makeDirectories(device_.path(std::string(name) + "/folder"));
         writeFile(device_.path(std::string(name) + "/folder/file"), "x");
-        expected.insert({std::string(name) + "/file", std::string(name) + "/folder", std::string(name) + "/folder/file"});
+        expected.insert(
+            {std::string(name) + "/file", std::string(name) + "/folder", std::string(name) + "/folder/file"});
     }
     catchUp();
     EXPECT_EQ(known(), expected);

@@ -92,10 +92,9 @@ TEST_F(FSChangesEnumeratorTest, TellsByPathThenByDocumentAndCatchesUp) {
     const auto recorder = requestSince(10);
     EXPECT_EQ(recorder->reports(), (Lines{"update a", "delete did=77", "update b"}));
     EXPECT_FALSE(recorder->moreComing());
-    EXPECT_EQ(recorder->token(), (ChangeToken{.deviceUUID = kVolume,
-                                              .streamEventID = EventID{500},
-                                              .offset = 0,
-                                              .appLibraryVersionToken = 7}));
+    EXPECT_EQ(
+        recorder->token(),
+        (ChangeToken{.deviceUUID = kVolume, .streamEventID = EventID{500}, .offset = 0, .appLibraryVersionToken = 7}));
     const Lines lines = newLines();
     const auto said = [&](const std::string& line) { return std::ranges::count(lines, line); };
     EXPECT_EQ(said("[DEBUG] forward deletion of did=77"), 1);
@@ -301,8 +300,7 @@ TEST_F(FoldersThatCameIn, BringTheirContents) {
     EXPECT_EQ(reports.front(), "update folder");
     std::ranges::sort(reports);
     EXPECT_EQ(reports, (Lines{"update a", "update b", "update folder", "update sub"}));
-    EXPECT_EQ(linesAbout("scanning folder"),
-              Lines{"[DEBUG] scanning folder " + pathOf("folder") + " from offset 0"});
+    EXPECT_EQ(linesAbout("scanning folder"), Lines{"[DEBUG] scanning folder " + pathOf("folder") + " from offset 0"});
 }
 
 TEST_F(FoldersThatCameIn, AreToldInBatches) {
@@ -383,8 +381,7 @@ protected:
     /// Of a folder of its own.
     std::shared_ptr<LocalFileEnumerator> makeForFolder() {
         makeFolder("watched");
-        auto enumerator =
-            LocalFileEnumerator::create(environment_, identifierOf("watched"), {device_.url("watched")});
+        auto enumerator = LocalFileEnumerator::create(environment_, identifierOf("watched"), {device_.url("watched")});
         newLines();
         return enumerator;
     }
@@ -419,8 +416,8 @@ TEST_F(ChangesOfLocalFileEnumerator, EachFlippedByteIsAnotherAnchorOrNone) {
         flipped[i] ^= 0xFF;
         const auto recorder = ask(*enumerator, flipped);
         const auto token = ChangeToken::decode(flipped);
-        const bool isGood = token && token->deviceUUID == kVolume && raw(token->streamEventID) <= 500 &&
-                            token->offset == 0;
+        const bool isGood =
+            token && token->deviceUUID == kVolume && raw(token->streamEventID) <= 500 && token->offset == 0;
         EXPECT_EQ(recorder->error().has_value(), !isGood) << i;
         if (!isGood) {
             EXPECT_EQ(recorder->error(), hostframework::syncAnchorExpired()) << i;
@@ -434,10 +431,10 @@ TEST_F(ChangesOfLocalFileEnumerator, AnAnchorOfAnotherVolumeExpires) {
     auto token = tokenSince(10);
     token.deviceUUID = kOtherVolume;
     EXPECT_EQ(ask(*enumerator, token.encode())->error(), hostframework::syncAnchorExpired());
-    EXPECT_EQ(newLines(),
-              (Lines{"[DEBUG] ┏ enumerate changes for " + enumerator->container() + " with token " + token.description(),
-                     "[DEBUG] device UUID changed (" + kOtherVolume.text() + " -> " + kVolume.text() + ")",
-                     "[DEBUG] ┗"}));
+    EXPECT_EQ(
+        newLines(),
+        (Lines{"[DEBUG] ┏ enumerate changes for " + enumerator->container() + " with token " + token.description(),
+               "[DEBUG] device UUID changed (" + kOtherVolume.text() + " -> " + kVolume.text() + ")", "[DEBUG] ┗"}));
 }
 
 TEST_F(ChangesOfLocalFileEnumerator, WithoutAVolumeIdentityTheRequestFails) {

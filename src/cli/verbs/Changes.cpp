@@ -24,8 +24,8 @@ public:
     }
     void declare(CLI::App& command) override {
         command.add_option("ITEM", item_, std::string(kItemHelp) + "; root without it");
-        auto* since = command.add_option("--since", since_, "The anchor up to which everything is known")
-                          ->type_name("ANCHOR");
+        auto* since =
+            command.add_option("--since", since_, "The anchor up to which everything is known")->type_name("ANCHOR");
         auto* follow = command.add_flag("-f,--follow", follow_,
                                         "Go on telling until interrupted; without --since, what comes from now on");
         command.final_callback([since, follow] {
@@ -94,9 +94,9 @@ private:
         Output& output = invocation.output();
         for (const auto& report : batch.reports) {
             if (invocation.json()) {
-                output.line(jsonLine(report.updated
-                                         ? nlohmann::ordered_json{{"update", itemJson(*report.updated, context.roots())}}
-                                         : nlohmann::ordered_json{{"delete", *report.deleted}}));
+                output.line(jsonLine(
+                    report.updated ? nlohmann::ordered_json{{"update", itemJson(*report.updated, context.roots())}}
+                                   : nlohmann::ordered_json{{"delete", *report.deleted}}));
             } else if (report.updated) {
                 const auto& item = *report.updated;
                 output.line(output.paint(Style::good, "update") + "  " + item.itemIdentifier() + "  " +
@@ -116,10 +116,9 @@ private:
 
     static void writeError(Invocation& invocation, const Error& error) {
         if (!invocation.json()) return;
-        invocation.output().line(jsonLine({{"error",
-                                            {{"domain", nameOf(error.domain)},
-                                             {"code", error.code},
-                                             {"message", toDisplay(describe(error))}}}}));
+        invocation.output().line(jsonLine(
+            {{"error",
+              {{"domain", nameOf(error.domain)}, {"code", error.code}, {"message", toDisplay(describe(error))}}}}));
     }
 
     Outcome expired(Invocation& invocation, const Error& error) const {

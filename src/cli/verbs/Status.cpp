@@ -14,7 +14,8 @@ public:
     const char* name() const override { return "status"; }
     const char* summary() const override { return "Show how changes are found, and how much is known"; }
     const char* example() const override {
-        return "tarnwell status          a command compares when it is asked; \"changes --follow\" lets the kernel tell";
+        return "tarnwell status          a command compares when it is asked; \"changes --follow\" lets the kernel "
+               "tell";
     }
 
     Outcome run(Invocation& invocation) override {
@@ -54,11 +55,11 @@ private:
     static void writeText(Output& output, const host::Status& status) {
         Table roots({{"ROOT"}, {"STATE"}, {"SOURCE"}, {"WHEN FOLLOWING"}});
         for (const auto& root : status.roots) {
-            roots.add({{toDisplay(root.path)},
-                       {root.isAvailable ? "available" : "unavailable",
-                        root.isAvailable ? Style::good : Style::warning},
-                       {root.source},
-                       {root.liveSource}});
+            roots.add(
+                {{toDisplay(root.path)},
+                 {root.isAvailable ? "available" : "unavailable", root.isAvailable ? Style::good : Style::warning},
+                 {root.source},
+                 {root.liveSource}});
         }
         roots.write(output);
         output.line("");

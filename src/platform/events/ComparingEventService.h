@@ -33,7 +33,8 @@ public:
     ~ComparingEventService() override;
 
     /// From now on kernel hints keep the index; to be called once, before there are streams. For programs that stay: it
-    /// begins with a look at everything below the roots. Fails where the kernel offers no source, and comparing goes on.
+    /// begins with a look at everything below the roots. Fails where the kernel offers no source, and comparing goes
+    /// on.
     Result<void> watch(const watch::WatcherOptions& options = {});
     /// Nothing as long as comparing is the source.
     std::optional<LiveIndex::Status> liveStatus() const;

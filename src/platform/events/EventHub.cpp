@@ -27,9 +27,8 @@ JournalReplay::Scope EventHub::scopeOf(const std::optional<std::vector<URL>>& fo
     if (!folders) return {{}, true};
     JournalReplay::Scope scope{placesOf(*folders), true};
     for (const auto& root : roots_.all()) {
-        const bool isIn = std::any_of(scope.folders.begin(), scope.folders.end(), [&](const Place& place) {
-            return place.root == root && place.relative.empty();
-        });
+        const bool isIn = std::any_of(scope.folders.begin(), scope.folders.end(),
+                                      [&](const Place& place) { return place.root == root && place.relative.empty(); });
         scope.isEverything = scope.isEverything && isIn;
     }
     return scope;

@@ -138,7 +138,8 @@ std::optional<std::string> JournalReplay::pathOfDeparture(store::Session& sessio
     FileID folder{departure.folder};
     for (int depth = 0; depth < kDeepest; ++depth) {
         const auto row = session.index().byFileID(folder);
-        const auto place = row && row->state == store::ObjectState::live ? comparer_.placeOf(session, *row) : std::nullopt;
+        const auto place =
+            row && row->state == store::ObjectState::live ? comparer_.placeOf(session, *row) : std::nullopt;
         if (place) {
             std::string path = pathOf(*place) + tail;
             return isBelowFolders(path) ? std::optional(std::move(path)) : std::nullopt;

@@ -114,8 +114,8 @@ bool LiveIndex::takeHints(Pending& pending) {
     if (!drained) return false;
     events_ += drained->events;
     for (watch::Hint& hint : drained->hints) {
-        files::HintedFolder& hinted = pending.try_emplace(hint.directory, files::HintedFolder{hint.directory, false, {}})
-                                          .first->second;
+        files::HintedFolder& hinted =
+            pending.try_emplace(hint.directory, files::HintedFolder{hint.directory, false, {}}).first->second;
         // Without a name it is the folder itself, which is looked at in any case.
         if (hint.name.empty()) continue;
         bool& isNamesChange = hinted.names.try_emplace(std::move(hint.name), false).first->second;

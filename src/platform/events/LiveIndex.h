@@ -65,8 +65,8 @@ private:
     const std::unique_ptr<watch::Watcher> watcher_;
     std::atomic<bool> live_{false};
     std::atomic<bool> rewatch_{false};  ///< after an overflow not even the watches are known to be there
-    std::mutex applyMutex_;      ///< one application of hints at a time
-    bool knowsNothing_ = false;  ///< under applyMutex_: hints were lost
+    std::mutex applyMutex_;             ///< one application of hints at a time
+    bool knowsNothing_ = false;         ///< under applyMutex_: hints were lost
     std::chrono::steady_clock::time_point lastApplied_;  ///< under applyMutex_
     mutable std::mutex mutex_;
     std::set<FileID> polled_;  ///< under mutex_

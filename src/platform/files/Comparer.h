@@ -142,11 +142,11 @@ private:
     std::mutex runMutex_;  ///< held by the comparison under way
     /// Missing objects may wait to be settled: an earlier program may have been cut off. Under runMutex_.
     bool unsettled_ = true;
-    FolderWatch* watch_ = nullptr;     ///< under runMutex_
+    FolderWatch* watch_ = nullptr;  ///< under runMutex_
     /// Under runMutex_: folders of whose contents no hint will tell, to be read with all below them: such as were given
     /// up when the folder became hidden or went, or were there before it was watched.
     std::set<FileID> unread_;
-    std::map<NameKey, Left> left_;     ///< under runMutex_; not older than kSavingTime when it is asked
+    std::map<NameKey, Left> left_;  ///< under runMutex_; not older than kSavingTime when it is asked
     std::mutex fileSystemsMutex_;
     std::unordered_map<std::uint64_t, FileSystemEntry> fileSystems_;  ///< by device number
     std::atomic<std::uint64_t> objectsSeen_{0};

@@ -143,7 +143,8 @@ Result<ComparisonRun::HintOutcome> ComparisonRun::compareHintedNames(const Job& 
         noteIfChanged(folder.row, *opened);
         // A package is a document with attributes of its own, which take a descriptor that is open for reading.
         if (folder.row.isDocument()) {
-            if (auto package = filesystem::openBeneath(job.root->directory.get(), job.relative, O_RDONLY | O_DIRECTORY)) {
+            if (auto package =
+                    filesystem::openBeneath(job.root->directory.get(), job.relative, O_RDONLY | O_DIRECTORY)) {
                 lookAtKeptOf(folder.row, package->get());
             }
         }

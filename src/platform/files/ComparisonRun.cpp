@@ -278,6 +278,7 @@ Result<bool> ComparisonRun::processFolder(const Job& job, Detail detail, std::ve
             auto compared = compareKnown(job, handle->get());
             if (!compared) return failure(compared.error());
             if (*compared) {
+                comparer_.unread_.erase(job.folder);
                 pushFolders(job, jobs);
                 if (auto checked = session().check(); !checked) return failure(checked.error());
                 return true;

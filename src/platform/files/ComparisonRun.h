@@ -60,8 +60,8 @@ private:
         bool covers(const std::string& name) const { return names == nullptr || names->contains(name); }
         std::vector<DiskEntry> entries;
         mutable std::unordered_map<std::string_view, const DiskEntry*> byName;  ///< made when first asked
-        bool settled = false;    ///< the folder's change time vouches for the entries
-        std::int64_t began = 0;  ///< stampingClock
+        bool settled = false;                                ///< the folder's change time vouches for the entries
+        std::int64_t began = 0;                              ///< stampingClock
         const std::map<std::string, bool>* names = nullptr;  ///< where only these were looked at
     };
     /// A document that was replaced under its name, and the object that has the name now.

@@ -15,7 +15,8 @@ using store::ObjectState;
 // The end of a run: documents that were replaced under their names, and objects that were found nowhere.
 
 Result<void> ComparisonRun::finish() {
-    const bool isAllKnown = coversRoots_ || (isHinted_ && comparer_.watch_ != nullptr && comparer_.watch_->isComplete());
+    const bool isAllKnown =
+        coversRoots_ || (isHinted_ && comparer_.watch_ != nullptr && comparer_.watch_->isComplete());
     if (!takeovers_.empty() && !isAllKnown) {
         // Whether a replaced document is gone or lives elsewhere is known only when every folder was looked at.
         bool wasMissing = false;

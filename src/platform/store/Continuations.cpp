@@ -3,9 +3,10 @@
 namespace tarnwell::store {
 
 Continuations::Continuations(Database& database)
-    : add_(database,
-           "INSERT OR IGNORE INTO continuation(reader, since, offset, path, document, folder, folderOffset, folderSince)"
-           " VALUES(?, ?, ?, ?, ?, ?, ?, ?)"),
+    : add_(
+          database,
+          "INSERT OR IGNORE INTO continuation(reader, since, offset, path, document, folder, folderOffset, folderSince)"
+          " VALUES(?, ?, ?, ?, ?, ?, ?, ?)"),
       find_(database,
             "SELECT path, document, folder, folderOffset, folderSince FROM continuation"
             " WHERE reader = ? AND since = ? AND offset = ?"),

@@ -77,7 +77,8 @@ public:
 private:
     Database& database_;
     Numbers& numbers_;
-    Statement removeDeparture_, addDeparture_, addDocumentChange_, departuresAfter_, departuresOf_, changesAfter_, lostAround_, floor_;
+    Statement removeDeparture_, addDeparture_, addDocumentChange_, departuresAfter_, departuresOf_, changesAfter_,
+        lostAround_, floor_;
 };
 
 }  // namespace tarnwell::store
