@@ -1,16 +1,15 @@
 #include <gtest/gtest.h>
 
-#include <array>
 #include <chrono>
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <random>
+#include <thread>
 
 #include "applibraries/LocalRootEnumerator.h"
 #include "fs/FSEnvironment.h"
 #include "hostframework/HostError.h"
 #include "items/TWPFileObjectIdentifier.h"
+#include "testing/ScriptedFileEventService.h"
 #include "tests/applibraries/AppLibraryFixture.h"
 
 namespace tarnwell::applibraries {
@@ -52,52 +51,6 @@ public:
 private:
     std::shared_ptr<RecordingChangeObserver> observer_ = std::make_shared<RecordingChangeObserver>();
     std::shared_ptr<std::promise<void>> done_ = std::make_shared<std::promise<void>>();
-};
-
-/// Holds the first thread that reports a change to it, until it is let go.
-class HoldingObserver : public hostframework::ChangeObserver {
-public:
-    void didUpdateItems(const std::vector<hostframework::ProviderItemPtr>& items) override {
-        std::unique_lock lock(mutex_);
-        updates_ += items.size();
-        isHolding_ = true;
-        changed_.notify_all();
-        changed_.wait_for(lock, kPatience, [&] { return isLetGo_; });
-    }
-    void didDeleteItemsWithIdentifiers(const std::vector<hostframework::ItemIdentifier>&) override {}
-    void finishEnumeratingChangesUpToSyncAnchor(const SyncAnchor&, bool) override { end(); }
-    void finishEnumeratingWithError(const Error& error) override {
-        ADD_FAILURE() << describe(error);
-        end();
-    }
-    bool waitUntilHolding() {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kPatience, [&] { return isHolding_; });
-    }
-    void letGo() {
-        std::lock_guard lock(mutex_);
-        isLetGo_ = true;
-        changed_.notify_all();
-    }
-    bool waitUntilFinished() {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kPatience, [&] { return isFinished_; });
-    }
-    std::size_t updates() {
-        std::lock_guard lock(mutex_);
-        return updates_;
-    }
-
-private:
-    void end() {
-        std::lock_guard lock(mutex_);
-        isFinished_ = true;
-        changed_.notify_all();
-    }
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::size_t updates_ = 0;
-    bool isHolding_ = false, isLetGo_ = false, isFinished_ = false;
 };
 
 class RootChangesTest : public AppLibraryTest {
@@ -405,27 +358,44 @@ TEST_F(RootChangesTest, LiveUpdatesGoOnWithTheNewFolders) {
 
 TEST_F(RootChangesTest, ARequestUnderWayOnTheReplacedEnumeratorFinishes) {
     setLibraries({"A"});
-    auto enumerator = makeEnumerator();
-    enumerator->start();
+    const UUID uuid = *UUID::parse("8D1C5A1E-5B57-4C6B-9B1F-0D7A3F6E2C41");
+    // Histories by path do not end until the test has them end.
+    testing::ScriptedFileEventService events(uuid);
+    events.setDocumentHistory({{testing::historyDoneEvent(9)}});
+    const fs::FSEnvironment environment{device_.environment(), events, device_.pool()};
+    const auto waitForStreams = [&](std::size_t count) {
+        const auto deadline = std::chrono::steady_clock::now() + kPatience;
+        while (events.runningStreams() != count && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::yield();
+        }
+        return events.runningStreams();
+    };
+    const auto enumerator =
+        LocalRootEnumerator::create(environment, context_->services(), hostframework::kRootContainer);
     const auto former = enumerator->localFileEnumerator();
-    const auto since = anchor(*enumerator, 1);
-    constexpr std::size_t kFiles = 20;
-    for (std::size_t i = 0; i < kFiles; ++i) testing::writeFile(device_.path("note" + std::to_string(i)), "text");
-    const auto held = std::make_shared<HoldingObserver>();
-    enumerator->enumerateChangesForObserver(held, since);
-    ASSERT_TRUE(held->waitUntilHolding());
-    EXPECT_EQ(former->enumerators().size(), 1u);
+    const auto since =
+        fs::ChangeToken{.deviceUUID = uuid, .streamEventID = EventID{3}, .appLibraryVersionToken = 1}.encode();
+    enumerator->start();
+    Request first, second;
+    first.start(*enumerator, since);
+    ASSERT_EQ(waitForStreams(2), 2u);  // the live updates and the request
 
     setLibraries({"A", "B"});
-    Request request;
-    request.start(*enumerator, since);
-    EXPECT_NE(enumerator->localFileEnumerator(), former);
-    EXPECT_FALSE(former->notifier()->isStarted());
-    held->letGo();
-    EXPECT_TRUE(held->waitUntilFinished());
-    EXPECT_EQ(held->updates(), kFiles);
-    const auto answer = request.wait();
-    EXPECT_EQ(answer.calls.size(), kFiles + 2) << ::testing::PrintToString(answer.calls);
+    second.start(*enumerator, since);
+    ASSERT_NE(enumerator->localFileEnumerator(), former);
+    // The former live updates have ended, those in their place run, and both requests do.
+    ASSERT_EQ(waitForStreams(3), 3u);
+    for (const auto& files : {former, enumerator->localFileEnumerator()}) {
+        files->notifier()->reader()->streamQueue()->sync([] {});
+    }
+    ASSERT_EQ(waitForStreams(3), 3u);
+    EXPECT_EQ(former->enumerators().size(), 1u);
+    events.play({testing::historyDoneEvent(9)});
+    EXPECT_EQ(first.wait().calls, Lines{"finish"});
+    const auto answer = second.wait();
+    EXPECT_EQ(answer.calls, (Lines{"update #org.example.A #org.example.B", "finish"}));
+    ASSERT_TRUE(answer.token);
+    EXPECT_EQ(answer.token->appLibraryVersionToken, 2u);
     enumerator->stop();
     device_.pool()->waitUntilQuiet();
     EXPECT_TRUE(former->enumerators().empty());

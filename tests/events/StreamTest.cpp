@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <filesystem>
 #include <mutex>
+#include <semaphore>
 #include <set>
 
 #include "platform/dispatch/SerialQueue.h"
@@ -286,6 +287,43 @@ TEST(Stream, AFailedStartTellsWhy) {
     EXPECT_FALSE(device.events().createStream(other, {}).has_value());
     EXPECT_TRUE(device.events().deviceUUID(DeviceID{77}).error().is(ErrorDomain::posix, ENODEV));
     EXPECT_EQ(device.store().uuid(), device.events().deviceUUID(device.device()).value());
+}
+
+TEST(Stream, WhatIsFoundWhileAHistoryIsToldBelongsToIt) {
+    TestDevice device;
+    const auto queue = dispatch::SerialQueue::create(device.pool(), "test");
+    const EventID since = device.settle();
+    writeFile(device.path("first"), "");
+    std::vector<FileEvent> all;
+    std::binary_semaphore done{0};
+    auto stream = device.events().createStream(over(device, since), [&](const std::vector<FileEvent>& events) {
+        // Whoever is told looks at the disk, which is found to have changed.
+        if (all.empty()) {
+            writeFile(device.path("second"), "");
+            device.settle();
+        }
+        const bool wasDone = !all.empty() && (all.back().flags & kEventHistoryDone) != 0;
+        all.insert(all.end(), events.begin(), events.end());
+        if (!wasDone && (all.back().flags & kEventHistoryDone) != 0) done.release();
+    });
+    ASSERT_TRUE(stream.has_value());
+    (*stream)->setQueue(queue);
+    queue->sync([&] { EXPECT_TRUE((*stream)->start()); });
+    EXPECT_TRUE(done.try_acquire_for(std::chrono::seconds(10)));
+    queue->sync([&] { stream->reset(); });
+    EXPECT_EQ((Lines{"+ first", "+ second", "history done"}), told(device, all));
+}
+
+TEST(Stream, WhatLeftAFolderThatIsGoneFromARenamedOneIsTold) {
+    TestDevice device;
+    writeFile(device.path("folder/gone/document"), "");
+    const EventID since = device.settle();
+    std::filesystem::remove_all(device.path("folder/gone"));
+    device.settle();
+    ASSERT_EQ(0, rename(device.path("folder").c_str(), device.path("renamed").c_str()));
+    device.settle();
+    EXPECT_EQ((Lines{"- renamed/gone/document", "- renamed/gone", "history done"}),
+              historySince(device, since, "renamed"));
 }
 
 TEST(Stream, StoppingInsideItsOwnCallbackEndsIt) {

@@ -319,5 +319,46 @@ TEST(Identity, NoIdentifierComesBackForAnotherObjectWhereInodeNumbersAreReused) 
     EXPECT_EQ(static_cast<std::size_t>(kRounds) / 2, files.size());
 }
 
+/// Something happens when a comparison comes to the folder.
+class HappensAt : public FolderWatch {
+public:
+    HappensAt(FileID folder, std::function<void()> happens) : folder_(folder), happens_(std::move(happens)) {}
+    bool isWatched(FileID) const override { return false; }
+    void watch(int, FileID folder) override {
+        if (folder == folder_) happens_();
+    }
+    bool isLive() const override { return false; }
+    bool isComplete() const override { return false; }
+    void forget(FileID) override {}
+
+private:
+    FileID folder_;
+    std::function<void()> happens_;
+};
+
+TEST(IdentityWhileItMoves, ADocumentWhoseSuccessorIsHiddenByTheEndOfTheComparisonIsGone) {
+    TestDevice device;
+    writeFile(device.path("a.txt"), "first version");
+    testing::makeDirectories(device.path("later"));
+    const EventID since = device.settle();
+    const std::string document = identifierOf(device, "a.txt");
+    const auto folder = device.comparer().rowAt(*device.roots().locate(device.url("later").path()));
+    ASSERT_TRUE(folder);
+    writeFile(device.path(".new"), "second version");
+    renameIn(device, ".new", "a.txt");
+    HappensAt watch(folder->fileID, [&] { renameIn(device, "a.txt", "later/.a.txt"); });
+    device.comparer().setWatch(&watch);
+    ASSERT_TRUE(device.comparer().compare({}, Detail::everything));
+    device.comparer().setWatch(nullptr);
+    EXPECT_EQ(placeOf(device, document), "nowhere");
+    store::Session session(device.store());
+    std::vector<std::string> departed;
+    for (const auto& record : session.journal().recordsAfter(raw(since), 100, true)) {
+        if (!record.departure->documentID) continue;
+        departed.push_back(items::TWPFileObjectIdentifier::fromDocumentID(raw(*record.departure->documentID)));
+    }
+    EXPECT_EQ(departed, std::vector<std::string>{document});
+}
+
 }  // namespace
 }  // namespace tarnwell::files

@@ -430,6 +430,8 @@ TEST_F(ChangesTest, AFolderThatCameInBringsItsContents) {
     write("elsewhere/bundle/a");
     write("elsewhere/bundle/deep/b");
     write("elsewhere/bundle/deep/deeper/c");
+    // Known where it is: moving the folder is no change of what it holds.
+    device_.settle();
     const auto container = identifierOf("followed");
     const SyncAnchor since = anchorOf(container);
     rename("elsewhere/bundle", "followed/bundle");
@@ -445,6 +447,7 @@ TEST_F(ChangesTest, AFolderWithMoreThanABatchBringsEverythingInItOnce) {
     make("followed");
     make("elsewhere/bundle");
     auto contents = writeMany("elsewhere/bundle", 450, "f");
+    device_.settle();
     const auto container = identifierOf("followed");
     SyncAnchor anchor = anchorOf(container);
     rename("elsewhere/bundle", "followed/bundle");

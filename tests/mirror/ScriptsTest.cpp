@@ -156,5 +156,56 @@ TEST_F(Scripts, AFolderLeavesOneThatGoesAndIsTouchedAfterwards) {
     expectEqual();
 }
 
+TEST_F(Scripts, AFolderLeavesOneThatLeftOneThatGoes) {
+    makeFolder("Documents/a");
+    makeFolder("Documents/a/b");
+    makeFolder("Documents/a/b/c");
+    write("Documents/a/b/c/file");
+    begin();
+    Client late(hostframework::kRootContainer);
+    ASSERT_EQ(late.begin(device_), Client::Outcome::caughtUp);
+    move("Documents/a/b", "Documents/b");
+    expectEqual();
+    move("Documents/b/c", "Documents/c");
+    expectEqual();
+    remove("Documents/a");
+    expectEqual();
+    write("Documents/b/other");
+    write("Documents/c/other");
+    expectEqual();
+    clients_.push_back(late);
+    expectEqual();
+}
+
+TEST_F(Scripts, AFolderBecomesAPackageBeforeTheFolderAroundItMoves) {
+    if (!device_.packageSuffix()) GTEST_SKIP() << "this machine cannot declare package types";
+    makeFolder("Documents/a");
+    makeFolder("Documents/a/b");
+    makeFolder("Documents/a/b/c");
+    begin();
+    Client late(identifierOf("Documents/a"));
+    ASSERT_EQ(late.begin(device_), Client::Outcome::caughtUp);
+    move("Documents/a/b", "Documents/a/b" + *device_.packageSuffix());
+    expectEqual();
+    move("Documents/a", "Documents/d");
+    clients_.push_back(late);
+    expectEqual();
+}
+
+TEST_F(Scripts, FoldersBecomePackagesInAPackageBetweenTwoBatches) {
+    if (!device_.packageSuffix()) GTEST_SKIP() << "this machine cannot declare package types";
+    constexpr int kMoreThanABatch = 250;
+    makeFolder("Documents/a");
+    begin();
+    for (int i = 0; i < kMoreThanABatch; ++i) makeFolder("Documents/a/" + std::to_string(i));
+    for (Client& client : clients_) ASSERT_EQ(client.step(device_), Client::Outcome::more);
+    for (int i = 0; i < kMoreThanABatch; ++i) {
+        const std::string folder = "Documents/a/" + std::to_string(i);
+        move(folder, folder + *device_.packageSuffix());
+    }
+    move("Documents/a", "Documents/a" + *device_.packageSuffix());
+    expectEqual();
+}
+
 }  // namespace
 }  // namespace tarnwell::mirror

@@ -24,11 +24,11 @@ public:
     }
     void declare(CLI::App& command) override {
         command.add_option("ITEM", item_, std::string(kItemHelp) + "; root without it");
-        auto* since =
+        sinceOption_ =
             command.add_option("--since", since_, "The anchor up to which everything is known")->type_name("ANCHOR");
         auto* follow = command.add_flag("-f,--follow", follow_,
                                         "Go on telling until interrupted; without --since, what comes from now on");
-        command.final_callback([since, follow] {
+        command.final_callback([since = sinceOption_, follow] {
             if (since->count() == 0 && follow->count() == 0) {
                 throw CLI::RequiredError("--since, or --follow,");
             }
@@ -39,7 +39,7 @@ public:
         std::optional<host::InterruptGuard> interrupts;
         if (follow_) interrupts.emplace();
         std::optional<Bytes> anchor;
-        if (!since_.empty()) {
+        if (sinceOption_->count() > 0) {
             anchor = bytesOfBase64(since_);
             // Not even the text of one: the same as one that nobody knows any more.
             if (!anchor) return expired(invocation, hostframework::syncAnchorExpired());
@@ -131,6 +131,8 @@ private:
 
     std::string item_ = "root";
     std::string since_;
+    /// Given and empty is an anchor that nobody knows, not none.
+    const CLI::Option* sinceOption_ = nullptr;
     bool follow_ = false;
 };
 
