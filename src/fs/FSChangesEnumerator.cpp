@@ -113,8 +113,8 @@ void FSChangesEnumerator::goOnInFolder() {
     const bool isMonitored = url && std::ranges::any_of(urls_, [&](const URL& monitored) {
                                  return relationship(monitored, *url) == Relationship::contains;
                              });
-    if (!isMonitored) {
-        // It went on or away: its own records tell that.
+    if (!isMonitored || !environment_.items.files.isFolder(*url)) {
+        // It went on or away, or became a package: its own records tell that.
         reached_.folder.reset();
         return;
     }
@@ -160,7 +160,8 @@ void FSChangesEnumerator::itemChanged(const URL& url, const std::shared_ptr<cons
     if (isFinished_ || !item) return;
     noteProgress();
     const std::uint32_t flags = reader()->currentEventFlags();
-    const bool bringsContents = (flags & events::kEventItemBroughtContents) != 0 && item->fileID();
+    // One that became a package meanwhile is one document.
+    const bool bringsContents = (flags & events::kEventItemBroughtContents) != 0 && item->isFolder() && item->fileID();
     const EventID now = environment_.events.recordedEventID();
     if (bringsContents) {
         // Before the folder itself is told of: that may be what fills the batch.

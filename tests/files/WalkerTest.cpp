@@ -78,6 +78,17 @@ TEST(Walker, ShowsAFileUnderANameThatIsSeen) {
     EXPECT_EQ((std::vector<std::string>{"folder"}), names(device, "", kSkipHiddenFiles));
 }
 
+TEST(Walker, ShowsAFileUnderANameThatComesToBeSeen) {
+    TestDevice device;
+    testing::makeDirectories(device.path(".hidden"));
+    writeFile(device.path(".first"), "");
+    ASSERT_EQ(0, link(device.path(".first").c_str(), device.path(".hidden/second").c_str()));
+    device.settle();
+    EXPECT_EQ((std::vector<std::string>{}), names(device, "", kSkipHiddenFiles));
+    ASSERT_EQ(0, rename(device.path(".hidden").c_str(), device.path("seen").c_str()));
+    EXPECT_EQ((std::vector<std::string>{"seen", "seen/second"}), names(device, "", kSkipHiddenFiles));
+}
+
 TEST(Walker, ShowsAFileUnderItsOtherNameOnceTheOneItHadIsGone) {
     TestDevice device;
     testing::makeDirectories(device.path(".hidden"));

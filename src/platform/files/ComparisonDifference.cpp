@@ -58,6 +58,7 @@ void ComparisonRun::difference(Folder& folder, const Reading& reading) {
                 linkSeen[i] = true;
                 isKnownLink = true;
                 noteIfChanged(*target, entry.status);
+                showUnder(links[i], folder.job.context);
             }
         }
         if (!isKnownLink) unknown.emplace_back(&entry, row);
@@ -81,6 +82,23 @@ void ComparisonRun::difference(Folder& folder, const Reading& reading) {
         placeUnknown(folder, *entry, displaced, reading);
         folder.changed = true;
     }
+}
+
+/// A file that clients do not see where it is known to be is shown under this further name of it, if they see that.
+void ComparisonRun::showUnder(const store::LinkRow& link, const FolderContext& context) {
+    auto row = session().index().byFileID(link.fileID);
+    if (!row || row->visible || row->state != ObjectState::live || !isVisibleEntry(context, link.name, false)) return;
+    write();
+    const store::LinkRow former{row->fileID, row->parent, row->name, 0};
+    session().index().removeLink(link);
+    row->parent = link.parent;
+    row->name = link.name;
+    row->position = session().numbers().nextPosition();
+    row->visible = true;
+    if (row->isDocument() && !row->documentID) row->documentID = session().numbers().nextDocument();
+    session().journal().recordChange(*row, store::kChangeCreated);
+    session().index().update(*row);
+    session().index().addLink(former);
 }
 
 /// A hint under a name that a file no longer has may have been of the file.
@@ -300,6 +318,7 @@ void ComparisonRun::arrive(const ObjectRow& folder, const FolderContext& context
             session().index().update(child);
             if (child.isDirectory()) pending.emplace_back(child.fileID, contextBelow(below, child));
         }
+        for (const store::LinkRow& link : session().index().linksIn(raw(id))) showUnder(link, below);
     }
 }
 

@@ -102,6 +102,7 @@ private:
     Result<HintOutcome> compareHintedWhole(const Job& job);
     void noteUnwatched(const Job& job, const std::vector<Job>* jobs);
     bool isToBeRead(const store::EntryRow& folder) const;
+    void showUnder(const store::LinkRow& link, const FolderContext& context);
     void noteOtherName(const store::LinkRow& link);
     bool isLive() const { return comparer_.watch_ != nullptr && comparer_.watch_->isLive(); }
     bool isWatched(FileID folder) const { return comparer_.watch_ != nullptr && comparer_.watch_->isWatched(folder); }
