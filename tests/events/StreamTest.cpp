@@ -316,6 +316,7 @@ TEST(Stream, WhatIsFoundWhileAHistoryIsToldBelongsToIt) {
 
 TEST(Stream, WhatLeftAFolderThatIsGoneFromARenamedOneIsTold) {
     TestDevice device;
+    testing::makeDirectories(device.path("folder/gone"));
     writeFile(device.path("folder/gone/document"), "");
     const EventID since = device.settle();
     std::filesystem::remove_all(device.path("folder/gone"));
