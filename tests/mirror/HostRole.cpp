@@ -119,7 +119,7 @@ private:
 
 }  // namespace
 
-int hostProvider(const std::string& home) {
+int hostProvider(const std::string& home, bool watches) {
     // The types of this device, not of whoever runs the test.
     ::setenv("XDG_DATA_HOME", (home + "/.local/share").c_str(), 1);
     ErrorLog log;
@@ -129,6 +129,8 @@ int hostProvider(const std::string& home) {
         return 1;
     }
     (*context)->prepareForRequests();
+    // Where the kernel offers nothing, comparing it is.
+    if (watches) (void)(*context)->watchForChanges();
     Host host(**context);
     while (const auto message = receive(STDIN_FILENO)) {
         if (!send(STDOUT_FILENO, host.answer(*message))) return 1;

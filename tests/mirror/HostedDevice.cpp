@@ -42,7 +42,7 @@ bool declarePackages(const std::string& home, const std::string& suffix) {
 
 }  // namespace
 
-HostedDevice::HostedDevice() {
+HostedDevice::HostedDevice(Finding finding) : finding_(finding) {
     for (const RootFolder& root : kRoots) testing::makeDirectories(path(root.path));
     testing::makeDirectories(path(kOutside));
     testing::makeDirectories(path(".local/share/applications"));
@@ -54,7 +54,10 @@ HostedDevice::HostedDevice() {
     start();
 }
 
-void HostedDevice::start() { host_ = std::make_unique<ChildProcess>(std::vector<std::string>{kHostRole, home_}); }
+void HostedDevice::start() {
+    host_ = std::make_unique<ChildProcess>(
+        std::vector<std::string>{kHostRole, home_, finding_ == Finding::watching ? kWatching : kComparing});
+}
 
 Message HostedDevice::ask(const Message& message) {
     if (host_->tell(message)) {

@@ -13,7 +13,9 @@ namespace tarnwell::mirror {
 /// A device in a private folder, with a storage root and two app libraries, and the process that hosts its provider.
 class HostedDevice {
 public:
-    HostedDevice();
+    /// How its host finds changes: comparing when it is asked, or told by the kernel.
+    enum class Finding { comparing, watching };
+    explicit HostedDevice(Finding finding = Finding::comparing);
 
     const std::string& home() const { return home_; }
     std::string path(const std::string& relative) const { return home_ + "/" + relative; }
@@ -33,6 +35,7 @@ private:
     testing::TemporaryDirectory directory_;
     const std::string home_ = directory_.path("home");
     std::optional<std::string> packageSuffix_;
+    const Finding finding_;
     std::unique_ptr<ChildProcess> host_;
 };
 

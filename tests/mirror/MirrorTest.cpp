@@ -30,7 +30,7 @@ std::size_t operationsWanted() {
 /// Processes that change files at the same time, and clients that follow as they like.
 class Workday {
 public:
-    explicit Workday(std::uint64_t seed) : random_(seed) {
+    Workday(std::uint64_t seed, HostedDevice::Finding finding) : random_(seed), device_(finding) {
         for (std::size_t i = 0; i < kChangers; ++i) {
             changers_.push_back(std::make_unique<ChildProcess>(
                 std::vector<std::string>{kChangerRole, device_.home(), std::to_string(random_()), "/etc/passwd"}));
@@ -214,11 +214,10 @@ private:
     std::size_t quietPoints_ = 0;
 };
 
-TEST(Mirror, EqualsTheDiskAtEveryQuietPointWhereverItStoppedAndResumed) {
+void followThrough(std::size_t operations, HostedDevice::Finding finding) {
     const std::uint64_t seed = testing::chooseSeed("Mirror");
-    const std::size_t operations = operationsWanted();
     std::mt19937_64 random(seed);
-    Workday run(random());
+    Workday run(random(), finding);
     for (std::size_t done = 0; done < operations;) {
         const std::size_t batch = 30 + random() % 400;
         run.round(batch);
@@ -232,6 +231,14 @@ TEST(Mirror, EqualsTheDiskAtEveryQuietPointWhereverItStoppedAndResumed) {
     }
     EXPECT_GT(run.quietPoints(), operations / 1000);
     std::printf("%zu operations, %zu quiet points\n", operations, run.quietPoints());
+}
+
+TEST(Mirror, EqualsTheDiskAtEveryQuietPointWhereverItStoppedAndResumed) {
+    followThrough(operationsWanted(), HostedDevice::Finding::comparing);
+}
+
+TEST(Mirror, DoesSoWhileTheKernelTellsOfChanges) {
+    followThrough(operationsWanted() / 2, HostedDevice::Finding::watching);
 }
 
 }  // namespace

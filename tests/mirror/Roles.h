@@ -10,6 +10,9 @@
 namespace tarnwell::mirror {
 
 inline constexpr const char* kHostRole = "--host-provider";
+/// How the host finds changes, its second argument.
+inline constexpr const char* kWatching = "watching";
+inline constexpr const char* kComparing = "comparing";
 inline constexpr const char* kChangerRole = "--change-files";
 
 /// Hosts the provider of the device in that home.
@@ -24,7 +27,7 @@ inline constexpr const char* kChangerRole = "--change-files";
 /// item |
 ///
 /// A failure is answered with "error", its domain, its code and a text.
-int hostProvider(const std::string& home);
+int hostProvider(const std::string& home, bool watches);
 
 /// Changes files below the root at random, from a seed; `links` is where links that it makes lead. The message is the
 /// number of steps and the microseconds of rest after each, the answer says what was done, a step each.

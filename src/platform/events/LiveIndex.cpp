@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <utility>
 
 namespace tarnwell::events {
 namespace {
@@ -15,6 +16,9 @@ namespace {
 constexpr int kGatheringMilliseconds = 10;
 /// From one look at the folders that cannot be watched to the next, at least.
 constexpr std::chrono::milliseconds kPollInterval{2000};
+/// Folders that move while they are looked for are looked for so often, now and with the next hints.
+constexpr int kMostAttempts = 4;
+constexpr int kMostCarriedRounds = 5;
 /// After a failure the next try waits.
 constexpr int kRetryMilliseconds = 1000;
 
@@ -76,8 +80,7 @@ Result<void> LiveIndex::apply() {
         // Whatever is gone was so at that time already, and nothing has been heard of it since.
         if (auto purged = comparer_.purgeGone(); !purged) return purged;
     }
-    Pending pending;
-    std::vector<files::HintedFolder> stale;
+    Pending pending = std::exchange(carried_, {});
     for (int attempt = 0;; ++attempt) {
         if (!takeHints(pending)) knowsNothing_ = true;
         if (knowsNothing_) {
@@ -87,6 +90,7 @@ Result<void> LiveIndex::apply() {
             if (!compared) return compared;
             knowsNothing_ = false;
             pending.clear();
+            carried_.clear();
             // What happened while it ran has been hinted at again.
             if (attempt == 0) continue;
         }
@@ -98,10 +102,21 @@ Result<void> LiveIndex::apply() {
         pending.clear();
         auto left = comparer_.compareHinted(std::move(hinted));
         if (!left) return failure(left.error());
-        if (left->empty()) return {};
-        // They moved. The hint of that came meanwhile, or is not to be had.
-        if (attempt == 2) return {};
-        if (attempt == 1) {
+        if (left->empty() && !comparer_.hasUnread()) {
+            carriedRounds_ = 0;
+            return {};
+        }
+        // They moved. The hint of that came meanwhile, or is to be had in a moment: they go on moving.
+        if (attempt == kMostAttempts) {
+            for (auto& one : *left) carried_.insert_or_assign(one.folder, std::move(one));
+            if (++carriedRounds_ <= kMostCarriedRounds) return {};
+            // What is not found for long is nowhere that the index leads to.
+            carriedRounds_ = 0;
+            comparer_.forgetUnread();
+            knowsNothing_ = true;
+            return {};
+        }
+        if (attempt > 0 && !left->empty()) {
             if (auto compared = comparer_.compare({}, files::Detail::names); !compared) return compared;
         }
         for (auto& one : *left) pending.insert_or_assign(one.folder, std::move(one));

@@ -67,6 +67,8 @@ private:
     std::atomic<bool> rewatch_{false};  ///< after an overflow not even the watches are known to be there
     std::mutex applyMutex_;             ///< one application of hints at a time
     bool knowsNothing_ = false;         ///< under applyMutex_: hints were lost
+    Pending carried_;                   ///< under applyMutex_: of folders that were not found so far
+    int carriedRounds_ = 0;
     std::chrono::steady_clock::time_point lastApplied_;  ///< under applyMutex_
     mutable std::mutex mutex_;
     std::set<FileID> polled_;  ///< under mutex_

@@ -59,6 +59,11 @@ Result<std::vector<HintedFolder>> Comparer::compareHinted(std::vector<HintedFold
     return left;
 }
 
+void Comparer::forgetUnread() {
+    std::lock_guard running(runMutex_);
+    unread_.clear();
+}
+
 bool Comparer::hasUnread() {
     std::lock_guard running(runMutex_);
     return !unread_.empty();

@@ -73,6 +73,8 @@ public:
     Result<std::vector<HintedFolder>> compareHinted(std::vector<HintedFolder> hinted);
     /// True when `compareHinted` has something to look at without any hint.
     bool hasUnread();
+    /// Gives those up: whoever calls it compares everything next.
+    void forgetUnread();
     /// Forgets for good the objects that are gone. To be called when no hint of the last kSavingTime is left to look
     /// at.
     Result<void> purgeGone();

@@ -251,17 +251,25 @@ Result<bool> ComparisonRun::processFolder(const Job& job, Detail detail, std::ve
         complete_ = false;
         return false;
     };
+    // It moved since it was found: where it is now nobody has looked at it yet.
+    const auto leaveForLater = [&] {
+        if (comparer_.watch_ != nullptr) comparer_.unread_.insert(job.folder);
+        return leaveOut();
+    };
     auto status = statusOf(job);
-    if (!status) return leaveOut();
+    if (!status) return leaveForLater();
     auto row = session().index().byFileID(job.folder);
     if (auto checked = session().check(); !checked) return failure(checked.error());
-    if (!row || row->identity.inode != status->inode || row->identity.birth != status->birth) return leaveOut();
+    if (!row) return leaveOut();
+    if (row->identity.inode != status->inode || row->identity.birth != status->birth) return leaveForLater();
     // The folder itself was removed while it is held open: that says nothing of what it held elsewhere.
     if (status->links == 0) return leaveOut();
     if (comparer_.watch_ != nullptr && !comparer_.watch_->isWatched(job.folder)) {
         auto handle = openHandle(job);
         status = handle ? filesystem::statusOf(handle->get()) : Result<filesystem::Status>(failure(handle.error()));
-        if (!status || row->identity.inode != status->inode || row->identity.birth != status->birth) return leaveOut();
+        if (!status || row->identity.inode != status->inode || row->identity.birth != status->birth) {
+            return leaveForLater();
+        }
         comparer_.watch_->watch(handle->get(), job.folder);
         // What is trusted of it must be newer than the watch.
         status = filesystem::statusOf(handle->get());
@@ -286,9 +294,9 @@ Result<bool> ComparisonRun::processFolder(const Job& job, Detail detail, std::ve
         }
     }
     auto descriptor = filesystem::openBeneath(job.root->directory.get(), job.relative, O_RDONLY | O_DIRECTORY);
-    if (!descriptor) return leaveOut();
+    if (!descriptor) return isGoneWhileWorking(descriptor.error()) ? leaveForLater() : leaveOut();
     auto opened = filesystem::statusOf(descriptor->get());
-    if (!opened || opened->inode != status->inode || opened->birth != status->birth) return leaveOut();
+    if (!opened || opened->inode != status->inode || opened->birth != status->birth) return leaveForLater();
 
     auto reading = readFolder(descriptor->get(), *opened);
     if (!reading && reading.error().domain != ErrorDomain::posix) return failure(reading.error());
