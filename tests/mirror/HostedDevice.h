@@ -15,7 +15,9 @@ class HostedDevice {
 public:
     /// How its host finds changes: comparing when it is asked, or told by the kernel.
     enum class Finding { comparing, watching };
-    explicit HostedDevice(Finding finding = Finding::comparing);
+    /// Without packages, folders are folders whatever their names.
+    enum class Packages { declared, none };
+    explicit HostedDevice(Finding finding = Finding::comparing, Packages packages = Packages::declared);
 
     const std::string& home() const { return home_; }
     std::string path(const std::string& relative) const { return home_ + "/" + relative; }

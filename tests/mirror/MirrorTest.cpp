@@ -24,13 +24,15 @@ constexpr std::size_t kLinesOfAccount = 1500;
 
 std::size_t operationsWanted() {
     if (const char* given = std::getenv("TARNWELL_MIRROR_OPERATIONS")) return std::strtoull(given, nullptr, 10);
-    return testing::isLongRun() ? 200'000 : 20'000;
+    return testing::isLongRun() ? 200'000 : 10'000;
 }
 
 /// Processes that change files at the same time, and clients that follow as they like.
 class Workday {
 public:
-    Workday(std::uint64_t seed, HostedDevice::Finding finding) : random_(seed), device_(finding) {
+    Workday(std::uint64_t seed, HostedDevice::Finding finding)
+        : random_(seed),
+          device_(finding, testing::isLongRun() ? HostedDevice::Packages::declared : HostedDevice::Packages::none) {
         for (std::size_t i = 0; i < kChangers; ++i) {
             changers_.push_back(std::make_unique<ChildProcess>(
                 std::vector<std::string>{kChangerRole, device_.home(), std::to_string(random_()), "/etc/passwd"}));
