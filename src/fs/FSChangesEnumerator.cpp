@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "fs/DirectoryScan.h"
+#include "fs/FSEventClassifier.h"
 #include "fs/FileIDUpdate.h"
 #include "fs/GatherPhaseResumeCheck.h"
 #include "fs/LocalFileEnumerator.h"
@@ -110,10 +111,7 @@ void FSChangesEnumerator::begin() {
 void FSChangesEnumerator::goOnInFolder() {
     const FileID folder = *reached_.folder;
     const auto url = TWPFileObjectIdentifier(environment_.items).fileURLWithFileIdentifier(raw(folder));
-    const bool isMonitored = url && std::ranges::any_of(urls_, [&](const URL& monitored) {
-                                 return relationship(monitored, *url) == Relationship::contains;
-                             });
-    if (!isMonitored || !environment_.items.files.isFolder(*url)) {
+    if (!url || !isBelowOneOf(urls_, *url) || !environment_.items.files.isFolder(*url)) {
         // It went on or away, or became a package: its own records tell that.
         reached_.folder.reset();
         return;
@@ -286,16 +284,14 @@ void FSChangesEnumerator::startDocumentPass() {
 
 void FSChangesEnumerator::finish(bool moreComing) {
     isFinished_ = true;
-    stopReader();
+    reader()->stopSoon();
     observer_->finishEnumeratingChangesUpToSyncAnchor(currentToken_.encode(), moreComing);
 }
 
 void FSChangesEnumerator::fail(const Error& error) {
     isFinished_ = true;
-    stopReader();
+    reader()->stopSoon();
     observer_->finishEnumeratingWithError(error);
 }
-
-void FSChangesEnumerator::stopReader() const { reader()->stopSoon(); }
 
 }  // namespace tarnwell::fs

@@ -66,7 +66,6 @@ private:
     void startDocumentPass();
     void finish(bool moreComing);
     void fail(const Error& error);
-    void stopReader() const;
 
     const FSEnvironment& environment_;
     ChangeToken currentToken_;

@@ -1,5 +1,6 @@
 #include "fs/FSEventClassifier.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <limits>
 
@@ -66,6 +67,11 @@ ClassifiedEvent deletion(URL url) { return {Kind::deleted, std::move(url), nullp
 
 }  // namespace
 
+bool isBelowOneOf(const std::vector<URL>& folders, const URL& url) {
+    return std::ranges::any_of(folders,
+                               [&](const URL& folder) { return relationship(folder, url) == Relationship::contains; });
+}
+
 bool isHiddenBelowRoot(std::string_view path) {
     Components components(path);
     auto component = components.next();
@@ -127,7 +133,8 @@ std::optional<ClassifiedEvent> FSEventClassifier::classifyElsewhere(const events
                                          : Result<FileID>(*event.fileID);
     if (!fileID) return std::nullopt;
     auto url = items.files.pathOfFileID(*fileID, *device);
-    if (!url || url->path() == path || isHiddenBelowRoot(url->path()) || !isMonitored(*url)) return std::nullopt;
+    if (!url || url->path() == path || isHiddenBelowRoot(url->path()) || !isBelowOneOf(urls_, *url))
+        return std::nullopt;
     if (liesInPackage(*url)) return std::nullopt;
     auto item = itemAt(*url);
     if (!item || !isNamedBy(*item, event)) return std::nullopt;
@@ -165,7 +172,7 @@ bool FSEventClassifier::passes(const URL& url) const {
         drop(url, "URL is hidden");
         return false;
     }
-    if (!isMonitored(url)) {
+    if (!isBelowOneOf(urls_, url)) {
         drop(url, "URL is not monitored");
         return false;
     }
@@ -173,16 +180,9 @@ bool FSEventClassifier::passes(const URL& url) const {
 }
 
 bool FSEventClassifier::liesInPackage(const URL& url) const {
-    for (URL folder = url.deletingLastPathComponent(); isMonitored(folder);
+    for (URL folder = url.deletingLastPathComponent(); isBelowOneOf(urls_, folder);
          folder = folder.deletingLastPathComponent()) {
         if (!environment_.items.files.isFolder(folder)) return true;
-    }
-    return false;
-}
-
-bool FSEventClassifier::isMonitored(const URL& url) const {
-    for (const URL& folder : urls_) {
-        if (relationship(folder, url) == Relationship::contains) return true;
     }
     return false;
 }

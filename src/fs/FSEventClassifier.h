@@ -31,7 +31,6 @@ private:
     bool passes(const URL& url) const;
     /// True when a folder on the way from a monitored one to the object is a package, or is none any more.
     bool liesInPackage(const URL& url) const;
-    bool isMonitored(const URL& url) const;
     std::shared_ptr<items::LocalItem> itemAt(const URL& url) const;
     void drop(const URL& url, std::string_view reason) const;
     ClassifiedEvent dropMismatch(const URL& url, const std::string& found, const std::string& named) const;
@@ -39,6 +38,9 @@ private:
     const FSEnvironment& environment_;
     const std::vector<URL>& urls_;
 };
+
+/// True when the URL lies below one of the folders; the folders themselves do not.
+bool isBelowOneOf(const std::vector<URL>& folders, const URL& url);
 
 /// True when a component below the root that holds the path begins with ".", except a ".Trash" right below the root. A
 /// root's path ends with the first component "Documents"; a path without one is below no root and not hidden.

@@ -9,8 +9,8 @@
 
 #include <algorithm>
 
+#include "platform/base/SystemCall.h"
 #include "platform/filesystem/Beneath.h"
-#include "platform/filesystem/SystemCall.h"
 
 namespace tarnwell::filesystem {
 namespace {

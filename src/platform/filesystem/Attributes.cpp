@@ -6,8 +6,9 @@
 #include <algorithm>
 #include <array>
 
+#include "platform/base/SystemCall.h"
 #include "platform/filesystem/Beneath.h"
-#include "platform/filesystem/SystemCall.h"
+#include "platform/filesystem/EntryName.h"
 
 #ifndef __NR_getxattrat
 #define __NR_getxattrat 464

@@ -13,7 +13,8 @@
 #include <cstring>
 #include <limits>
 
-#include "platform/filesystem/SystemCall.h"
+#include "platform/base/SystemCall.h"
+#include "platform/filesystem/EntryName.h"
 
 namespace tarnwell::filesystem {
 namespace {

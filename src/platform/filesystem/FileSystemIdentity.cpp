@@ -10,8 +10,8 @@
 #include <array>
 #include <cstring>
 
+#include "platform/base/SystemCall.h"
 #include "platform/filesystem/Beneath.h"
-#include "platform/filesystem/SystemCall.h"
 
 namespace tarnwell::filesystem {
 namespace {

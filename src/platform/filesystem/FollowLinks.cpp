@@ -6,8 +6,8 @@
 #include <array>
 #include <climits>
 
+#include "platform/base/SystemCall.h"
 #include "platform/filesystem/Beneath.h"
-#include "platform/filesystem/SystemCall.h"
 
 namespace tarnwell::filesystem {
 namespace {

@@ -9,7 +9,7 @@
 #include <array>
 
 #include "platform/base/Descriptor.h"
-#include "platform/filesystem/SystemCall.h"
+#include "platform/base/SystemCall.h"
 
 namespace tarnwell::filesystem {
 namespace {

@@ -9,8 +9,8 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "platform/base/SystemCall.h"
 #include "platform/filesystem/Beneath.h"
-#include "platform/filesystem/SystemCall.h"
 
 namespace tarnwell {
 namespace {
@@ -83,8 +83,8 @@ Result<Descriptor> openFolder(int parent, const char* path, std::uint64_t resolv
     how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
     how.resolve = resolve;
     const long fd =
-        filesystem::untilNotInterrupted([&] { return ::syscall(SYS_openat2, parent, path, &how, sizeof how); });
-    if (fd < 0) return filesystem::failedCall();
+        untilNotInterrupted([&] { return ::syscall(SYS_openat2, parent, path, &how, sizeof how); });
+    if (fd < 0) return failedCall();
     return Descriptor(static_cast<int>(fd));
 }
 
@@ -99,7 +99,7 @@ Result<ResolvedFolder> resolveFolder(const std::string& path) {
         return failure(posixError(EINVAL, "a root needs an absolute path: " + path));
     }
     const std::unique_ptr<char, void (*)(void*)> resolved(::realpath(path.c_str(), nullptr), &std::free);
-    if (!resolved) return filesystem::failedCall();
+    if (!resolved) return failedCall();
     std::string realPath(resolved.get());
     if (realPath == kMadeUp.substr(0, kMadeUp.size() - 1) || realPath.starts_with(kMadeUp)) {
         return failure(posixError(EINVAL, "nothing in /.tarnwell can be monitored: " + realPath));

@@ -4,8 +4,8 @@
 
 #include <fcntl.h>
 
+#include "platform/base/SystemCall.h"
 #include "platform/watch/QueueReading.h"
-#include "platform/watch/SystemCall.h"
 
 namespace tarnwell::watch {
 namespace {

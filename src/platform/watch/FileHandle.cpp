@@ -4,7 +4,7 @@
 
 #include <fcntl.h>
 
-#include "platform/watch/SystemCall.h"
+#include "platform/base/SystemCall.h"
 
 namespace tarnwell::watch {
 

@@ -2,8 +2,7 @@
 
 #include <memory>
 
-#include "platform/watch/FanotifyGroup.h"
-#include "platform/watch/Source.h"
+#include "platform/watch/GroupSource.h"
 
 namespace tarnwell::watch {
 
@@ -11,23 +10,16 @@ namespace tarnwell::watch {
 /// system was mounted. Watching a directory is remembering its handle, and no limit of the kernel counts it; in
 /// exchange the kernel tells of every change on the file system, and those outside our directories are read and
 /// dropped.
-class FileSystemSource : public Source {
+class FileSystemSource : public GroupSource {
 public:
     /// `directory` is any directory of the file system.
     static Result<std::unique_ptr<FileSystemSource>> create(const Directory& directory);
 
     std::string_view name() const override { return "fanotify on file system"; }
-    int descriptor() const override { return group_.descriptor(); }
     Result<void> watch(const Directory& directory, FileID number) override;
-    void unwatch(FileID number) override { group_.remove(number); }
-    bool isWatched(FileID number) const override { return group_.isWatched(number); }
-    std::size_t watches() const override { return group_.watches(); }
-    std::vector<FileID> numbers() const override { return group_.numbers(); }
-    Result<void> drain(HintCollector& collector) override { return group_.drain(collector); }
 
 private:
-    explicit FileSystemSource(FanotifyGroup group) : group_(std::move(group)) {}
-    FanotifyGroup group_;
+    explicit FileSystemSource(FanotifyGroup group) : GroupSource(std::move(group)) {}
 };
 
 }  // namespace tarnwell::watch

@@ -5,8 +5,8 @@
 
 #include <sys/inotify.h>
 
+#include "platform/base/SystemCall.h"
 #include "platform/watch/QueueReading.h"
-#include "platform/watch/SystemCall.h"
 
 namespace tarnwell::watch {
 namespace {

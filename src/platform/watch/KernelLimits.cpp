@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "platform/base/Descriptor.h"
-#include "platform/watch/SystemCall.h"
+#include "platform/base/SystemCall.h"
 
 namespace tarnwell::watch {
 namespace {

@@ -12,11 +12,11 @@
 #include <sys/sysmacros.h>
 
 #include "platform/base/Descriptor.h"
+#include "platform/base/SystemCall.h"
 #include "platform/watch/FanotifySource.h"
 #include "platform/watch/FileSystemSource.h"
 #include "platform/watch/InotifySource.h"
 #include "platform/watch/Source.h"
-#include "platform/watch/SystemCall.h"
 #include "platform/watch/UnmountNotice.h"
 
 namespace tarnwell::watch {

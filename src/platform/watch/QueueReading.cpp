@@ -7,7 +7,7 @@
 
 #include <unistd.h>
 
-#include "platform/watch/SystemCall.h"
+#include "platform/base/SystemCall.h"
 
 namespace tarnwell::watch {
 

@@ -9,9 +9,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "platform/base/SystemCall.h"
 #include "platform/watch/InotifyRecords.h"
 #include "platform/watch/QueueReading.h"
-#include "platform/watch/SystemCall.h"
 
 namespace tarnwell::watch {
 namespace {

@@ -5,8 +5,8 @@
 
 #include "platform/base/Result.h"
 
-/// What the sources need around their system calls; stays inside this folder.
-namespace tarnwell::watch {
+/// What the services of the platform need around their system calls.
+namespace tarnwell {
 
 /// Runs a system call again for as long as a signal interrupts it.
 template <typename Call>
@@ -23,4 +23,4 @@ inline std::unexpected<Error> failedCall() { return failure(posixError(errno)); 
 /// The path by which the kernel reaches an open object, whatever became of its name.
 inline std::string pathOfDescriptor(int descriptor) { return "/proc/self/fd/" + std::to_string(descriptor); }
 
-}  // namespace tarnwell::watch
+}  // namespace tarnwell
