@@ -1,428 +1,9 @@
 #include "host/Changes.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <chrono>
-#include <map>
-#include <set>
-#include <thread>
-
-#include "fs/ChangeToken.h"
-#include "host/Listing.h"
-#include "hostframework/HostError.h"
-#include "hostframework/TagCodec.h"
-#include "items/LocalItem.h"
-#include "items/TarnwellError.h"
-#include "platform/archive/KeyedArchive.h"
-#include "platform/files/ChangeTime.h"
-#include "provider/LocalProvider.h"
-#include "testing/TestDevice.h"
+#include "tests/host/ChangesFixture.h"
 
 namespace tarnwell::host {
 namespace {
-
-using hostframework::ItemIdentifier;
-using hostframework::kAllDirectoriesContainer;
-using hostframework::kRootContainer;
-using hostframework::kWorkingSetContainer;
-using hostframework::SyncAnchor;
-using testing::makeDirectories;
-using testing::writeFile;
-using Texts = std::vector<std::string>;
-
-bool isExpired(const Result<ChangeBatch>& batch) {
-    return !batch && batch.error().is(ErrorDomain::host, hostframework::kSyncAnchorExpired);
-}
-
-Texts updatesIn(const ChangeBatch& batch) {
-    Texts identifiers;
-    for (const auto& report : batch.reports) {
-        if (report.updated) identifiers.push_back(report.updated->itemIdentifier());
-    }
-    return identifiers;
-}
-
-Texts deletionsIn(const ChangeBatch& batch) {
-    Texts identifiers;
-    for (const auto& report : batch.reports) {
-        if (report.deleted) identifiers.push_back(*report.deleted);
-    }
-    return identifiers;
-}
-
-std::multiset<std::string> updatedNames(const ChangeBatch& batch) {
-    std::multiset<std::string> names;
-    for (const auto& report : batch.reports) {
-        if (report.updated) names.insert(report.updated->filename());
-    }
-    return names;
-}
-
-/// A device of one person with its provider on top, as a host has them. Only errors are logged.
-class ChangesTest : public ::testing::Test {
-protected:
-    ChangesTest() { open(); }
-    ~ChangesTest() override { close(); }
-
-    void open() {
-        device_.log().setThreshold(log::Level::error);
-        environment_.emplace(fs::FSEnvironment{device_.environment(), device_.events(), device_.pool()});
-        appLibraries_ = std::make_unique<applibraries::AppLibraryContext>(device_.environment(), device_.registry(),
-                                                                          device_.pool(), device_.applicationSupport());
-        provider_ = provider::LocalProvider::create(provider::ProviderContext{*environment_, *appLibraries_});
-    }
-    void close() {
-        provider_.reset();
-        // What enumerators and readers put on their queues when they ended still uses the services.
-        device_.pool()->waitUntilQuiet();
-        appLibraries_.reset();
-        environment_.reset();
-    }
-    /// As a new start of the program.
-    void restart() {
-        close();
-        device_.restart();
-        open();
-    }
-    /// The kernel's hints keep the index from now on; sources are chosen before anything is asked.
-    void watch() {
-        close();
-        device_.watch();
-        open();
-    }
-
-    ItemIdentifier identifierOf(const std::string& relative) {
-        const auto identifier = provider_->persistentIdentifierForItemAtURL(device_.url(relative));
-        EXPECT_TRUE(identifier) << relative;
-        return identifier.value_or("");
-    }
-    SyncAnchor anchorOf(const ItemIdentifier& container) {
-        const auto anchor = currentSyncAnchor(*provider_, container);
-        EXPECT_TRUE(anchor && *anchor);
-        return anchor && *anchor ? **anchor : SyncAnchor();
-    }
-    ChangeFollower follow(const ItemIdentifier& container) {
-        auto follower = ChangeFollower::create(*provider_, container);
-        if (!follower) ADD_FAILURE() << describe(follower.error());
-        return std::move(follower.value());
-    }
-    /// One request, which must be answered.
-    ChangeBatch answer(ChangeFollower& follower, const SyncAnchor& since) {
-        auto batch = follower.changesSince(since);
-        if (!batch) {
-            ADD_FAILURE() << describe(batch.error());
-            return {};
-        }
-        return std::move(*batch);
-    }
-    ChangeBatch answer(const ItemIdentifier& container, const SyncAnchor& since) {
-        auto follower = follow(container);
-        return answer(follower, since);
-    }
-    Result<ChangeBatch> ask(const ItemIdentifier& container, const SyncAnchor& since) {
-        return follow(container).changesSince(since);
-    }
-
-    void write(const std::string& relative, std::string_view content = "x") {
-        writeFile(device_.path(relative), content);
-    }
-    void make(const std::string& relative) { makeDirectories(device_.path(relative)); }
-    void rename(const std::string& from, const std::string& to) {
-        ASSERT_EQ(std::rename(device_.path(from).c_str(), device_.path(to).c_str()), 0) << from;
-    }
-    void remove(const std::string& relative) { ASSERT_EQ(std::remove(device_.path(relative).c_str()), 0) << relative; }
-    void tag(const std::string& relative, const std::string& label) {
-        const Bytes bytes = archive::archiveRoot({archive::ArchivedArray{{label}}});
-        testing::setUserAttribute(device_.path(relative), items::LocalItem::xattrTagDataName,
-                                  std::string(bytes.begin(), bytes.end()));
-    }
-    /// `prefix`0, `prefix`1, … in the folder; returns their names.
-    std::multiset<std::string> writeMany(const std::string& folder, int count, const std::string& prefix) {
-        std::multiset<std::string> names;
-        for (int i = 0; i < count; ++i) {
-            names.insert(prefix + std::to_string(i));
-            write(folder + "/" + prefix + std::to_string(i));
-        }
-        return names;
-    }
-    /// Until nothing that was done so far is too young to be told of once only: what changes while it is looked at may
-    /// be told of twice.
-    static void waitUntilSettled() {
-        const auto now = files::stampingClock();
-        while (!files::isSettled(now, files::stampingClock())) std::this_thread::yield();
-    }
-    void writeAndAskAgain(int rounds);
-    enum class Look { afterwards, betweenTheSteps };
-    void keepDocumentThroughSafeSave(Look look);
-
-    testing::TestDevice device_;
-    std::optional<fs::FSEnvironment> environment_;
-    std::unique_ptr<applibraries::AppLibraryContext> appLibraries_;
-    std::shared_ptr<provider::LocalProvider> provider_;
-};
-
-TEST_F(ChangesTest, Comes200AtATime) {
-    make("folder");
-    for (const auto& container : {identifierOf("folder"), kRootContainer, kWorkingSetContainer}) {
-        SCOPED_TRACE(container);
-        const SyncAnchor since = anchorOf(container);
-        const bool isFolder = container.starts_with("fid=");
-        // A folder in which something was created has changed as well; the storage root is no item.
-        const auto created = writeMany(isFolder ? "folder" : "", 450, container.substr(0, 1));
-        waitUntilSettled();
-        auto follower = follow(container);
-        std::multiset<std::string> told;
-        std::vector<std::size_t> sizes;
-        std::vector<bool> more;
-        SyncAnchor anchor = since;
-        for (int request = 0; request < 5 && (more.empty() || more.back()); ++request) {
-            const auto batch = answer(follower, anchor);
-            anchor = batch.anchor;
-            told.merge(updatedNames(batch));
-            EXPECT_TRUE(deletionsIn(batch).empty());
-            sizes.push_back(batch.reports.size());
-            more.push_back(batch.moreComing);
-        }
-        EXPECT_EQ(sizes, (std::vector<std::size_t>{200, 200, 50}));
-        EXPECT_EQ(more, (std::vector<bool>{true, true, false}));
-        EXPECT_EQ(told, created);
-        EXPECT_TRUE(answer(follower, anchor).reports.empty());
-        // The whole of it again for whoever still stands where it began.
-        EXPECT_EQ(answer(follower, since).reports.size(), 200u);
-    }
-}
-
-TEST_F(ChangesTest, Exactly200GiveAFullBatchAndAnEmptyOne) {
-    make("folder");
-    const auto container = identifierOf("folder");
-    for (const int count : {199, 200, 201}) {
-        SCOPED_TRACE(count);
-        const SyncAnchor since = anchorOf(container);
-        const auto created = writeMany("folder", count, std::to_string(count) + "-");
-        waitUntilSettled();
-        auto follower = follow(container);
-        auto told = std::multiset<std::string>();
-        const auto first = answer(follower, since);
-        EXPECT_EQ(first.reports.size(), static_cast<std::size_t>(std::min(count, 200)));
-        EXPECT_EQ(first.moreComing, count >= 200);
-        told.merge(updatedNames(first));
-        if (first.moreComing) {
-            const auto second = answer(follower, first.anchor);
-            EXPECT_EQ(second.reports.size(), static_cast<std::size_t>(count - 200));
-            EXPECT_FALSE(second.moreComing);
-            told.merge(updatedNames(second));
-        }
-        EXPECT_EQ(told, created);
-    }
-}
-
-/// After the first batch more happens, to what was told and to what was not; nothing is lost and nothing is shifted.
-TEST_F(ChangesTest, ABatchsAnchorIsGoodAfterMoreChangesAndAfterRestarts) {
-    make("folder");
-    const auto container = identifierOf("folder");
-    const SyncAnchor since = anchorOf(container);
-    const auto all = writeMany("folder", 450, "f");
-    waitUntilSettled();
-    ChangeBatch batch = answer(container, since);
-    ASSERT_TRUE(batch.moreComing);
-    ASSERT_EQ(batch.reports.size(), 200u);
-    std::map<std::string, std::string> mirror;  // name by identifier, as a client keeps it
-    std::multiset<std::string> told;
-    const auto apply = [&](const ChangeBatch& next) {
-        for (const auto& report : next.reports) {
-            if (report.updated) {
-                mirror[report.updated->itemIdentifier()] = report.updated->filename();
-                told.insert(report.updated->filename());
-            } else {
-                EXPECT_EQ(mirror.erase(*report.deleted), 1u) << *report.deleted;
-            }
-        }
-    };
-    apply(batch);
-    const Texts first(told.begin(), told.end());
-    ASSERT_EQ(first.size(), 200u);
-
-    // Of those told: 20 are written again, 10 go, 10 are renamed. 30 are new, and of those not told 5 are written
-    // again.
-    for (int i = 0; i < 20; ++i) write("folder/" + first[static_cast<std::size_t>(i)], "again");
-    for (int i = 20; i < 30; ++i) remove("folder/" + first[static_cast<std::size_t>(i)]);
-    for (int i = 30; i < 40; ++i) {
-        const auto& name = first[static_cast<std::size_t>(i)];
-        rename("folder/" + name, "folder/renamed-" + name);
-    }
-    writeMany("folder", 30, "new");
-    Texts rest;
-    for (const auto& name : all) {
-        if (!std::ranges::count(first, name)) rest.push_back(name);
-    }
-    ASSERT_EQ(rest.size(), 250u);
-    for (std::size_t i = 0; i < 5; ++i) write("folder/" + rest[i], "again");
-    waitUntilSettled();
-    restart();
-
-    const auto second = answer(container, batch.anchor);
-    EXPECT_EQ(second.reports.size(), 200u);
-    EXPECT_TRUE(second.moreComing);
-    restart();
-    // The same anchor a second time is the same place; what was written again meanwhile may come later.
-    const auto withoutWrittenAgain = [&](const ChangeBatch& next) {
-        Texts names;
-        for (const auto& report : next.reports) {
-            if (!report.updated) continue;
-            const auto& name = report.updated->filename();
-            if (std::find(rest.begin(), rest.begin() + 5, name) == rest.begin() + 5) names.push_back(name);
-        }
-        names.resize(std::min<std::size_t>(names.size(), 190));
-        return names;
-    };
-    const auto again = answer(container, batch.anchor);
-    EXPECT_EQ(withoutWrittenAgain(again), withoutWrittenAgain(second));
-    apply(second);
-    batch = second;
-    write("folder/last");
-    waitUntilSettled();
-    for (int request = 0; request < 5 && batch.moreComing; ++request) {
-        restart();
-        batch = answer(container, batch.anchor);
-        apply(batch);
-    }
-    EXPECT_FALSE(batch.moreComing);
-
-    for (std::size_t i = 5; i < rest.size(); ++i) EXPECT_EQ(told.count(rest[i]), 1u) << rest[i];
-    for (std::size_t i = 40; i < first.size(); ++i) EXPECT_EQ(told.count(first[i]), 1u) << first[i];
-    for (int i = 0; i < 30; ++i) EXPECT_EQ(told.count("new" + std::to_string(i)), 1u) << i;
-    std::map<std::string, std::string> listed;
-    const auto items = listContainer(*provider_, container, {});
-    ASSERT_TRUE(items);
-    for (const auto& item : *items) listed[item.item->itemIdentifier()] = item.item->filename();
-    EXPECT_EQ(listed.size(), 471u);
-    EXPECT_EQ(mirror, listed);
-}
-
-TEST_F(ChangesTest, AnAnchorFromBeforeARestartIsGood) {
-    make("folder");
-    write("folder/kept");
-    write("folder/gone");
-    for (const auto& container : {identifierOf("folder"), kRootContainer, kAllDirectoriesContainer}) {
-        SCOPED_TRACE(container);
-        const SyncAnchor since = anchorOf(container);
-        const std::string name = "sub" + container.substr(0, 1);
-        restart();
-        make("folder/" + name);
-        const auto batch = answer(container, since);
-        EXPECT_TRUE(updatedNames(batch).contains(name)) << ::testing::PrintToString(updatedNames(batch));
-        EXPECT_FALSE(batch.moreComing);
-    }
-    const auto container = identifierOf("folder");
-    const auto gone = identifierOf("folder/gone");
-    const SyncAnchor since = anchorOf(container);
-    close();
-    remove("folder/gone");
-    device_.restart();
-    open();
-    EXPECT_EQ(deletionsIn(answer(container, since)), Texts{gone});
-}
-
-TEST_F(ChangesTest, AnAnchorOfAnotherStoreExpires) {
-    testing::TestDevice other;
-    for (const auto& container : {kRootContainer, kWorkingSetContainer}) {
-        const SyncAnchor since = anchorOf(container);
-        auto token = fs::ChangeToken::decode(since);
-        ASSERT_TRUE(token);
-        ASSERT_EQ(token->deviceUUID, device_.store().uuid());
-        ASSERT_NE(other.store().uuid(), device_.store().uuid());
-        token->deviceUUID = other.store().uuid();
-        EXPECT_TRUE(isExpired(ask(container, token->encode())));
-        EXPECT_TRUE(ask(container, since));
-    }
-}
-
-TEST_F(ChangesTest, AnAnchorOfTheFutureExpires) {
-    make("folder");
-    for (const auto& container : {kRootContainer, identifierOf("folder")}) {
-        auto token = fs::ChangeToken::decode(anchorOf(container));
-        ASSERT_TRUE(token);
-        for (const std::uint64_t further : {1ull, 1000ull, 1ull << 40}) {
-            auto future = *token;
-            future.streamEventID = EventID{raw(token->streamEventID) + further};
-            EXPECT_TRUE(isExpired(ask(container, future.encode()))) << further;
-        }
-        auto last = *token;
-        last.streamEventID = EventID{~0ull};
-        EXPECT_TRUE(isExpired(ask(container, last.encode())));
-        EXPECT_TRUE(ask(container, token->encode()));
-    }
-}
-
-TEST_F(ChangesTest, AnAnchorOfALostRangeExpires) {
-    make("folder");
-    write("folder/a");
-    const auto container = identifierOf("folder");
-    const SyncAnchor since = anchorOf(container);
-    const auto lost = raw(fs::ChangeToken::decode(since)->streamEventID);
-    write("folder/b");
-    write("folder/c");
-    const SyncAnchor later = anchorOf(container);
-    ASSERT_GT(raw(fs::ChangeToken::decode(later)->streamEventID), lost);
-    {
-        store::Session session(device_.store());
-        session.write();
-        session.journal().addLostRange(lost - 1, lost + 1);
-        ASSERT_TRUE(session.commit());
-    }
-    EXPECT_TRUE(isExpired(ask(container, since)));
-    EXPECT_TRUE(isExpired(ask(kRootContainer, since)));
-    EXPECT_TRUE(ask(container, later));
-}
-
-TEST_F(ChangesTest, EachFlippedByteExpiresOrIsAnotherToken) {
-    make("folder");
-    write("folder/a");
-    for (const auto& container : {kRootContainer, identifierOf("folder")}) {
-        SCOPED_TRACE(container);
-        const SyncAnchor since = anchorOf(container);
-        const auto good = fs::ChangeToken::decode(since);
-        ASSERT_TRUE(good);
-        auto follower = follow(container);
-        std::size_t expired = 0;
-        for (std::size_t at = 0; at < since.size(); ++at) {
-            for (const unsigned flip : {0x01u, 0x10u, 0x80u, 0xFFu}) {
-                SCOPED_TRACE("byte " + std::to_string(at) + " flipped by " + std::to_string(flip));
-                SyncAnchor damaged = since;
-                damaged[at] = static_cast<std::uint8_t>(damaged[at] ^ flip);
-                const auto batch = follower.changesSince(damaged);
-                const auto token = fs::ChangeToken::decode(damaged);
-                if (!batch) {
-                    EXPECT_TRUE(isExpired(batch)) << describe(batch.error());
-                    ++expired;
-                    continue;
-                }
-                ASSERT_TRUE(token);
-                EXPECT_EQ(token->deviceUUID, good->deviceUUID);
-                EXPECT_LE(raw(token->streamEventID), raw(good->streamEventID));
-                EXPECT_EQ(token->offset, 0u);
-                if (container == kRootContainer) {
-                    EXPECT_EQ(token->appLibraryVersionToken, 0u);
-                }
-                const auto next = fs::ChangeToken::decode(batch->anchor);
-                ASSERT_TRUE(next);
-                EXPECT_EQ(next->deviceUUID, good->deviceUUID);
-            }
-        }
-        EXPECT_GT(expired, since.size());
-        EXPECT_TRUE(follower.changesSince(since));
-    }
-}
-
-TEST_F(ChangesTest, AnAnchorThatIsNoTokenExpires) {
-    for (const auto& anchor : {SyncAnchor(), SyncAnchor(48, 0), SyncAnchor{1, 2, 3}}) {
-        EXPECT_TRUE(isExpired(ask(kRootContainer, anchor)));
-    }
-}
 
 TEST_F(ChangesTest, AFolderThatCameInBringsItsContents) {
     make("followed");
@@ -529,8 +110,16 @@ TEST_F(ChangesTest, AnAttributeChangeIsAnUpdate) {
     }
 }
 
+/// What programs do to files, looked at by comparing and by the kernel's hints.
+class WrittenFiles : public ChangesTest {
+protected:
+    void writeAndAskAgain(int rounds);
+    enum class Look { afterwards, betweenTheSteps };
+    void keepDocumentThroughSafeSave(Look look);
+};
+
 /// Every kind of write in turn, each followed by a request at once.
-void ChangesTest::writeAndAskAgain(int rounds) {
+void WrittenFiles::writeAndAskAgain(int rounds) {
     make("folder");
     for (const char* name : {"same", "grown", "tagged"}) write(std::string("folder/") + name);
     const auto container = identifierOf("folder");
@@ -597,9 +186,9 @@ void ChangesTest::writeAndAskAgain(int rounds) {
     ::close(rewrite);
 }
 
-TEST_F(ChangesTest, AWriteThatReturnedIsInTheReplyByComparing) { writeAndAskAgain(2000); }
+TEST_F(WrittenFiles, AWriteThatReturnedIsInTheReplyByComparing) { writeAndAskAgain(2000); }
 
-TEST_F(ChangesTest, AWriteThatReturnedIsInTheReplyByTheKernelsHints) {
+TEST_F(WrittenFiles, AWriteThatReturnedIsInTheReplyByTheKernelsHints) {
     watch();
     ASSERT_TRUE(device_.liveStatus());
     writeAndAskAgain(10'000);
@@ -607,7 +196,7 @@ TEST_F(ChangesTest, AWriteThatReturnedIsInTheReplyByTheKernelsHints) {
 }
 
 /// An editor that puts the old file aside and writes a new one under its name.
-void ChangesTest::keepDocumentThroughSafeSave(Look look) {
+void WrittenFiles::keepDocumentThroughSafeSave(Look look) {
     make("folder");
     const std::string folder = "folder", name = "folder/a";
     write(name, "first");
@@ -638,9 +227,9 @@ void ChangesTest::keepDocumentThroughSafeSave(Look look) {
     EXPECT_EQ(std::ranges::count(deletionsIn(answer(container, batch.anchor)), identifier), 0);
 }
 
-TEST_F(ChangesTest, ASafeSaveKeepsItsDocumentByComparing) { keepDocumentThroughSafeSave(Look::afterwards); }
+TEST_F(WrittenFiles, ASafeSaveKeepsItsDocumentByComparing) { keepDocumentThroughSafeSave(Look::afterwards); }
 
-TEST_F(ChangesTest, ASafeSaveKeepsItsDocumentThoughALookComesBetweenItsSteps) {
+TEST_F(WrittenFiles, ASafeSaveKeepsItsDocumentThoughALookComesBetweenItsSteps) {
     watch();
     keepDocumentThroughSafeSave(Look::betweenTheSteps);
 }
@@ -657,112 +246,6 @@ TEST_F(ChangesTest, AFollowedFolderThatGoesElsewhereIsFollowedThere) {
     const auto batch = answer(follower, since);
     EXPECT_TRUE(updatedNames(batch).contains("b"));
     EXPECT_TRUE(deletionsIn(batch).empty());
-}
-
-/// A provider whose enumerators answer requests for changes with one script: deletions, then an anchor or an error.
-class ScriptedProvider : public hostframework::ProviderExtension {
-public:
-    struct Answer {
-        Texts deletions;
-        Result<SyncAnchor> finish = SyncAnchor{1};
-    };
-    std::vector<Answer> script;
-    int enumerators = 0, invalidations = 0;
-
-    Result<hostframework::ProviderItemPtr> itemForIdentifier(const ItemIdentifier& identifier) override {
-        return failure(hostframework::noSuchItem(identifier));
-    }
-    std::optional<URL> URLForItemWithPersistentIdentifier(const ItemIdentifier&) override { return std::nullopt; }
-    std::optional<ItemIdentifier> persistentIdentifierForItemAtURL(const URL&) override { return std::nullopt; }
-    void providePlaceholderAtURL(const URL&, const hostframework::Completion&) override {}
-    void startProvidingItemAtURL(const URL&, const hostframework::Completion&) override {}
-    void stopProvidingItemAtURL(const URL&) override {}
-    void itemChangedAtURL(const URL&) override {}
-    Result<std::shared_ptr<hostframework::ProviderEnumerator>> enumeratorForContainerItemIdentifier(
-        const ItemIdentifier&) override {
-        ++enumerators;
-        return std::make_shared<Enumerator>(*this);
-    }
-
-private:
-    class Enumerator : public hostframework::ProviderEnumerator {
-    public:
-        explicit Enumerator(ScriptedProvider& provider) : provider_(provider) {}
-        void enumerateItemsForObserver(const std::shared_ptr<hostframework::EnumerationObserver>&,
-                                       const hostframework::EnumerationPage&) override {}
-        void enumerateChangesForObserver(const std::shared_ptr<hostframework::ChangeObserver>& observer,
-                                         const SyncAnchor&) override {
-            ASSERT_FALSE(provider_.script.empty()) << "asked once more than the script has answers";
-            const Answer answer = provider_.script.front();
-            provider_.script.erase(provider_.script.begin());
-            observer->didDeleteItemsWithIdentifiers(answer.deletions);
-            if (answer.finish) {
-                observer->finishEnumeratingChangesUpToSyncAnchor(*answer.finish, true);
-            } else {
-                observer->finishEnumeratingWithError(answer.finish.error());
-            }
-            // Whatever comes after a finish is nobody's business any more.
-            observer->didDeleteItemsWithIdentifiers({"late"});
-            observer->finishEnumeratingChangesUpToSyncAnchor({9}, false);
-            observer->finishEnumeratingWithError(posixError(EIO));
-        }
-        void currentSyncAnchorWithCompletionHandler(
-            const std::function<void(const std::optional<SyncAnchor>&)>&) override {}
-        void invalidate() override { ++provider_.invalidations; }
-
-    private:
-        ScriptedProvider& provider_;
-    };
-};
-
-TEST(ChangeFollower, KeepsWhatCameBeforeTheFinish) {
-    ScriptedProvider provider;
-    provider.script = {{{"a", "b"}}, {{}, SyncAnchor{2}}, {{"c"}, failure(posixError(EIO))}};
-    {
-        auto follower = ChangeFollower::create(provider, "c");
-        ASSERT_TRUE(follower);
-        const auto first = follower->changesSince({0});
-        ASSERT_TRUE(first);
-        EXPECT_EQ(deletionsIn(*first), (Texts{"a", "b"}));
-        EXPECT_EQ(first->anchor, SyncAnchor{1});
-        EXPECT_TRUE(first->moreComing);
-        const auto second = follower->changesSince(first->anchor);
-        ASSERT_TRUE(second);
-        EXPECT_TRUE(second->reports.empty());
-        EXPECT_EQ(second->anchor, SyncAnchor{2});
-        const auto third = follower->changesSince(second->anchor);
-        ASSERT_FALSE(third);
-        EXPECT_TRUE(third.error().is(ErrorDomain::posix, EIO));
-        EXPECT_EQ(provider.enumerators, 1);
-        EXPECT_EQ(provider.invalidations, 0);
-    }
-    EXPECT_EQ(provider.invalidations, 1);
-}
-
-TEST(ChangeFollower, AsksAgainOnceForAFolderThatIsElsewhere) {
-    const auto elsewhere = items::makeError(items::DeviceUUIDError::unableToGetDeviceUUID);
-    ScriptedProvider provider;
-    provider.script = {{{"a"}, failure(elsewhere)}, {{"b"}}, {{}, failure(elsewhere)}, {{}, failure(elsewhere)}};
-    {
-        auto follower = ChangeFollower::create(provider, "c");
-        ASSERT_TRUE(follower);
-        const auto batch = follower->changesSince({0});
-        ASSERT_TRUE(batch);
-        EXPECT_EQ(deletionsIn(*batch), Texts{"b"});
-        EXPECT_EQ(provider.enumerators, 2);
-        const auto gone = follower->changesSince({0});
-        ASSERT_FALSE(gone);
-        EXPECT_EQ(gone.error(), elsewhere);
-        EXPECT_EQ(provider.enumerators, 3);
-        EXPECT_TRUE(provider.script.empty());
-    }
-    EXPECT_EQ(provider.invalidations, 3);
-}
-
-TEST_F(ChangesTest, AContainerThatIsNotThereCannotBeFollowed) {
-    for (const char* container : {"fid=123456789", "no such", ""}) {
-        EXPECT_FALSE(ChangeFollower::create(*provider_, container)) << container;
-    }
 }
 
 }  // namespace

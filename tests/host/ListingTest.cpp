@@ -6,6 +6,7 @@
 
 #include "hostframework/HostError.h"
 #include "items/TarnwellError.h"
+#include "tests/host/StubProvider.h"
 
 namespace tarnwell::host {
 namespace {
@@ -59,22 +60,12 @@ struct Answer {
 };
 
 /// Gives each request for a container the next answer of its script and keeps the pages that were asked for.
-class ScriptedProvider : public hostframework::ProviderExtension {
+class ScriptedProvider : public StubProvider {
 public:
     std::map<ItemIdentifier, std::vector<Answer>> scripts;
     std::vector<std::string> pages;
     int invalidations = 0;
     std::function<void(const std::optional<hostframework::SyncAnchor>&)> lateCompletion;
-
-    Result<ProviderItemPtr> itemForIdentifier(const ItemIdentifier& identifier) override {
-        return failure(hostframework::noSuchItem(identifier));
-    }
-    std::optional<URL> URLForItemWithPersistentIdentifier(const ItemIdentifier&) override { return std::nullopt; }
-    std::optional<ItemIdentifier> persistentIdentifierForItemAtURL(const URL&) override { return std::nullopt; }
-    void providePlaceholderAtURL(const URL&, const hostframework::Completion&) override {}
-    void startProvidingItemAtURL(const URL&, const hostframework::Completion&) override {}
-    void stopProvidingItemAtURL(const URL&) override {}
-    void itemChangedAtURL(const URL&) override {}
 
     Result<std::shared_ptr<hostframework::ProviderEnumerator>> enumeratorForContainerItemIdentifier(
         const ItemIdentifier& identifier) override {
