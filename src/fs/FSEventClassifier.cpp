@@ -96,8 +96,14 @@ ClassifiedEvent FSEventClassifier::classifyPath(const events::FileEvent& event, 
             [&] { return "dropping fsevent at " + items::quoted(path) + "; No object at path"; });
         return {Kind::dropped, url, nullptr};
     }
-    if (!passes(url)) return {Kind::dropped, url, nullptr};
     const bool tellsOfRemoval = (event.flags & events::kEventItemRemoved) != 0;
+    if (named && tellsOfRemoval && liesInHiddenMonitoredFolder(url)) {
+        // Whether it stands there or not: the folder took it out of sight, and only now whoever follows it is told.
+        URL unseen = URL::file(path);
+        rememberIdentifier(unseen, event);
+        return deletion(std::move(unseen));
+    }
+    if (!passes(url)) return {Kind::dropped, url, nullptr};
     if (isGone) {
         // Not a removal: its folder may have moved on, and nothing else will tell of the object.
         if (!tellsOfRemoval) {
@@ -165,6 +171,12 @@ ClassifiedEvent FSEventClassifier::classifyDocumentIDChange(const std::string& p
     if (!item) return {Kind::dropped, *url, nullptr};
     if (item->itemIdentifier() != identifier) return dropMismatch(*url, item->itemIdentifier(), identifier);
     return {Kind::changed, *url, std::move(item)};
+}
+
+bool FSEventClassifier::liesInHiddenMonitoredFolder(const URL& url) const {
+    return std::ranges::any_of(urls_, [&](const URL& folder) {
+        return isHiddenBelowRoot(folder.path()) && relationship(folder, url) == Relationship::contains;
+    });
 }
 
 bool FSEventClassifier::passes(const URL& url) const {

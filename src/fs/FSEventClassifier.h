@@ -29,6 +29,7 @@ public:
 private:
     std::optional<ClassifiedEvent> classifyElsewhere(const events::FileEvent& event, const std::string& path) const;
     bool passes(const URL& url) const;
+    bool liesInHiddenMonitoredFolder(const URL& url) const;
     /// True when a folder on the way from a monitored one to the object is a package, or is none any more.
     bool liesInPackage(const URL& url) const;
     std::shared_ptr<items::LocalItem> itemAt(const URL& url) const;

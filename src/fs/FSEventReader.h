@@ -40,7 +40,9 @@ public:
 /// - Document-ID mode: the event is a deletion when the document's identifier leads to no URL. There is no place to
 /// name
 ///   then, so the URL reported is the event's path, with the document ID in its cache.
-/// - A hidden path is dropped, then one that is not below a monitored folder (the folders themselves are not below
+/// - A removal below a monitored folder that is hidden itself is a deletion: what was known below it went out of sight
+///   with it.
+/// - Any other hidden path is dropped, then one that is not below a monitored folder (the folders themselves are not below
 ///   themselves); this holds for deletions by path as well. Then an object must give an item, whose identifier must be
 ///   one that the event named, if it named any: the document ID, or the file ID of the same object.
 /// - Hidden means a component that begins with "." below the root; only a root's own ".Trash" is none.

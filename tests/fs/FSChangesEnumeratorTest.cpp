@@ -282,6 +282,21 @@ TEST_F(FSChangesEnumeratorTest, WhatIsLeftOutIsNotCounted) {
     EXPECT_FALSE(recorder->moreComing());
 }
 
+TEST_F(FSChangesEnumeratorTest, WhatAFollowedFolderTookOutOfSightIsDeleted) {
+    makeFile(".hidden/folder/stays");
+    const auto still = documentIDOf(".hidden/folder/stays");
+    const auto removal = [&](std::uint64_t id, const std::string& relative, DocumentID document) {
+        auto event = eventAt(id, pathOf(relative), document);
+        event.flags = events::kEventItemRemoved;
+        return event;
+    };
+    events_.setHistory({{removal(11, ".hidden/folder/stays", still), removal(12, ".hidden/folder/gone", DocumentID{77}),
+                         change(13, ".hidden/folder/stays")},
+                        {historyDoneEvent(500)}});
+    const auto recorder = request(tokenSince(10), "fid=5", {device_.url(".hidden/folder")});
+    EXPECT_EQ(recorder->reports(), (Lines{"delete did=" + std::to_string(raw(still)), "delete did=77"}));
+}
+
 class FoldersThatCameIn : public FSChangesEnumeratorTest {
 protected:
     events::FileEvent arrival(std::uint64_t id, const std::string& relative) {
