@@ -249,7 +249,8 @@ Result<void> ScriptedFileEventService::rememberContinuation(const store::BatchKe
                                                             const store::Continuation& continuation) {
     std::lock_guard lock(mutex_);
     if (continuationError_) return failure(*continuationError_);
-    continuations_.try_emplace({key.reader, key.since, key.offset}, continuation);
+    const auto [known, isNew] = continuations_.try_emplace({key.reader, key.since, key.offset}, continuation);
+    if (!isNew && continuation.isBefore(known->second)) known->second = continuation;
     return {};
 }
 

@@ -19,6 +19,8 @@ struct Continuation {
     std::uint64_t folderOffset = 0;
     EventID folderSince{};
     friend bool operator==(const Continuation&, const Continuation&) = default;
+    /// True when less had been told here than there.
+    bool isBefore(const Continuation& other) const;
 };
 
 /// What names a batch: who asks, since when, and how many changes were told by then.
@@ -31,8 +33,9 @@ struct BatchKey {
 /// The batches that were handed out, so that whoever brings one's end back goes on right behind it, also after a
 /// restart. Under the store's mutex (a Session) only; changes only in a writing session.
 ///
-/// K1: the first continuation of a key stands. Somebody else who reads since the same position at a later time has his
-///     batches end later or at the same place; going on from the earlier end repeats, and never leaves out.
+/// K1: of several continuations of one key the earliest stands. Two who read since the same position at different times
+///     have batches that end at different places, and the one who asks again after a crash reads twice himself; going
+///     on from the earlier end repeats, and never leaves out.
 /// K2: the last kMostKept are kept.
 class Continuations {
 public:
