@@ -261,6 +261,23 @@ Result<std::optional<store::Continuation>> ScriptedFileEventService::continuatio
     return found != continuations_.end() ? std::optional(found->second) : std::nullopt;
 }
 
+bool ScriptedFileEventService::tellAgain(FileID object) {
+    std::lock_guard lock(mutex_);
+    if (std::ranges::find(known_, object) == known_.end()) return false;
+    toldAgain_.push_back(object);
+    return true;
+}
+
+void ScriptedFileEventService::knowObjects(std::vector<FileID> objects) {
+    std::lock_guard lock(mutex_);
+    known_ = std::move(objects);
+}
+
+std::vector<FileID> ScriptedFileEventService::objectsToTellAgain() const {
+    std::lock_guard lock(mutex_);
+    return toldAgain_;
+}
+
 Result<std::unique_ptr<events::FileEventStream>> ScriptedFileEventService::createStream(
     events::StreamOptions options, events::FileEventStream::Callback callback) {
     std::lock_guard lock(mutex_);

@@ -77,6 +77,11 @@ public:
     EventID recordedEventID() override;
     Result<void> rememberContinuation(const store::BatchKey& key, const store::Continuation& continuation) override;
     Result<std::optional<store::Continuation>> continuationOf(const store::BatchKey& key) override;
+    /// Knows of no object; keeps who was asked for.
+    bool tellAgain(FileID object) override;
+    /// From now on the objects are known, and to be told of again.
+    void knowObjects(std::vector<FileID> objects);
+    std::vector<FileID> objectsToTellAgain() const;
     Result<std::unique_ptr<events::FileEventStream>> createStream(events::StreamOptions options,
                                                                   events::FileEventStream::Callback callback) override;
 
@@ -97,6 +102,7 @@ private:
     std::optional<Error> continuationError_;
     std::map<std::tuple<std::string, EventID, std::uint64_t>, store::Continuation> continuations_;
     std::vector<CurrentEventIDRequest> requests_;
+    std::vector<FileID> known_, toldAgain_;
     std::vector<std::shared_ptr<StreamState>> streams_;
 };
 

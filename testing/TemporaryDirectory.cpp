@@ -1,6 +1,7 @@
 #include "testing/TemporaryDirectory.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -88,7 +89,13 @@ TemporaryDirectory::TemporaryDirectory() {
     path_ = real.get();
 }
 
-TemporaryDirectory::~TemporaryDirectory() { removeTree(path_); }
+TemporaryDirectory::~TemporaryDirectory() {
+    if (std::getenv("TARNWELL_TEST_KEEP") != nullptr) {
+        std::fprintf(stderr, "kept %s\n", path_.c_str());
+        return;
+    }
+    removeTree(path_);
+}
 
 void makeDirectories(const std::string& path) {
     std::error_code error;

@@ -5,8 +5,9 @@
 
 namespace tarnwell::testing {
 
-/// A private folder, removed with its contents (unreadable folders included) when destroyed. Below TARNWELL_TEST_DIR if
-/// that is set, so that a test can run on another file system, else below TMPDIR or /tmp.
+/// A private folder, removed with its contents (unreadable folders included) when destroyed, unless TARNWELL_TEST_KEEP is
+/// set. Below TARNWELL_TEST_DIR if that is set, so that a test can run on another file system, else below TMPDIR or
+/// /tmp.
 class TemporaryDirectory {
 public:
     TemporaryDirectory();

@@ -108,6 +108,12 @@ ClassifiedEvent FSEventClassifier::classifyPath(const events::FileEvent& event, 
         // Not a removal: its folder may have moved on, and nothing else will tell of the object.
         if (!tellsOfRemoval) {
             if (auto elsewhere = classifyElsewhere(event, path)) return std::move(*elsewhere);
+            // It is on its way. A deletion would take along what the client keeps below it, and nothing would bring
+            // that back: a folder that moves is one record.
+            if (event.fileID && environment_.events.tellAgain(*event.fileID)) {
+                drop(url, "No object at path");
+                return {Kind::dropped, url, nullptr};
+            }
         }
         rememberIdentifier(url, event);
         return deletion(url);
@@ -124,6 +130,7 @@ ClassifiedEvent FSEventClassifier::classifyPath(const events::FileEvent& event, 
     }
     if (named) {
         if (auto elsewhere = classifyElsewhere(event, path)) return std::move(*elsewhere);
+        if (event.fileID) (void)environment_.events.tellAgain(*event.fileID);
     }
     return item ? dropMismatch(url, item->itemIdentifier(), *named) : ClassifiedEvent{Kind::dropped, url, nullptr};
 }

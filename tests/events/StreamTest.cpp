@@ -102,6 +102,24 @@ std::vector<std::string> historySince(TestDevice& device, EventID since, const s
 
 using Lines = std::vector<std::string>;
 
+TEST(Stream, AnObjectIsToldOfAgainWhereItIsAndOnlyWhileItIsSomewhere) {
+    TestDevice device;
+    writeFile(device.path("file"), "");
+    EventID since = device.settle();
+    const auto row = device.comparer().rowAt(*device.roots().locate(device.url("file").path()));
+    ASSERT_TRUE(row);
+    EXPECT_TRUE(device.events().tellAgain(row->fileID));
+    EXPECT_EQ(historySince(device, since), (Lines{"+ file", "history done"}));
+    EXPECT_FALSE(device.events().tellAgain(FileID{raw(row->fileID) + 1000}));
+    ASSERT_EQ(std::rename(device.path("file").c_str(), device.path(".file").c_str()), 0);
+    device.settle();
+    EXPECT_FALSE(device.events().tellAgain(row->fileID)) << "nobody sees it";
+    ASSERT_EQ(::unlink(device.path(".file").c_str()), 0);
+    since = device.settle();
+    EXPECT_FALSE(device.events().tellAgain(row->fileID));
+    EXPECT_EQ(historySince(device, since), Lines{"history done"});
+}
+
 TEST(Stream, HistoryTellsEachChangedObjectOnceInTheOrderOfItsLastChange) {
     TestDevice device;
     writeFile(device.path("kept"), "");

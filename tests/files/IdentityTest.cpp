@@ -360,5 +360,30 @@ TEST(IdentityWhileItMoves, ADocumentWhoseSuccessorIsHiddenByTheEndOfTheCompariso
     EXPECT_EQ(departed, std::vector<std::string>{document});
 }
 
+TEST(IdentityWhileItMoves, ADocumentWhoseSuccessorWentOnDuringTheComparisonHasLeftItsFolder) {
+    TestDevice device;
+    writeFile(device.path("a.txt"), "first version");
+    testing::makeDirectories(device.path("later"));
+    const EventID since = device.settle();
+    const std::string document = identifierOf(device, "a.txt");
+    const auto folder = device.comparer().rowAt(*device.roots().locate(device.url("later").path()));
+    ASSERT_TRUE(folder);
+    writeFile(device.path(".new"), "second version");
+    renameIn(device, ".new", "a.txt");
+    HappensAt watch(folder->fileID, [&] { renameIn(device, "a.txt", "later/b.txt"); });
+    device.comparer().setWatch(&watch);
+    ASSERT_TRUE(device.comparer().compare({}, Detail::everything));
+    device.comparer().setWatch(nullptr);
+    ASSERT_EQ(placeOf(device, document), "later/b.txt");
+    // Who follows the folder where clients knew the document hears that it left.
+    store::Session session(device.store());
+    std::vector<std::string> departed;
+    for (const auto& record : session.journal().recordsAfter(raw(since), 100, true)) {
+        if (!record.departure->documentID || record.departure->folder != folder->parent) continue;
+        departed.push_back(items::TWPFileObjectIdentifier::fromDocumentID(raw(*record.departure->documentID)));
+    }
+    EXPECT_EQ(departed, std::vector<std::string>{document});
+}
+
 }  // namespace
 }  // namespace tarnwell::files

@@ -59,6 +59,16 @@ Result<std::optional<store::Continuation>> ComparingEventService::continuationOf
     return found;
 }
 
+bool ComparingEventService::tellAgain(FileID object) {
+    store::Session session(store_);
+    auto row = session.index().byFileID(object);
+    if (!row || row->state != store::ObjectState::live || !row->visible) return false;
+    session.write();
+    session.journal().recordChange(*row, row->change);
+    session.index().update(*row);
+    return session.commit().has_value();
+}
+
 Result<std::unique_ptr<FileEventStream>> ComparingEventService::createStream(StreamOptions options,
                                                                              FileEventStream::Callback callback) {
     if (auto paths = std::get_if<StreamOverPaths>(&options.over); paths != nullptr && paths->folders.empty()) {

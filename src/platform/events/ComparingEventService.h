@@ -44,6 +44,7 @@ public:
     EventID recordedEventID() override;
     Result<void> rememberContinuation(const store::BatchKey& key, const store::Continuation& continuation) override;
     Result<std::optional<store::Continuation>> continuationOf(const store::BatchKey& key) override;
+    bool tellAgain(FileID object) override;
     Result<std::unique_ptr<FileEventStream>> createStream(StreamOptions options,
                                                           FileEventStream::Callback callback) override;
 

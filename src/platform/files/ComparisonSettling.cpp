@@ -92,6 +92,11 @@ void ComparisonRun::settleTakeover(const Takeover& takeover) {
         session().journal().recordDocumentChange(*successor->documentID, raw(successor->fileID), 0);
     }
     DocumentID document = *displaced->documentID;
+    if (displaced->visible && displaced->parent != successor->parent) {
+        // The successor went on, or the displaced one was known elsewhere: whoever looks at that folder only hears no
+        // more of the document.
+        session().journal().recordDeparture(displaced->fileID, document, displaced->parent, pathOf(*displaced));
+    }
     displaced->documentID.reset();
     if (displaced->state == ObjectState::live) {
         // The old version under its backup name is a document of its own from now on.
