@@ -108,8 +108,8 @@ ClassifiedEvent FSEventClassifier::classifyPath(const events::FileEvent& event, 
         // Not a removal: its folder may have moved on, and nothing else will tell of the object.
         if (!tellsOfRemoval) {
             if (auto elsewhere = classifyElsewhere(event, path)) return std::move(*elsewhere);
-            // It is on its way. A deletion would take along what the client keeps below it, and nothing would bring
-            // that back: a folder that moves is one record.
+            // It is on its way, or went after what this event tells. A deletion told now would take along what the
+            // client keeps below it, also what left it before, and nothing would bring that back.
             if (event.fileID && environment_.events.tellAgain(*event.fileID)) {
                 drop(url, "No object at path");
                 return {Kind::dropped, url, nullptr};

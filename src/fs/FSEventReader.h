@@ -35,16 +35,17 @@ public:
 ///   is ignored with an error line.
 /// - Path mode: the event is a deletion when nothing stands at its path (links not followed), or when it tells of a
 ///   removal and something else has the name by now. Where it tells of no removal, the object that it names is first
-///   looked for at another place: a folder above it may have moved since the event was read. One that is known to be
-///   somewhere, and not found, is on its way: the event is dropped, and the object told of again. The identifier of a
+///   looked for at another place: a folder above it may have moved since the event was read. Where it is not found and
+///   a later event tells what became of it, this one is dropped: told too early, a deletion would take along what left
+///   the folder before it went. The identifier of a
 ///   deletion is the event's document ID, else its file ID, kept in the URL's cache; an event with neither is dropped.
 /// - Document-ID mode: the event is a deletion when the document's identifier leads to no URL. There is no place to
 ///   name then, so the URL reported is the event's path, with the document ID in its cache.
 /// - A removal below a monitored folder that is hidden itself is a deletion: what was known below it went out of sight
 ///   with it.
-/// - Any other hidden path is dropped, then one that is not below a monitored folder (the folders themselves are not below
-///   themselves); this holds for deletions by path as well. Then an object must give an item, whose identifier must be
-///   one that the event named, if it named any: the document ID, or the file ID of the same object.
+/// - Any other hidden path is dropped, then one that is not below a monitored folder (the folders themselves are not
+///   below themselves); this holds for deletions by path as well. Then an object must give an item, whose identifier
+///   must be one that the event named, if it named any: the document ID, or the file ID of the same object.
 /// - Hidden means a component that begins with "." below the root; only a root's own ".Trash" is none.
 /// `lastProcessedFSEventID` advances with every event, history done included, before the delegate is told of it, so
 /// that a reader started again goes on where it was stopped.

@@ -62,7 +62,9 @@ Result<std::optional<store::Continuation>> ComparingEventService::continuationOf
 bool ComparingEventService::tellAgain(FileID object) {
     store::Session session(store_);
     auto row = session.index().byFileID(object);
-    if (!row || row->state != store::ObjectState::live || !row->visible) return false;
+    if (!row || row->state != store::ObjectState::live || !row->visible) {
+        return session.journal().departureOf(object).has_value();
+    }
     session.write();
     session.journal().recordChange(*row, row->change);
     session.index().update(*row);

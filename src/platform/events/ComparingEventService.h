@@ -14,9 +14,9 @@ namespace tarnwell::events {
 
 class EventHub;
 
-/// The event service of a journal that comparisons fill. By itself its source is comparing: what a request asks about is
-/// compared with the index before the answer, and the folders of live streams are compared from time to time. That needs
-/// nothing of the kernel, so it works on every file system; `watch` adds what the kernel tells.
+/// The event service of a journal that comparisons fill. By itself its source is comparing: what a request asks about
+/// is compared with the index before the answer, and the folders of live streams are compared from time to time. That
+/// needs nothing of the kernel, so it works on every file system; `watch` adds what the kernel tells.
 ///
 /// E1: a change whose system call returned before a stream's start is in its history, within the stream's interest.
 /// E2: a stream's callbacks come on its queue, with rising event IDs.

@@ -112,8 +112,8 @@ public:
     virtual Result<void> rememberContinuation(const store::BatchKey& key, const store::Continuation& continuation) = 0;
     virtual Result<std::optional<store::Continuation>> continuationOf(const store::BatchKey& key) = 0;
 
-    /// Records an object anew that its reader did not find where the event had it, so that it is told of again; false
-    /// where it is known to be nowhere, which a record of its own tells.
+    /// For an object that its reader did not find where an event had it: true when a later event tells where it is, for
+    /// which it is recorded anew, or that it left.
     virtual bool tellAgain(FileID object) = 0;
 
     virtual Result<std::unique_ptr<FileEventStream>> createStream(StreamOptions options,
