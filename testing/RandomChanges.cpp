@@ -135,7 +135,9 @@ std::string RandomChanges::create() {
         }
         case 6: {
             const std::string target = file();
-            if (!options_.makesHardLinks || target.empty()) return "nothing";
+            const std::string& area = options_.areaWithoutHardLinks;
+            const auto lies = [&](const std::string& path) { return !area.empty() && path.starts_with(area + "/"); };
+            if (!options_.makesHardLinks || target.empty() || lies(target) || lies(place)) return "nothing";
             [[maybe_unused]] const int made = ::link(absolute(target).c_str(), path.c_str());
             return "link " + target + " " + place;
         }

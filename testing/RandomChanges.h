@@ -17,6 +17,8 @@ public:
         /// Links that are made lead here as often as to a place inside.
         std::string outside = "/nonexistent";
         bool makesHardLinks = true;
+        /// No hard link is made there, and none to a file there; "" for wherever it works.
+        std::string areaWithoutHardLinks;
         /// Folders below the root, in which it works and which it leaves where they are; "" is the root itself.
         std::vector<std::string> areas = {""};
         /// Also what the programs of a desktop do: more ways to save, memory maps, tags and ranks, trash, packages,

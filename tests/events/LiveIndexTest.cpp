@@ -1,5 +1,6 @@
 #include "platform/events/LiveIndex.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 
 #include "platform/watch/KernelWatcher.h"
 #include "testing/FaultyWatcher.h"
+#include "testing/TemporaryDirectory.h"
 #include "testing/TestDevice.h"
 
 namespace tarnwell::events {
@@ -127,6 +129,51 @@ TEST_F(LiveIndexTest, PollsWhatCannotBeWatched) {
     catchUp();
     EXPECT_TRUE(live_->isComplete()) << "watched as soon as that can be";
     EXPECT_EQ(live_->status().polledFolders, 0u);
+}
+
+TEST_F(LiveIndexTest, AFileWithANameElsewhereChangesUnderThatOneToo) {
+    const testing::TemporaryDirectory elsewhere;
+    const auto append = [&](const std::string& path) {
+        const Descriptor file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+        ASSERT_EQ(::write(file.get(), "xx", 2), 2);
+    };
+    const auto knownSize = [&](const std::string& name) -> std::uint64_t {
+        store::Session session(device_.store());
+        for (auto& root : session.index().folders(FileID{0})) {
+            if (auto row = session.index().childNamed(root.fileID, name)) return row->size;
+        }
+        return 0;
+    };
+    writeFile(device_.path("before"), "x");
+    ASSERT_EQ(::link(device_.path("before").c_str(), elsewhere.path("before").c_str()), 0);
+    begin();
+    append(elsewhere.path("before"));
+    catchUp();
+    EXPECT_EQ(knownSize("before"), 3u);
+
+    // One that gets a name here only now.
+    writeFile(elsewhere.path("now"), "x");
+    ASSERT_EQ(::link(elsewhere.path("now").c_str(), device_.path("now").c_str()), 0);
+    catchUp();
+    append(elsewhere.path("now"));
+    catchUp();
+    EXPECT_EQ(knownSize("now"), 3u);
+
+    // One whose second name is moved out.
+    writeFile(device_.path("inside"), "x");
+    ASSERT_EQ(::link(device_.path("inside").c_str(), device_.path("second").c_str()), 0);
+    catchUp();
+    ASSERT_EQ(::rename(device_.path("second").c_str(), elsewhere.path("second").c_str()), 0);
+    catchUp();
+    append(elsewhere.path("second"));
+    catchUp();
+    EXPECT_EQ(knownSize("inside"), 3u);
+    EXPECT_EQ(device_.comparer().namedElsewhere().size(), 3u);
+
+    // Without the names elsewhere nothing is polled.
+    for (const char* name : {"before", "now", "second"}) ASSERT_EQ(::unlink(elsewhere.path(name).c_str()), 0);
+    catchUp();
+    EXPECT_TRUE(device_.comparer().namedElsewhere().empty());
 }
 
 TEST_F(LiveIndexTest, ItsThreadLooksByItself) {

@@ -10,18 +10,21 @@
 
 namespace tarnwell::mirror {
 
-testing::RandomChanges::Options changesBelow(const std::string& links) {
+testing::RandomChanges::Options changesBelow(const std::string& links, const std::string& finding) {
     // Files with several names, and folders that become packages and folders again while somebody asks, still go wrong
     // once in some hundred thousand operations: that is looked for in long runs.
     testing::RandomChanges::Options options{
         .mostNames = 600, .outside = links, .makesHardLinks = testing::isLongRun(), .areas = {}, .isWide = true};
+    // A name that a file gets outside of the storage, and what is written under it, is hinted at by nothing.
+    if (finding == kWatching) options.areaWithoutHardLinks = kOutside;
     for (const RootFolder& root : kRoots) options.areas.emplace_back(root.path);
     options.areas.emplace_back(kOutside);
     return options;
 }
 
-int changeFiles(const std::string& root, const std::string& seed, const std::string& links) {
-    testing::RandomChanges changes(root, std::strtoull(seed.c_str(), nullptr, 10), changesBelow(links));
+int changeFiles(const std::string& root, const std::string& seed, const std::string& links,
+                const std::string& finding) {
+    testing::RandomChanges changes(root, std::strtoull(seed.c_str(), nullptr, 10), changesBelow(links, finding));
     while (const auto message = receive(STDIN_FILENO)) {
         const auto steps = std::strtoul(message->at(0).c_str(), nullptr, 10);
         const auto rest = static_cast<useconds_t>(std::strtoul(message->at(1).c_str(), nullptr, 10));

@@ -12,7 +12,7 @@ int main(int argc, char** argv) {
     (void)std::signal(SIGPIPE, SIG_IGN);
     const std::string_view role = argc > 1 ? argv[1] : "";
     if (role == kHostRole && argc == 4) return hostProvider(argv[2], std::string_view(argv[3]) == kWatching);
-    if (role == kChangerRole && argc == 5) return changeFiles(argv[2], argv[3], argv[4]);
+    if (role == kChangerRole && argc == 6) return changeFiles(argv[2], argv[3], argv[4], argv[5]);
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

@@ -35,7 +35,8 @@ public:
           device_(finding, testing::isLongRun() ? HostedDevice::Packages::declared : HostedDevice::Packages::none) {
         for (std::size_t i = 0; i < kChangers; ++i) {
             changers_.push_back(std::make_unique<ChildProcess>(
-                std::vector<std::string>{kChangerRole, device_.home(), std::to_string(random_()), "/etc/passwd"}));
+                std::vector<std::string>{kChangerRole, device_.home(), std::to_string(random_()), "/etc/passwd",
+                                         finding == HostedDevice::Finding::watching ? kWatching : kComparing}));
         }
         clients_.emplace_back(hostframework::kWorkingSetContainer);
         clients_.emplace_back(hostframework::kRootContainer);

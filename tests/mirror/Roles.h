@@ -31,11 +31,12 @@ int hostProvider(const std::string& home, bool watches);
 
 /// Changes files below the root at random, from a seed; `links` is where links that it makes lead. The message is the
 /// number of steps and the microseconds of rest after each, the answer says what was done, a step each.
-int changeFiles(const std::string& root, const std::string& seed, const std::string& links);
+/// `finding` is how the host finds changes: what nobody watches is not changed behind the back of one who watches.
+int changeFiles(const std::string& root, const std::string& seed, const std::string& links, const std::string& finding);
 
 /// Settings of a device in a home of its own.
 host::Settings settingsOf(const std::string& home);
 /// The folders below a home in which files are changed; the last one is outside of the storage.
-testing::RandomChanges::Options changesBelow(const std::string& links);
+testing::RandomChanges::Options changesBelow(const std::string& links, const std::string& finding);
 
 }  // namespace tarnwell::mirror

@@ -58,7 +58,8 @@ void LiveIndex::run() {
     auto took = std::chrono::milliseconds(0);
     while (live_) {
         // What is only polled may take a tenth of the time.
-        const int longest = isComplete() ? -1 : static_cast<int>(std::max(kPollInterval, took * 10).count());
+        const bool polls = pollsNames_.load() || !isComplete();
+        const int longest = !polls ? -1 : static_cast<int>(std::max(kPollInterval, took * 10).count());
         if (poll(waited.data(), waited.size(), longest) < 0 && errno != EINTR) return;
         if (wasToldToEnd(kGatheringMilliseconds)) return;
         const auto began = std::chrono::steady_clock::now();
@@ -143,7 +144,13 @@ bool LiveIndex::takeHints(Pending& pending) {
     return !drained->overflowed;
 }
 
-void LiveIndex::addPolled(Pending& pending) const {
+void LiveIndex::addPolled(Pending& pending) {
+    auto names = comparer_.namedElsewhere();
+    pollsNames_.store(!names.empty());
+    for (auto& [folder, name] : names) {
+        pending.try_emplace(folder, files::HintedFolder{folder, false, {}})
+            .first->second.names.try_emplace(std::move(name), false);
+    }
     const std::lock_guard lock(mutex_);
     for (const FileID folder : polled_) {
         pending.try_emplace(folder, files::HintedFolder{folder, false, {}}).first->second.everything = true;

@@ -23,8 +23,10 @@ namespace tarnwell::events {
 ///   ended --begin--> live --end--> ended; it is made ended.
 ///
 /// L1: while live, a change whose system call returned before `catchUp` was called is in the index when it returns.
-/// L2: what cannot be watched is compared by every `catchUp` (polled); after an overflow everything is.
-/// L3: between hints nothing runs.
+/// L2: what cannot be watched is compared by every `catchUp` (polled): folders past the watch limit, and files that
+/// have
+///     a name below no root; after an overflow everything is.
+/// L3: between hints nothing runs while nothing is polled.
 class LiveIndex : public files::FolderWatch {
 public:
     /// The comparer outlives it.
@@ -59,15 +61,16 @@ private:
     void run();
     Result<void> apply();
     bool takeHints(Pending& pending);
-    void addPolled(Pending& pending) const;
+    void addPolled(Pending& pending);
 
     files::Comparer& comparer_;
     const std::unique_ptr<watch::Watcher> watcher_;
     std::atomic<bool> live_{false};
-    std::atomic<bool> rewatch_{false};  ///< after an overflow not even the watches are known to be there
-    std::mutex applyMutex_;             ///< one application of hints at a time
-    bool knowsNothing_ = false;         ///< under applyMutex_: hints were lost
-    Pending carried_;                   ///< under applyMutex_: of folders that were not found so far
+    std::atomic<bool> pollsNames_{false};  ///< some files can be changed under names that are not watched
+    std::atomic<bool> rewatch_{false};     ///< after an overflow not even the watches are known to be there
+    std::mutex applyMutex_;                ///< one application of hints at a time
+    bool knowsNothing_ = false;            ///< under applyMutex_: hints were lost
+    Pending carried_;                      ///< under applyMutex_: of folders that were not found so far
     int carriedRounds_ = 0;
     std::chrono::steady_clock::time_point lastApplied_;  ///< under applyMutex_
     mutable std::mutex mutex_;

@@ -48,6 +48,21 @@ Result<void> Comparer::compareFolder(const Place& folder, const store::EntryRow&
 void Comparer::setWatch(FolderWatch* watch) {
     std::lock_guard running(runMutex_);
     watch_ = watch;
+    namedElsewhere_.clear();
+}
+
+std::vector<Comparer::Name> Comparer::namedElsewhere() {
+    std::lock_guard running(runMutex_);
+    std::vector<Name> names;
+    if (namedElsewhere_.empty()) return names;
+    store::Session session(store_);
+    std::erase_if(namedElsewhere_, [&](FileID file) {
+        auto row = session.index().byFileID(file);
+        if (!row || row->state == store::ObjectState::gone) return true;
+        names.push_back({FileID{row->parent}, std::move(row->name)});
+        return false;
+    });
+    return names;
 }
 
 Result<std::vector<HintedFolder>> Comparer::compareHinted(std::vector<HintedFolder> hinted) {

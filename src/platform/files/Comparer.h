@@ -71,6 +71,13 @@ public:
     /// that were not where they are known to be: they moved, and the hint of that is still to come, or never will.
     /// What was replaced under its name up to kSavingTime ago keeps its document ID at the name.
     Result<std::vector<HintedFolder>> compareHinted(std::vector<HintedFolder> hinted);
+    /// Where the files are that can be changed under a name that no watch covers: below no root, or not known yet. No
+    /// hint tells of such a change.
+    struct Name {
+        FileID folder{};
+        std::string name;
+    };
+    std::vector<Name> namedElsewhere();
     /// True when `compareHinted` has something to look at without any hint.
     bool hasUnread();
     /// Gives those up: whoever calls it compares everything next.
@@ -148,7 +155,8 @@ private:
     /// Under runMutex_: folders of whose contents no hint will tell, to be read with all below them: such as were given
     /// up when the folder became hidden or went, or were there before it was watched.
     std::set<FileID> unread_;
-    std::map<NameKey, Left> left_;  ///< under runMutex_; not older than kSavingTime when it is asked
+    std::set<FileID> namedElsewhere_;  ///< under runMutex_: files with more names than are known
+    std::map<NameKey, Left> left_;     ///< under runMutex_; not older than kSavingTime when it is asked
     std::mutex fileSystemsMutex_;
     std::unordered_map<std::uint64_t, FileSystemEntry> fileSystems_;  ///< by device number
     std::atomic<std::uint64_t> objectsSeen_{0};

@@ -29,6 +29,7 @@ void ComparisonRun::difference(Folder& folder, const Reading& reading) {
         ObjectRow* row = it != byName.end() ? &folder.known[it->second] : nullptr;
         if (row != nullptr && row->identity == entry.identity) {
             folder.matched[it->second] = true;
+            countNames(*row, entry.status);
             bool attributes = row->changed != entry.status.changed || row->modified != entry.status.modified ||
                               row->size != entry.status.size;
             if (row->state == ObjectState::missing) {
@@ -58,6 +59,7 @@ void ComparisonRun::difference(Folder& folder, const Reading& reading) {
                 linkSeen[i] = true;
                 isKnownLink = true;
                 noteIfChanged(*target, entry.status);
+                countNames(*target, entry.status);
                 showUnder(links[i], folder.job.context);
             }
         }
@@ -66,8 +68,8 @@ void ComparisonRun::difference(Folder& folder, const Reading& reading) {
     for (std::size_t i = 0; i < links.size(); ++i) {
         if (linkSeen[i] || !reading.covers(links[i].name)) continue;
         write();
-        noteOtherName(links[i]);
         session().index().removeLink(links[i]);
+        noteOtherName(links[i]);
     }
     for (std::size_t i = 0; i < folder.known.size(); ++i) {
         if (folder.matched[i] || folder.known[i].state == ObjectState::missing) continue;
@@ -101,13 +103,15 @@ void ComparisonRun::showUnder(const store::LinkRow& link, const FolderContext& c
     session().index().addLink(former);
 }
 
-/// A hint under a name that a file no longer has may have been of the file.
+/// A hint under a name that a file no longer has may have been of the file, and the name may be one elsewhere now.
 void ComparisonRun::noteOtherName(const store::LinkRow& link) {
-    if (!isHinted_) return;
+    if (comparer_.watch_ == nullptr) return;
     auto row = session().index().byFileID(link.fileID);
     if (!row || row->state != ObjectState::live) return;
     const auto status = statusAtPlaceOf(*row);
-    if (status && comparer_.isObject(*row, *status)) noteIfChanged(*row, *status);
+    if (!status || !comparer_.isObject(*row, *status)) return;
+    noteIfChanged(*row, *status);
+    countNames(*row, *status);
 }
 
 std::optional<filesystem::Status> ComparisonRun::statusAtPlaceOf(const ObjectRow& row) {
@@ -156,6 +160,7 @@ void ComparisonRun::placeUnknown(Folder& folder, const DiskEntry& entry, ObjectR
             moveHere(folder, *row, entry, false);
         }
         session().index().addLink(further);
+        countNames(*row, entry.status);
         return;
     }
     if (there && displacedDocument && !left && row->kind == displaced->kind && row->documentID &&
@@ -244,6 +249,7 @@ void ComparisonRun::addNew(Folder& folder, const DiskEntry& entry, ObjectRow* di
         session().journal().recordChange(row, store::kChangeCreated);
     }
     insertWithKept(folder, row, entry.status);
+    countNames(row, entry.status);
     if (takesOver) takeovers_.push_back({displaced->fileID, displaced->documentID, row.fileID, 0, "", isLive()});
 }
 
@@ -298,6 +304,7 @@ void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& en
     }
     session().index().update(row);
     noteKept(row);
+    countNames(row, entry.status);
     if (showsContents && !showedContents && old.state != ObjectState::gone) {
         arrive(row, contextBelow(folder.job.context, row));
     }

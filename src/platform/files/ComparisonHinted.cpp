@@ -65,6 +65,16 @@ Result<std::vector<HintedFolder>> ComparisonRun::compareHinted(std::vector<Hinte
     return hinted;
 }
 
+/// A name that nobody watches, below no root or not found yet, is one under which a file changes without a hint.
+void ComparisonRun::countNames(const store::EntryRow& row, const filesystem::Status& status) {
+    if (comparer_.watch_ == nullptr || row.isDirectory()) return;
+    if (status.links > 1 && status.links > 1 + session().index().linksOf(row.fileID).size()) {
+        comparer_.namedElsewhere_.insert(row.fileID);
+    } else {
+        comparer_.namedElsewhere_.erase(row.fileID);
+    }
+}
+
 Result<ComparisonRun::HintOutcome> ComparisonRun::compareHintedFolder(const HintedFolder& hinted) {
     const auto row = session().index().byFileID(hinted.folder);
     if (auto checked = session().check(); !checked) return failure(checked.error());

@@ -418,6 +418,7 @@ bool ComparisonRun::compareKnownBatch(int handle, std::vector<ObjectRow>& known,
         auto status = filesystem::statusAt(handle, row.name.c_str());
         if (!status || status->inode != row.identity.inode || status->birth != row.identity.birth) return false;
         comparer_.objectsSeen_.fetch_add(1, std::memory_order_relaxed);
+        countNames(row, *status);
         if (row.changed == status->changed && row.modified == status->modified && row.size == status->size) continue;
         write();
         noteAttributes(row, *status);

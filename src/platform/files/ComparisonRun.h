@@ -104,6 +104,7 @@ private:
     bool isToBeRead(const store::EntryRow& folder) const;
     void showUnder(const store::LinkRow& link, const FolderContext& context);
     void noteOtherName(const store::LinkRow& link);
+    void countNames(const store::EntryRow& row, const filesystem::Status& status);
     bool isLive() const { return comparer_.watch_ != nullptr && comparer_.watch_->isLive(); }
     bool isWatched(FileID folder) const { return comparer_.watch_ != nullptr && comparer_.watch_->isWatched(folder); }
     int parentHandleOf(const Job& job) const;
@@ -131,7 +132,7 @@ private:
     void settleTakeover(const Takeover& takeover);
     Result<void> settleMissing();
     bool promotable(const store::ObjectRow& row);
-    bool standsAtLink(const store::ObjectRow& row, const store::LinkRow& link);
+    std::optional<filesystem::Status> statusAtLink(const store::ObjectRow& row, const store::LinkRow& link);
     bool promoteLink(store::ObjectRow& row);
     /// Why objects leave: their place is gone, or it stands there still and is hidden.
     enum class Leaving { gone, hidden };

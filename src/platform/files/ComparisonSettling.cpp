@@ -125,24 +125,27 @@ void ComparisonRun::settleTakeover(const Takeover& takeover) {
 bool ComparisonRun::promotable(const ObjectRow& row) {
     if (row.state != ObjectState::missing || row.isDirectory()) return false;
     for (const store::LinkRow& link : session().index().linksOf(row.fileID)) {
-        if (standsAtLink(row, link)) return true;
+        if (statusAtLink(row, link)) return true;
     }
     return false;
 }
 
-bool ComparisonRun::standsAtLink(const ObjectRow& row, const store::LinkRow& link) {
+/// The status of the file, if it stands under that further name of it.
+std::optional<filesystem::Status> ComparisonRun::statusAtLink(const ObjectRow& row, const store::LinkRow& link) {
     ObjectRow there = row;
     there.parent = link.parent;
     there.name = link.name;
     there.state = ObjectState::live;
     auto status = statusAtPlaceOf(there);
-    return status && status->inode == row.identity.inode && status->birth == row.identity.birth;
+    const bool isIt = status && status->inode == row.identity.inode && status->birth == row.identity.birth;
+    return isIt ? status : std::nullopt;
 }
 
 bool ComparisonRun::promoteLink(ObjectRow& row) {
     if (row.isDirectory()) return false;
     for (const store::LinkRow& link : session().index().linksOf(row.fileID)) {
-        if (!standsAtLink(row, link)) continue;
+        const auto status = statusAtLink(row, link);
+        if (!status) continue;
         auto folder = session().index().byFileID(FileID{link.parent});
         if (!folder) continue;
         if (row.visible) {
@@ -160,6 +163,7 @@ bool ComparisonRun::promoteLink(ObjectRow& row) {
         }
         session().index().removeLink(link);
         session().index().update(row);
+        countNames(row, *status);
         return true;
     }
     return false;
