@@ -168,10 +168,21 @@ TEST_F(LiveIndexTest, AFileWithANameElsewhereChangesUnderThatOneToo) {
     append(elsewhere.path("second"));
     catchUp();
     EXPECT_EQ(knownSize("inside"), 3u);
-    EXPECT_EQ(device_.comparer().namedElsewhere().size(), 3u);
+    // One whose second name leaves with its folder.
+    makeDirectories(device_.path("folder"));
+    writeFile(device_.path("alone"), "x");
+    ASSERT_EQ(::link(device_.path("alone").c_str(), device_.path("folder/third").c_str()), 0);
+    catchUp();
+    ASSERT_EQ(::rename(device_.path("folder").c_str(), elsewhere.path("folder").c_str()), 0);
+    catchUp();
+    append(elsewhere.path("folder/third"));
+    catchUp();
+    EXPECT_EQ(knownSize("alone"), 3u);
+    EXPECT_EQ(device_.comparer().namedElsewhere().size(), 4u);
 
     // Without the names elsewhere nothing is polled.
-    for (const char* name : {"before", "now", "second"}) ASSERT_EQ(::unlink(elsewhere.path(name).c_str()), 0);
+    for (const char* name : {"before", "now", "second", "folder/third"})
+        ASSERT_EQ(::unlink(elsewhere.path(name).c_str()), 0);
     catchUp();
     EXPECT_TRUE(device_.comparer().namedElsewhere().empty());
 }

@@ -4,6 +4,9 @@ namespace tarnwell::events {
 
 namespace {
 
+/// The last name of a path, with a slash before it.
+std::string tailOf(const std::string& path) { return "/" + path.substr(path.rfind('/') + 1); }
+
 /// Somewhat more than a reader takes at once.
 constexpr std::size_t kBatch = 256;
 
@@ -134,7 +137,7 @@ bool JournalReplay::isAlive(store::Session& session, const store::Departure& dep
 std::optional<std::string> JournalReplay::pathOfDeparture(store::Session& session, const store::Departure& departure) {
     if (isBelowFolders(departure.path)) return departure.path;
     constexpr int kDeepest = 4096;
-    std::string tail = departure.path.substr(departure.path.rfind('/'));
+    std::string tail = tailOf(departure.path);
     FileID folder{departure.folder};
     for (int depth = 0; depth < kDeepest; ++depth) {
         const auto row = session.index().byFileID(folder);
@@ -146,7 +149,7 @@ std::optional<std::string> JournalReplay::pathOfDeparture(store::Session& sessio
         }
         const auto left = session.journal().departureOf(folder);
         if (!left) return std::nullopt;
-        tail = left->path.substr(left->path.rfind('/')) + tail;
+        tail = tailOf(left->path) + tail;
         folder = FileID{left->folder};
     }
     return std::nullopt;

@@ -160,6 +160,18 @@ Result<Comparer::FileSystemEntry> Comparer::fileSystemOf(std::uint64_t device, i
     return fileSystems_.emplace(device, entry).first->second;
 }
 
+std::optional<Comparer::FileSystemEntry> Comparer::fileSystemInFolder(const filesystem::Status& entry,
+                                                                      const filesystem::Status& folder) {
+    if (const auto known = knownFileSystem(entry.device)) return known;
+    // An overlay of several file systems gives its files device numbers of their own, one for each layer. A folder with
+    // another number may be a subvolume, which numbers its inodes anew.
+    if (S_ISDIR(entry.mode) || entry.mount == 0 || entry.mount != folder.mount) return std::nullopt;
+    std::lock_guard lock(fileSystemsMutex_);
+    const auto known = fileSystems_.find(folder.device);
+    if (known == fileSystems_.end()) return std::nullopt;
+    return fileSystems_.emplace(entry.device, FileSystemEntry(known->second)).first->second;
+}
+
 Result<store::ObjectIdentity> Comparer::identityOf(const filesystem::Status& status, int descriptor) {
     auto fileSystem = fileSystemOf(status.device, descriptor);
     if (!fileSystem) return failure(fileSystem.error());
@@ -256,10 +268,11 @@ Result<void> Comparer::meetFileSystem(const Place& place, const filesystem::Stat
     if (!opened) return failure(opened.error());
     auto its = filesystem::statusOf(opened->get());
     if (!its) return failure(its.error());
-    if (its->device != status.device)
+    auto entry = fileSystemOf(its->device, opened->get());
+    if (!entry) return failure(entry.error());
+    if (!fileSystemInFolder(status, *its))
         return failure(posixError(EXDEV, "a file of another file system is mounted here"));
-    auto entry = fileSystemOf(status.device, opened->get());
-    return entry ? Result<void>() : failure(entry.error());
+    return {};
 }
 
 Result<store::ObjectRow> Comparer::rowByPath(const Place& place, const filesystem::Status& status) {

@@ -131,6 +131,9 @@ private:
     std::optional<FileSystemEntry> knownFileSystem(std::uint64_t device);
     Result<FileSystemEntry> fileSystemOf(std::uint64_t device, int descriptor);
     Result<void> meetFileSystem(const Place& place, const filesystem::Status& status);
+    /// The file system of an entry of that folder, where that is known without opening it.
+    std::optional<FileSystemEntry> fileSystemInFolder(const filesystem::Status& entry,
+                                                      const filesystem::Status& folder);
     Result<store::ObjectRow> rowByPath(const Place& place, const filesystem::Status& status);
     std::optional<Place> rootPlaceOf(const std::string& name, const store::ObjectIdentity& identity) const;
     /// A document that left a name a short time ago.

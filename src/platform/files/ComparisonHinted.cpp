@@ -141,7 +141,8 @@ Result<ComparisonRun::HintOutcome> ComparisonRun::compareHintedNames(const Job& 
             return compareHintedWhole(job);
         }
         // Something is mounted there: that takes opening it.
-        if (status->device != opened->device) return compareHintedWhole(job);
+        if (status->device != opened->device && !comparer_.fileSystemInFolder(*status, *opened))
+            return compareHintedWhole(job);
         reading.entries.push_back({name, *status, {fileSystem->number, status->inode, status->birth}});
         comparer_.objectsSeen_.fetch_add(1, std::memory_order_relaxed);
     }

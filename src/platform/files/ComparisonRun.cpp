@@ -364,7 +364,7 @@ Result<ComparisonRun::Reading> ComparisonRun::readFolder(int descriptor, const f
             return failure(status.error());
         }
         std::uint32_t number = fileSystem->number;
-        if (status->device != before.device) {
+        if (status->device != before.device && !comparer_.fileSystemInFolder(*status, before)) {
             // Another file system is mounted here: it must be opened to be told apart.
             auto mounted = filesystem::openBeneath(descriptor, std::string(entry.name), O_RDONLY);
             auto its = mounted ? fileSystemFor(status->device, mounted->get())

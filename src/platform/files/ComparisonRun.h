@@ -137,6 +137,7 @@ private:
     /// Why objects leave: their place is gone, or it stands there still and is hidden.
     enum class Leaving { gone, hidden };
     void leave(store::ObjectRow row, const std::string& path, Leaving leaving);
+    void forgetFolder(FileID folder);
     void arrive(const store::ObjectRow& folder, const FolderContext& context);
     void pushFolders(const Job& job, std::vector<Job>* jobs);
     FolderContext contextBelow(const FolderContext& context, const store::EntryRow& row) const;

@@ -189,6 +189,15 @@ Result<void> ComparisonRun::settleMissing() {
     return {};
 }
 
+/// The further names of files in a folder that is below the roots no more are names elsewhere.
+void ComparisonRun::forgetFolder(FileID folder) {
+    if (comparer_.watch_ != nullptr) comparer_.watch_->forget(folder);
+    for (const store::LinkRow& link : session().index().linksIn(raw(folder))) {
+        session().index().removeLink(link);
+        noteOtherName(link);
+    }
+}
+
 /// Records that an object, and all that is known below it, is there no more: deepest first.
 void ComparisonRun::leave(ObjectRow row, const std::string& path, Leaving leaving) {
     struct Step {
@@ -219,9 +228,7 @@ void ComparisonRun::leave(ObjectRow row, const std::string& path, Leaving leavin
             session().journal().recordDeparture(step.row.fileID, step.row.documentID, step.row.parent, step.path);
             comparer_.noteLeft(step.row);
         }
-        if (leaving == Leaving::gone && step.row.isDirectory() && comparer_.watch_ != nullptr) {
-            comparer_.watch_->forget(step.row.fileID);
-        }
+        if (leaving == Leaving::gone && step.row.isDirectory()) forgetFolder(step.row.fileID);
         // Hidden, a file is found where it stands when its folder is read again; if it is not, another name that it has
         // may be the one to show it under.
         if (leaving == Leaving::gone || session().index().linksOf(step.row.fileID).empty()) {
