@@ -248,7 +248,7 @@ std::string RandomChanges::wide() {
         case 13:
             return packUp();
         case 14:
-            return below(6) == 0 ? tree() : moveTop();
+            return below(6) == 0 ? tree() : below(2) == 0 ? unpack() : moveTop();
         default:
             return moveTop();
     }
@@ -369,6 +369,24 @@ std::string RandomChanges::tree() {
             O_CREAT | O_EXCL, "t");
     }
     return "tree " + place + " of " + std::to_string(folders) + " folders and " + std::to_string(files) + " files";
+}
+
+/// As an archiver does: each folder is filled as soon as it is there, piece by piece.
+std::string RandomChanges::unpack() {
+    const std::string place = joined(area(), "unpacked-" + std::to_string(below(1000)));
+    std::string in = place;
+    ::mkdir(absolute(in).c_str(), 0755);
+    const std::uint64_t pieces = 20 + below(30);
+    for (std::uint64_t i = 0; i < pieces; ++i) {
+        if (below(4) == 0) {
+            in = joined(below(2) == 0 ? place : in, "u" + std::to_string(i));
+            ::mkdir(absolute(in).c_str(), 0755);
+        } else {
+            write(absolute(joined(in, std::to_string(i) + ".txt")), O_CREAT | O_EXCL, "u");
+        }
+        if (below(2) == 0) ::usleep(static_cast<useconds_t>(below(1000)));
+    }
+    return "unpack " + place + " with " + std::to_string(pieces) + " pieces";
 }
 
 /// Moves what lies at the top of an area to the top of another one, or renames it.

@@ -22,7 +22,7 @@ public:
         /// Folders below the root, in which it works and which it leaves where they are; "" is the root itself.
         std::vector<std::string> areas = {""};
         /// Also what the programs of a desktop do: more ways to save, memory maps, tags and ranks, trash, packages,
-        /// trees of some hundred names. Forks, so not for a process with threads.
+        /// archives that are unpacked, trees of some hundred names. Forks, so not for a process with threads.
         bool isWide = false;
     };
     /// The suffix of the names that it gives to folders that are to be packages.
@@ -57,6 +57,7 @@ private:
     std::string trash();
     std::string packUp();
     std::string tree();
+    std::string unpack();
     std::string moveTop();
     std::string area();
 

@@ -54,7 +54,7 @@ std::string differences(int folder, const std::vector<std::string>& names, Acces
     return found;
 }
 
-class AccessOf : public testing::Test {
+class AccessOf : public ::testing::Test {
 protected:
     /// One file for every mode without execution, for each kind of owner.
     AccessOf() : folder_(sandbox_.open()) {

@@ -34,7 +34,7 @@ std::span<std::uint8_t> spanOf(std::string& buffer) {
     return {reinterpret_cast<std::uint8_t*>(buffer.data()), buffer.size()};
 }
 
-class Attributes : public testing::Test {
+class Attributes : public ::testing::Test {
 protected:
     Attributes() {
         sandbox_.file("file");

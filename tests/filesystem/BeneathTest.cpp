@@ -111,7 +111,7 @@ TEST(OpenBeneath, TakesNamesOf255Bytes) {
 }
 
 /// A chain of 5,000 folders, taken away again from its bottom.
-class DeepFolders : public testing::Test {
+class DeepFolders : public ::testing::Test {
 protected:
     static constexpr int kDepth = 5000;
     DeepFolders() {

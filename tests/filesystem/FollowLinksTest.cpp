@@ -12,7 +12,7 @@ namespace tarnwell::filesystem {
 namespace {
 
 /// A storage root "home/Storage", a library "home/app/Documents", and things outside of both.
-class FollowLinks : public testing::Test {
+class FollowLinks : public ::testing::Test {
 protected:
     FollowLinks() {
         sandbox_.file("home/Storage/folder/file");

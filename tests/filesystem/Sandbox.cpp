@@ -1,10 +1,7 @@
 #include "tests/filesystem/Sandbox.h"
 
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -29,11 +26,6 @@ std::string baseFolder() {
         if (value != nullptr && *value != '\0') return value;
     }
     return "/tmp";
-}
-
-bool writeText(const char* path, const std::string& text) {
-    const Descriptor file(::open(path, O_WRONLY | O_CLOEXEC));
-    return file.valid() && ::write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
 }  // namespace
@@ -90,42 +82,6 @@ std::string contentOf(int descriptor) {
         if (count == 0) return content;
         content.append(buffer, static_cast<std::size_t>(count));
     }
-}
-
-std::string inChild(const std::function<std::string()>& body) {
-    int ends[2];
-    require(::pipe2(ends, O_CLOEXEC) == 0, "pipe2");
-    const pid_t child = ::fork();
-    require(child >= 0, "fork");
-    if (child == 0) {
-        const std::string text = body();
-        const bool told = ::write(ends[1], text.data(), text.size()) == static_cast<ssize_t>(text.size());
-        ::_exit(told ? 0 : 1);
-    }
-    ::close(ends[1]);
-    std::string text = contentOf(ends[0]);
-    ::close(ends[0]);
-    int status = 0;
-    require(::waitpid(child, &status, 0) == child, "waitpid");
-    if (status != 0) text += " (the child ended with status " + std::to_string(status) + ")";
-    return text;
-}
-
-std::optional<std::string> becomeOwnerOfMounts() {
-    const uid_t user = ::geteuid();
-    const gid_t group = ::getegid();
-    if (::unshare(user == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) != 0) {
-        return "no mounts of its own: " + std::string(std::strerror(errno));
-    }
-    if (user != 0 && (!writeText("/proc/self/setgroups", "deny") ||
-                      !writeText("/proc/self/uid_map", "0 " + std::to_string(user) + " 1") ||
-                      !writeText("/proc/self/gid_map", "0 " + std::to_string(group) + " 1"))) {
-        return "no user namespace of its own: " + std::string(std::strerror(errno));
-    }
-    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        return "mounts cannot be made private: " + std::string(std::strerror(errno));
-    }
-    return std::nullopt;
 }
 
 }  // namespace tarnwell::filesystem

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "platform/base/Descriptor.h"
+#include "testing/InChild.h"
 
 namespace tarnwell::filesystem {
 
@@ -35,10 +36,7 @@ private:
 
 std::string contentOf(int descriptor);
 
-/// Runs `body` in a forked child and gives the text that it returned, "" for a success.
-std::string inChild(const std::function<std::string()>& body);
-
-/// Gives the calling process mounts of its own (in a user namespace of its own unless it is root); the reason why not.
-std::optional<std::string> becomeOwnerOfMounts();
+using testing::becomeOwnerOfMounts;
+using testing::inChild;
 
 }  // namespace tarnwell::filesystem

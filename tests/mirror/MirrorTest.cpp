@@ -100,9 +100,11 @@ private:
         if (!together) return;
         std::vector<std::size_t> busy{0, 1, 2};
         const bool areWatched = below(3) != 0;
+        // A host that often starts anew compares so often that nothing of what it is told counts.
+        const std::uint64_t calm = below(2) == 0 ? 12 : 120;
         while (!busy.empty()) {
             if (areWatched) {
-                disturb(12);
+                disturb(calm);
                 Client& client = clients_[below(clients_.size())];
                 if (below(2) == 0 && !isFollower(client)) step(client);
                 if (isFollower(client)) stepQuietly(client);

@@ -6,11 +6,12 @@
 #include <optional>
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
+
+#include "testing/InChild.h"
 
 namespace tarnwell::watch {
 
@@ -103,28 +104,11 @@ void append(const std::string& path, std::string_view text) {
     ASSERT_EQ(::write(file.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
 }
 
-std::string inChild(const std::function<std::string()>& body) {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) return "no pipe";
-    Descriptor reading(ends[0]);
-    Descriptor writing(ends[1]);
-    const pid_t child = ::fork();
-    if (child < 0) return "no child";
-    if (child == 0) {
+std::string checkedInChild(const std::function<std::string()>& body) {
+    return testing::inChild([&] {
         std::string answer = body();
-        if (::testing::Test::HasFailure()) answer = "failures above";
-        const bool isWritten = ::write(writing.get(), answer.data(), answer.size()) == ssize_t(answer.size());
-        ::_exit(isWritten ? 0 : 1);
-    }
-    writing = Descriptor();
-    std::string answer;
-    char buffer[4096];
-    for (ssize_t length = 0; (length = ::read(reading.get(), buffer, sizeof buffer)) > 0;)
-        answer.append(buffer, static_cast<std::size_t>(length));
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) answer += " the child ended with " + std::to_string(status);
-    return answer;
+        return ::testing::Test::HasFailure() ? "failures above" : answer;
+    });
 }
 
 }  // namespace tarnwell::watch

@@ -57,10 +57,10 @@ void append(const std::string& path, std::string_view text);
 
 /// Runs `body` in a child process, which may change its identity, its limits and its mounts. What `body` returns is a
 /// failure, or with "skip: " before it a reason to skip.
-std::string inChild(const std::function<std::string()>& body);
+std::string checkedInChild(const std::function<std::string()>& body);
 #define EXPECT_IN_CHILD(body)                                                     \
     do {                                                                          \
-        const std::string childSaid = inChild(body);                              \
+        const std::string childSaid = checkedInChild(body);                       \
         if (childSaid.starts_with("skip: ")) GTEST_SKIP() << childSaid.substr(6); \
         EXPECT_EQ(childSaid, "");                                                 \
     } while (false)
