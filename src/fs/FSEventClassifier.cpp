@@ -119,8 +119,9 @@ ClassifiedEvent FSEventClassifier::classifyPath(const events::FileEvent& event, 
         return deletion(url);
     }
     auto item = itemAt(url);
-    // What lies in a package now is removed to clients, and stands there still.
-    const bool isOutOfSight = tellsOfRemoval && liesInPackage(url);
+    // What lies in a package now is removed to clients, and stands there still; so does a file that has other names and
+    // is shown under one of those.
+    const bool isOutOfSight = tellsOfRemoval && (liesInPackage(url) || hasSeveralNames(url));
     if (item && isNamedBy(*item, event) && !isOutOfSight) return {Kind::changed, url, std::move(item)};
     if (named && tellsOfRemoval) {
         // Another object has the name of the one that went. What is remembered of that one is no business of this URL.
@@ -204,6 +205,13 @@ bool FSEventClassifier::liesInPackage(const URL& url) const {
         if (!environment_.items.files.isFolder(folder)) return true;
     }
     return false;
+}
+
+bool FSEventClassifier::hasSeveralNames(const URL& url) const {
+    const auto isDirectory = environment_.items.files.resourceValue(url, files::ResourceKey::isDirectory);
+    if (!isDirectory || *isDirectory != files::ResourceValue(false)) return false;
+    const auto status = environment_.items.files.stat(url);
+    return status && status->linkCount > 1;
 }
 
 std::shared_ptr<items::LocalItem> FSEventClassifier::itemAt(const URL& url) const {

@@ -32,6 +32,7 @@ private:
     bool liesInHiddenMonitoredFolder(const URL& url) const;
     /// True when a folder on the way from a monitored one to the object is a package, or is none any more.
     bool liesInPackage(const URL& url) const;
+    bool hasSeveralNames(const URL& url) const;
     std::shared_ptr<items::LocalItem> itemAt(const URL& url) const;
     void drop(const URL& url, std::string_view reason) const;
     ClassifiedEvent dropMismatch(const URL& url, const std::string& found, const std::string& named) const;

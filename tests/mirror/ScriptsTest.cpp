@@ -177,6 +177,24 @@ TEST_F(Scripts, AFolderLeavesOneThatLeftOneThatGoes) {
     expectEqual();
 }
 
+TEST_F(Scripts, AFileIsShownUnderItsOtherNameAndTheFirstOneIsThereAgain) {
+    makeFolder("Documents/a");
+    makeFolder("Documents/b");
+    write("Documents/a/file");
+    link("Documents/a/file", "Documents/b/other");
+    begin();
+    Client& follower = begin(identifierOf("Documents/a"));
+    ASSERT_EQ(follower.mirror().items().size(), 1u);
+    remove("Documents/a/file");
+    // It is shown in the other folder, and stays there.
+    ASSERT_EQ(device_.ask({"list", hostframework::kRootContainer}).at(0), "ok");
+    link("Documents/b/other", "Documents/a/file");
+    expectEqual();
+    EXPECT_TRUE(follower.mirror().items().empty()) << "no listing of the folder shows it";
+    remove("Documents/a/file");
+    expectEqual();
+}
+
 TEST_F(Scripts, AFolderBecomesAPackageBeforeTheFolderAroundItMoves) {
     if (!device_.packageSuffix()) GTEST_SKIP() << "this machine cannot declare package types";
     makeFolder("Documents/a");

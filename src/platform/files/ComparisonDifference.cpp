@@ -32,14 +32,16 @@ void ComparisonRun::difference(Folder& folder, const Reading& reading) {
             countNames(*row, entry.status);
             bool attributes = row->changed != entry.status.changed || row->modified != entry.status.modified ||
                               row->size != entry.status.size;
+            if (row->visible != isVisibleEntry(folder.job.context, entry.name, row->isDirectory())) {
+                // It left with its folder, which became hidden, and came back with it; or the folder left and came back
+                // while this one was looked at in it.
+                write();
+                moveHere(folder, *row, entry, false);
+                folder.changed = true;
+                continue;
+            }
             if (row->state == ObjectState::missing) {
                 write();
-                if (row->visible != isVisibleEntry(folder.job.context, entry.name, row->isDirectory())) {
-                    // It left with its folder, which became hidden, and came back with it.
-                    moveHere(folder, *row, entry, false);
-                    folder.changed = true;
-                    continue;
-                }
                 row->state = ObjectState::live;
                 session().index().setState(row->fileID, ObjectState::live);
             }

@@ -101,10 +101,15 @@ Result<ObjectRow> ComparisonRun::rootRow(const std::shared_ptr<const Root>& root
     return fresh;
 }
 
+/// True when clients may be told of what lies in the folder, by what is known of it.
+bool ComparisonRun::showsContents(const EntryRow& folder) {
+    return folder.parent == 0 || (folder.visible && !folder.package);
+}
+
 /// The context of a known folder by the index alone.
 FolderContext ComparisonRun::contextOf(const EntryRow& folder) {
-    if (folder.parent == 0) return FolderContext{true, true, std::nullopt};
-    FolderContext context{false, folder.visible && !folder.package, std::nullopt};
+    FolderContext context{folder.parent == 0, showsContents(folder), std::nullopt};
+    if (context.isRoot) return context;
     // What is unseen may lie in a package, whose change it is to clients.
     std::optional<EntryRow> row = folder;
     while (row && !row->visible && row->parent != 0) row = session().index().byFileID(FileID{row->parent});
@@ -245,7 +250,7 @@ Result<Descriptor> ComparisonRun::openHandle(const Job& job) const {
     return filesystem::openBeneath(parent, job.relative.substr(job.relative.rfind('/') + 1), O_PATH | O_DIRECTORY);
 }
 
-Result<bool> ComparisonRun::processFolder(const Job& job, Detail detail, std::vector<Job>* jobs) {
+Result<bool> ComparisonRun::processFolder(Job job, Detail detail, std::vector<Job>* jobs) {
     // Left out for whatever reason, a folder may hold what is looked for elsewhere.
     const auto leaveOut = [&] {
         complete_ = false;
@@ -262,6 +267,9 @@ Result<bool> ComparisonRun::processFolder(const Job& job, Detail detail, std::ve
     if (auto checked = session().check(); !checked) return failure(checked.error());
     if (!row) return leaveOut();
     if (row->identity.inode != status->inode || row->identity.birth != status->birth) return leaveForLater();
+    // It went out of sight, or came into it, while it waited, and is where it was again.
+    if (row->state == ObjectState::gone) return leaveForLater();
+    if (showsContents(*row) != job.context.contentsVisible) job.context = contextOf(*row);
     // The folder itself was removed while it is held open: that says nothing of what it held elsewhere.
     if (status->links == 0) return leaveOut();
     if (comparer_.watch_ != nullptr && !comparer_.watch_->isWatched(job.folder)) {

@@ -93,9 +93,10 @@ private:
     Result<std::optional<Job>> jobFor(const Place& folder);
     Result<std::optional<Job>> jobByNames(const Place& folder, Job job);
     FolderContext contextOf(const store::EntryRow& folder);
+    static bool showsContents(const store::EntryRow& folder);
     Result<store::ObjectRow> rootRow(const std::shared_ptr<const Root>& root);
     Result<void> drain(std::vector<Job> jobs, Detail detail, bool below);
-    Result<bool> processFolder(const Job& job, Detail detail, std::vector<Job>* jobs);
+    Result<bool> processFolder(Job job, Detail detail, std::vector<Job>* jobs);
     enum class HintOutcome { done, stale };
     Result<HintOutcome> compareHintedFolder(const HintedFolder& hinted);
     Result<HintOutcome> compareHintedNames(const Job& job, const store::ObjectRow& row, const HintedFolder& hinted);

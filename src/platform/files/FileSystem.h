@@ -47,7 +47,7 @@ struct ObjectAttributes {
 };
 
 /// What `stat` gives. On every file system the link count of a folder is the number of its entries, hidden ones too,
-/// plus 2, at most 65,537.
+/// plus 2, at most 65,537; that of anything else is the number of its names.
 struct FileStatus {
     FileID fileID{};
     std::uint32_t mode = 0;

@@ -302,7 +302,7 @@ Result<FileStatus> LocalFileSystem::stat(const URL& url) {
     auto keptID = url.cache().fileID();
     if (kept != nullptr && keptID && kept->isOwnTarget) {
         // The walk looked at this very object a moment ago.
-        if (kept->kind != FileKind::directory) return FileStatus{*keptID, kept->mode, 1, kept->size};
+        if (kept->kind != FileKind::directory) return FileStatus{*keptID, kept->mode, kept->links, kept->size};
         if (kept->entryCount) {
             return FileStatus{*keptID, kept->mode, std::min(*kept->entryCount, kMostEntries) + 2, kept->size};
         }

@@ -58,6 +58,7 @@ std::unique_ptr<ResourceSnapshot> basicSnapshot(const filesystem::Status& status
     auto snapshot = std::make_unique<ResourceSnapshot>();
     snapshot->kind = kindOf(status.mode);
     snapshot->mode = status.mode;
+    snapshot->links = status.links;
     snapshot->size = status.size;
     if (status.birth != 0) snapshot->creationDate = dateFrom(status.birth);
     snapshot->contentModificationDate = dateFrom(status.modified);

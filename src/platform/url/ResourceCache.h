@@ -23,6 +23,7 @@ struct ResourceSnapshot {
     std::string_view typeIdentifier;
     FileKind kind = FileKind::other;
     std::uint32_t mode = 0;
+    std::uint32_t links = 1;  ///< names of a file
     std::uint64_t size = 0;
     std::optional<Date> creationDate;
     Date contentModificationDate{};
