@@ -181,6 +181,8 @@ void ComparisonRun::placeUnknown(Folder& folder, const DiskEntry& entry, ObjectR
     moveHere(folder, *row, entry, displacedDocument);
     if (displacedDocument) {
         takeover.successor = row->fileID;
+        takeover.folder = raw(folder.row.fileID);
+        takeover.name = entry.name;
         takeovers_.push_back(std::move(takeover));
     }
 }
@@ -252,7 +254,10 @@ void ComparisonRun::addNew(Folder& folder, const DiskEntry& entry, ObjectRow* di
     }
     insertWithKept(folder, row, entry.status);
     countNames(row, entry.status);
-    if (takesOver) takeovers_.push_back({displaced->fileID, displaced->documentID, row.fileID, 0, "", isLive()});
+    if (takesOver) {
+        takeovers_.push_back(
+            {displaced->fileID, displaced->documentID, row.fileID, row.parent, row.name, 0, "", isLive()});
+    }
 }
 
 /// Brings a known object to the folder: renamed in it, moved into it, or back after it was gone.

@@ -69,6 +69,8 @@ private:
         FileID displaced{};
         std::optional<DocumentID> documentID = {};  ///< what the displaced one had
         FileID successor{};
+        std::uint64_t folder = 0;  ///< where the name is
+        std::string name;
         std::uint64_t successorsOldFolder = 0;  ///< where the successor was known before; 0 for a new object
         std::string successorsOldPath;
         bool isRecent = false;  ///< the name was left a short time ago

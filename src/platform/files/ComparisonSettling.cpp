@@ -68,9 +68,11 @@ void ComparisonRun::settleTakeover(const Takeover& takeover) {
     auto displaced = session().index().byFileID(takeover.displaced);
     auto successor = session().index().byFileID(takeover.successor);
     if (!successor || successor->state != ObjectState::live) return;
+    // It went on while the comparison did, and may have another document's ID by now.
+    const bool isThere = successor->parent == takeover.folder && successor->name == takeover.name;
     // In a ring of documents that changed places one has its predecessor's by now.
     // What clients see keeps its ID rather than give it to what they do not: the successor may be hidden by now.
-    bool replaced = displaced && displaced->documentID && displaced->documentID == takeover.documentID &&
+    bool replaced = isThere && displaced && displaced->documentID && displaced->documentID == takeover.documentID &&
                     successor->isDocument() && (successor->visible || !displaced->visible) &&
                     (displaced->state == ObjectState::missing || takeover.isRecent ||
                      (displaced->state == ObjectState::live && displaced->parent == successor->parent &&
