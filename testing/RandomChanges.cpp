@@ -136,7 +136,7 @@ std::string RandomChanges::create() {
         case 6: {
             const std::string target = file();
             const std::string& area = options_.areaWithoutHardLinks;
-            const auto lies = [&](const std::string& path) { return !area.empty() && path.starts_with(area + "/"); };
+            const auto lies = [&](const std::string& at) { return !area.empty() && at.starts_with(area + "/"); };
             if (!options_.makesHardLinks || target.empty() || lies(target) || lies(place)) return "nothing";
             [[maybe_unused]] const int made = ::link(absolute(target).c_str(), path.c_str());
             return "link " + target + " " + place;

@@ -18,7 +18,7 @@ public:
         std::string outside = "/nonexistent";
         bool makesHardLinks = true;
         /// No hard link is made there, and none to a file there; "" for wherever it works.
-        std::string areaWithoutHardLinks;
+        std::string areaWithoutHardLinks = "";
         /// Folders below the root, in which it works and which it leaves where they are; "" is the root itself.
         std::vector<std::string> areas = {""};
         /// Also what the programs of a desktop do: more ways to save, memory maps, tags and ranks, trash, packages,

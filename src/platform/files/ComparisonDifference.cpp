@@ -278,8 +278,8 @@ void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& en
     row.modified = entry.status.modified;
     row.setChanged(entry.status.changed);
     bool showedContents = row.isDirectory() && toldOf && !old.package;
-    bool showsContents = row.isDirectory() && row.visible && !row.package;
-    if (showedContents && !showsContents) {
+    bool showsNow = row.isDirectory() && row.visible && !row.package;
+    if (showedContents && !showsNow) {
         // Deepest first: what lies below leaves before the folder. It stands there still, unseen, and is found as what
         // it is when the folder is read again.
         for (const ObjectRow& child : session().index().allChildren(row.fileID)) {
@@ -312,7 +312,7 @@ void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& en
     session().index().update(row);
     noteKept(row);
     countNames(row, entry.status);
-    if (showsContents && !showedContents && old.state != ObjectState::gone) {
+    if (showsNow && !showedContents && old.state != ObjectState::gone) {
         arrive(row, contextBelow(folder.job.context, row));
     }
 }

@@ -17,6 +17,8 @@ namespace tarnwell::files {
 namespace {
 
 constexpr std::uint32_t kMostEntries = 65'535;
+/// An object that keeps moving away while it is looked at is taken as it was seen last.
+constexpr int kMostLooks = 3;
 
 bool isAbsence(const Error& error) {
     return error.domain == ErrorDomain::posix &&
@@ -73,15 +75,39 @@ Result<const ResourceSnapshot*> LocalFileSystem::snapshotOf(const URL& url) {
         if (!snapshot) return failure(snapshot.error());
         return url.cache().keep(std::move(*snapshot));
     }
-    auto parent = filesystem::openParent(*place);
-    if (!parent) return failure(parent.error());
-    auto status = filesystem::statusAt(parent->folder.get(), parent->name.c_str());
-    if (!status) return failure(status.error());
-    auto mount = filesystem::mountStateOf(parent->folder.get());
-    auto snapshot = makeSnapshot(types_, parent->folder.get(), mount.value_or(filesystem::MountState::writable),
-                                 parent->name.c_str(), *status, Bareness::unknown);
-    if (!snapshot) return failure(snapshot.error());
-    return url.cache().keep(std::move(*snapshot));
+    for (int attempt = 1;; ++attempt) {
+        auto parent = filesystem::openParent(*place);
+        if (!parent) return failure(parent.error());
+        auto status = filesystem::statusAt(parent->folder.get(), parent->name.c_str());
+        if (!status) return failure(status.error());
+        auto mount = filesystem::mountStateOf(parent->folder.get());
+        auto snapshot = makeSnapshot(types_, parent->folder.get(), mount.value_or(filesystem::MountState::writable),
+                                     parent->name.c_str(), *status, Bareness::unknown);
+        if (!snapshot) return failure(snapshot.error());
+        if (rememberIdentities(url, *place, parent->folder.get(), *status, **snapshot) || attempt == kMostLooks) {
+            return url.cache().keep(std::move(*snapshot));
+        }
+    }
+}
+
+/// Looked up one after the other by path, an object, what it is known by and its folder might be of different moments.
+/// False when the path leads elsewhere by now.
+bool LocalFileSystem::rememberIdentities(const URL& url, const Place& place, int folder,
+                                         const filesystem::Status& status, ResourceSnapshot& snapshot) {
+    const auto row = comparer_.rowAt(place, status);
+    if (!row) return true;  // what cannot be known now is asked for by itself
+    if (!comparer_.isObject(*row, status)) return false;
+    const std::size_t slash = place.relative.rfind('/');
+    if (slash != std::string::npos) {
+        const auto around = filesystem::statusOf(folder);
+        const auto above = around ? comparer_.rowAt(Place{place.root, place.relative.substr(0, slash)}, *around)
+                                  : failure(around.error());
+        if (!above) return true;
+        if (!comparer_.isObject(*above, *around)) return false;
+        if (!above->package) snapshot.folder = above->fileID;
+    }
+    rememberNumbers(url.cache(), *row);
+    return true;
 }
 
 Result<ResourceValue> LocalFileSystem::resourceValue(const URL& url, ResourceKey key) {

@@ -50,6 +50,8 @@ public:
 private:
     Result<Place> placeOf(const URL& url) const;
     Result<const ResourceSnapshot*> snapshotOf(const URL& url);
+    bool rememberIdentities(const URL& url, const Place& place, int folder, const filesystem::Status& status,
+                            ResourceSnapshot& snapshot);
     std::optional<URL> takeHandedOver(FileID fileID);
     Result<std::uint32_t> entryCountOf(const Place& place);
 

@@ -41,6 +41,8 @@ struct ResourceSnapshot {
     bool bare = false;
     /// Entries of a folder, hidden ones included, when they were counted.
     std::optional<std::uint32_t> entryCount;
+    /// The folder that it was found in, where that is known and no package.
+    std::optional<FileID> folder;
     /// The object that the path leads to, links followed, when it is this one: true for everything but links.
     bool isOwnTarget = true;
 };

@@ -149,7 +149,13 @@ URL URL::appending(std::string_view component) const {
 URL URL::deletingLastPathComponent() const {
     const std::size_t slash = path().rfind('/');
     if (!isFileURL() || slash == std::string::npos) return URL(isFileURL(), path());
-    return URL(true, path().substr(0, std::max<std::size_t>(slash, 1)), cache().parent());
+    auto parent = cache().parent();
+    if (const ResourceSnapshot* snapshot = cache().snapshot(); !parent && snapshot != nullptr && snapshot->folder) {
+        parent = std::make_shared<ResourceCache>();
+        parent->setFileID(*snapshot->folder);
+        parent->setIsFolder(true);
+    }
+    return URL(true, path().substr(0, std::max<std::size_t>(slash, 1)), std::move(parent));
 }
 
 std::string URL::text() const {
