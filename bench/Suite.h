@@ -53,6 +53,7 @@ void addTree(Suite& suite);
 void addLookups(Suite& suite);
 void addPages(Suite& suite);
 void addChanges(Suite& suite);
+void addLive(Suite& suite);
 void addMemory(Suite& suite);
 
 /// The part of the memory benchmark that runs in a process of its own, on that person's home: prints one line of

@@ -65,6 +65,7 @@ int run(const Options& options, const Sizes& sizes) {
     addMemory(suite);
     addListings(suite);
     addChanges(suite);
+    addLive(suite);
     addPages(suite);
     addTree(suite);
     addLookups(suite);

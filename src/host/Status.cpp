@@ -56,6 +56,7 @@ Result<Status> statusOf(ProgramContext& context) {
     status.journalBegin = session.journal().floor();
     status.journalEnd = raw(context.store().lastEventID());
     status.departures = session.journal().departureCount();
+    if (const auto when = context.store().lastCompared()) status.lastCompared = Date(std::chrono::seconds(*when));
     if (auto checked = session.check(); !checked) return failure(checked.error());
     return status;
 }

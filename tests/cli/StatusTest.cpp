@@ -29,6 +29,20 @@ TEST(StatusVerb, ShowsEveryRootAndWhatIsKnown) {
     EXPECT_EQ(facts["overflows"], 0);
 }
 
+TEST(StatusVerb, KnowsWhenEverythingWasCompared) {
+    const Device device;
+    const auto compared = [&]() -> nlohmann::json {
+        return device.run({"--json", "status"}).json().back()["lastCompared"];
+    };
+    EXPECT_TRUE(compared().is_null());
+    EXPECT_NE(device.run({"status"}).output.find("never yet"), std::string::npos);
+    const auto anchor = device.run({"anchor", "workingset"}).output;
+    ASSERT_EQ(device.run({"changes", "workingset", "--since", anchor.substr(0, anchor.find('\n'))}).status, 0);
+    const auto when = compared();
+    ASSERT_TRUE(when.is_string());
+    EXPECT_TRUE(when.get<std::string>().starts_with("20")) << when;
+}
+
 TEST(StatusVerb, IsReadable) {
     const Device device;
     const auto finished = device.run({"status"});

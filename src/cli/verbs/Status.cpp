@@ -41,15 +41,18 @@ private:
             if (!isUtf8(root.path)) json["rootBytes"] = base64(bytesOf(root.path));
             output.line(jsonLine(json));
         }
-        output.line(jsonLine({{"watches", status.watches},
-                              {"polledFolders", status.polledFolders},
-                              {"queueLimit", status.queueLimit},
-                              {"overflows", status.overflows},
-                              {"objects", status.objects},
-                              {"databaseBytes", status.databaseBytes},
-                              {"journalBegin", status.journalBegin},
-                              {"journalEnd", status.journalEnd},
-                              {"departures", status.departures}}));
+        output.line(
+            jsonLine({{"watches", status.watches},
+                      {"polledFolders", status.polledFolders},
+                      {"queueLimit", status.queueLimit},
+                      {"overflows", status.overflows},
+                      {"objects", status.objects},
+                      {"databaseBytes", status.databaseBytes},
+                      {"journalBegin", status.journalBegin},
+                      {"journalEnd", status.journalEnd},
+                      {"departures", status.departures},
+                      {"lastCompared", status.lastCompared ? nlohmann::ordered_json(iso8601(*status.lastCompared))
+                                                           : nlohmann::ordered_json(nullptr)}}));
     }
 
     static void writeText(Output& output, const host::Status& status) {
@@ -68,6 +71,8 @@ private:
         facts.add({{"journal"},
                    {"positions " + grouped(status.journalBegin) + " to " + grouped(status.journalEnd) + ", " +
                     grouped(status.departures) + " records of what left"}});
+        facts.add(
+            {{"last compared"}, {status.lastCompared ? localTime(*status.lastCompared) : std::string("never yet")}});
         facts.add({{"watches"},
                    {grouped(status.watches) + " directories, " + grouped(status.polledFolders) + " only polled"}});
         facts.add({{"kernel queue"},

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "platform/files/ChangeTime.h"
@@ -28,7 +29,15 @@ Result<void> Comparer::compare(const std::vector<Place>& folders, Detail detail)
     for (const Place& folder : folders) {
         if (auto result = run.compareBelow(folder, detail); !result) return result;
     }
-    return run.finish();
+    auto finished = run.finish();
+    if (finished && run.isComplete() && coverStorage(folders)) store_.noteCompared();
+    return finished;
+}
+
+bool Comparer::coverStorage(const std::vector<Place>& folders) const {
+    return folders.empty() || std::ranges::any_of(folders, [&](const Place& folder) {
+               return folder.root == roots_.storage() && folder.relative.empty();
+           });
 }
 
 Result<void> Comparer::compareFolder(const Place& folder) {

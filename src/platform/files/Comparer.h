@@ -128,6 +128,7 @@ private:
         std::uint32_t number = 0;
         bool keepsChangeTimes = false;
     };
+    bool coverStorage(const std::vector<Place>& folders) const;
     std::optional<FileSystemEntry> knownFileSystem(std::uint64_t device);
     Result<FileSystemEntry> fileSystemOf(std::uint64_t device, int descriptor);
     Result<void> meetFileSystem(const Place& place, const filesystem::Status& status);

@@ -28,6 +28,8 @@ public:
     Result<std::vector<HintedFolder>> compareHinted(std::vector<HintedFolder> hinted);
     /// Settles what was missing. Call once, after the folders.
     Result<void> finish();
+    /// True when nothing was left out so far.
+    bool isComplete() const { return complete_; }
 
 private:
     struct Job {

@@ -160,6 +160,10 @@ Result<void> Store::prepare() {
     Statement uuid(*database_, "SELECT value FROM meta WHERE key = 'uuid'");
     auto parsed = uuid.step() ? UUID::parse(uuid.bytesAt(0)) : std::nullopt;
     uuid.reset();
+    Statement compared(*database_, "SELECT value FROM meta WHERE key = 'compared'");
+    comparedKept_ = compared.step() ? compared.signedAt(0) : 0;
+    compared.reset();
+    compared_.store(comparedKept_);
     index_ = std::make_unique<Index>(*database_, *numbers_);
     journal_ = std::make_unique<Journal>(*database_, *numbers_);
     kept_ = std::make_unique<KeptTable>(*database_);
@@ -185,7 +189,10 @@ Result<void> Store::prepare() {
 
 Store::~Store() {
     if (database_ == nullptr) return;
-    if (numbers_ != nullptr && !database_->error()) numbers_->saveExact();
+    if (numbers_ != nullptr && !database_->error()) {
+        keepCompared();
+        numbers_->saveExact();
+    }
     // Statements go before their connection.
     kept_.reset();
     continuations_.reset();
@@ -193,6 +200,15 @@ Store::~Store() {
     index_.reset();
     numbers_.reset();
     database_.reset();
+}
+
+/// For displays only, so that a few seconds are not worth a write.
+void Store::keepCompared() {
+    constexpr std::int64_t kWorthAWrite = 60;
+    const std::int64_t when = compared_.load();
+    if (when - comparedKept_ < kWorthAWrite) return;
+    Statement keep(*database_, "INSERT OR REPLACE INTO meta(key, value) VALUES('compared', ?)");
+    keep.bindSigned(1, when).run();
 }
 
 void Store::setCommitListener(std::function<void()> listener) {

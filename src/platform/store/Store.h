@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -53,6 +54,14 @@ public:
     /// The position reached by committed records. Any thread.
     EventID lastEventID() const { return EventID{lastEvent_.load(std::memory_order_acquire)}; }
 
+    /// The storage root, and all below it, was compared with the disk now. Any thread; kept when the store is closed.
+    void noteCompared() { compared_.store(std::time(nullptr), std::memory_order_relaxed); }
+    /// When that was last, in seconds since 1970, by this process or one before; nothing if it never was.
+    std::optional<std::int64_t> lastCompared() const {
+        const std::int64_t when = compared_.load(std::memory_order_relaxed);
+        return when != 0 ? std::optional(when) : std::nullopt;
+    }
+
     /// Called after a commit that recorded events, outside the store's mutex, on the committing thread.
     void setCommitListener(std::function<void()> listener);
 
@@ -60,6 +69,7 @@ private:
     friend class Session;
     Store() = default;
     Result<void> prepare();
+    void keepCompared();
 
     std::string directory_;
     std::optional<OwnerLock> ownerLock_;
@@ -72,6 +82,8 @@ private:
     UUID uuid_;
     StoreOrigin origin_ = StoreOrigin::created;
     std::atomic<std::uint64_t> lastEvent_{0};
+    std::atomic<std::int64_t> compared_{0};  ///< seconds since 1970
+    std::int64_t comparedKept_ = 0;          ///< as the database has it
     std::mutex mutex_;
     std::mutex listenerMutex_;
     std::function<void()> listener_;
