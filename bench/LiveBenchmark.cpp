@@ -67,10 +67,11 @@ Outcome<double> line(Suite& suite, benchmark::State& state) {
     auto& service = device.environment().events;
     const auto queue = dispatch::SerialQueue::create(device.environment().pool, "bench.live");
     Listener listener;
-    auto stream = service.createStream({.over = events::StreamOverPaths{{device.url("live")}},
-                                        .since = service.recordedEventID(),
-                                        .latency = kLatency},
-                                       [&](const auto& told) { listener.hear(told); });
+    events::StreamOptions options;
+    options.over = events::StreamOverPaths{{device.url("live")}};
+    options.since = service.recordedEventID();
+    options.latency = kLatency;
+    auto stream = service.createStream(std::move(options), [&](const auto& told) { listener.hear(told); });
     if (!stream) return std::unexpected(describe(stream.error()));
     (*stream)->setQueue(queue);
     const bool started = queue->sync([&] { return (*stream)->start(); });
