@@ -12,7 +12,7 @@ namespace tarnwell::mirror {
 
 testing::RandomChanges::Options changesBelow(const std::string& links, const std::string& finding) {
     // Files with several names, and folders that become packages and folders again while somebody asks, still go wrong
-    // once in some hundred thousand operations: that is looked for in long runs.
+    // in some of the long runs: it is looked for there.
     testing::RandomChanges::Options options{
         .mostNames = 600, .outside = links, .makesHardLinks = testing::isLongRun(), .areas = {}, .isWide = true};
     // A name that a file gets outside of the storage, and what is written under it, is hinted at by nothing.
