@@ -124,8 +124,7 @@ Outcome<double> replay(Suite& suite, benchmark::State& state, std::size_t count)
     std::vector<std::string> paths;
     for (std::size_t i = 0; i < count; ++i) paths.push_back(device.path("changed/" + sampleName(i)));
     for (const std::string& path : paths) {
-        const Descriptor file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-        if (!file.valid() || ::write(file.get(), "x", 1) != 1) return std::unexpected("a file cannot be changed");
+        if (!changeFile(path)) return std::unexpected("a file cannot be changed");
     }
     waitUntilTrusted();
     device.restart();
@@ -180,10 +179,8 @@ Outcome<double> live(Suite& suite, benchmark::State& state) {
     const std::size_t rounds = std::max<std::size_t>(50, suite.sizes().lookups / 20);
     std::vector<double> requests;
     for (std::size_t i = 0; i < rounds; ++i) {
-        {
-            const Descriptor file(
-                ::open(device.path("live/" + sampleName(i % 1000)).c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-            if (!file.valid() || ::write(file.get(), "x", 1) != 1) return std::unexpected("a file cannot be changed");
+        if (!changeFile(device.path("live/" + sampleName(i % 1000)))) {
+            return std::unexpected("a file cannot be changed");
         }
         const Stopwatch watch;
         const auto request = std::make_shared<Request>();

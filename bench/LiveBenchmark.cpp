@@ -23,11 +23,6 @@ double median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
-bool append(const std::string& path) {
-    const Descriptor file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-    return file.valid() && ::write(file.get(), "x", 1) == 1;
-}
-
 // ---- how late a change is told -------------------------------------------------------------------------------------
 
 /// Waits for what a stream tells.
@@ -81,7 +76,7 @@ Outcome<double> line(Suite& suite, benchmark::State& state) {
     for (std::size_t i = 0; problem.empty() && i < rounds; ++i) {
         const std::string path = device.path("live/" + sampleName(i % 100));
         const Stopwatch watch;
-        if (!append(path)) problem = "a file cannot be changed";
+        if (!changeFile(path)) problem = "a file cannot be changed";
         if (problem.empty() && !listener.waitFor(path)) problem = "a change was not told";
         late.push_back(watch.elapsed().clock - std::chrono::duration<double>(kLatency).count());
     }
@@ -120,14 +115,17 @@ Outcome<double> work(const std::string& folder, std::size_t files) {
 /// Reads what the kernel tells of one folder, and does nothing with it.
 class CountingReader {
 public:
-    explicit CountingReader(const std::string& folder) : watcher_(std::move(watch::makeWatcher().value())) {
+    explicit CountingReader(const std::string& folder) {
         const Descriptor open(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-        watches_ = open.valid() && watcher_->watch(open.get(), FileID{1}).has_value();
+        auto watcher = watch::makeWatcher();
+        watches_ = open.valid() && watcher && (*watcher)->watch(open.get(), FileID{1});
+        if (!watches_) return;
+        watcher_ = std::move(*watcher);
         thread_ = std::thread([this] { run(); });
     }
     ~CountingReader() {
         ends_.store(true);
-        thread_.join();
+        if (thread_.joinable()) thread_.join();
     }
     bool watches() const { return watches_; }
 

@@ -76,6 +76,11 @@ Outcome<std::uint64_t> makeFiles(const std::string& path, std::size_t count, Att
     return set;
 }
 
+bool changeFile(const std::string& path) {
+    const Descriptor file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+    return file.valid() && ::write(file.get(), "x", 1) == 1;
+}
+
 void waitUntilTrusted() {
     const auto end = std::chrono::steady_clock::now() + kTrustedAge;
     while (std::chrono::steady_clock::now() < end) ::usleep(1000);

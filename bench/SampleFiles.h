@@ -16,6 +16,8 @@ enum class Attributes { none, onEveryTenth };
 Outcome<std::uint64_t> makeFiles(const std::string& path, std::size_t count, Attributes attributes,
                                  std::size_t first = 0);
 Outcome<void> makeFolder(const std::string& path);
+/// Adds a byte to a file; false where that cannot be done.
+bool changeFile(const std::string& path);
 /// Waits until the index can trust the change times of what was made before.
 void waitUntilTrusted();
 

@@ -77,9 +77,8 @@ public:
     EventID recordedEventID() override;
     Result<void> rememberContinuation(const store::BatchKey& key, const store::Continuation& continuation) override;
     Result<std::optional<store::Continuation>> continuationOf(const store::BatchKey& key) override;
-    /// Knows of no object; keeps who was asked for.
+    /// True for the known objects, which it keeps as asked for; at first none is known.
     bool tellAgain(FileID object) override;
-    /// From now on the objects are known, and to be told of again.
     void knowObjects(std::vector<FileID> objects);
     std::vector<FileID> objectsToTellAgain() const;
     Result<std::unique_ptr<events::FileEventStream>> createStream(events::StreamOptions options,

@@ -5,8 +5,8 @@
 
 namespace tarnwell::testing {
 
-/// A private folder, removed with its contents (unreadable folders included) when destroyed, unless TARNWELL_TEST_KEEP is
-/// set. Below TARNWELL_TEST_DIR if that is set, so that a test can run on another file system, else below TMPDIR or
+/// A private folder, removed with its contents (unreadable folders included) when destroyed, unless TARNWELL_TEST_KEEP
+/// is set. Below TARNWELL_TEST_DIR if that is set, so that a test can run on another file system, else below TMPDIR or
 /// /tmp.
 class TemporaryDirectory {
 public:

@@ -55,15 +55,19 @@ bool isNamedBy(const items::LocalItem& item, const events::FileEvent& event) {
            (!event.documentID && item.docID() && item.fileID() == event.fileID);
 }
 
-void rememberIdentifier(const URL& url, const events::FileEvent& event) {
+ClassifiedEvent deletion(URL url) { return {Kind::deleted, std::move(url), nullptr}; }
+
+/// The deletion of the object that the event names. What is remembered of what stands at the path by now is no business
+/// of its URL.
+ClassifiedEvent deletionOf(const events::FileEvent& event, const std::string& path) {
+    URL url = URL::file(path);
     if (event.documentID) {
         url.cache().setDocumentID(*event.documentID);
     } else if (event.fileID) {
         url.cache().setFileID(*event.fileID);
     }
+    return deletion(std::move(url));
 }
-
-ClassifiedEvent deletion(URL url) { return {Kind::deleted, std::move(url), nullptr}; }
 
 }  // namespace
 
@@ -99,9 +103,7 @@ ClassifiedEvent FSEventClassifier::classifyPath(const events::FileEvent& event, 
     const bool tellsOfRemoval = (event.flags & events::kEventItemRemoved) != 0;
     if (named && tellsOfRemoval && liesInHiddenMonitoredFolder(url)) {
         // Whether it stands there or not: the folder took it out of sight, and only now whoever follows it is told.
-        URL unseen = URL::file(path);
-        rememberIdentifier(unseen, event);
-        return deletion(std::move(unseen));
+        return deletionOf(event, path);
     }
     if (!passes(url)) return {Kind::dropped, url, nullptr};
     if (isGone) {
@@ -115,20 +117,15 @@ ClassifiedEvent FSEventClassifier::classifyPath(const events::FileEvent& event, 
                 return {Kind::dropped, url, nullptr};
             }
         }
-        rememberIdentifier(url, event);
-        return deletion(url);
+        return deletionOf(event, path);
     }
     auto item = itemAt(url);
     // What lies in a package now is removed to clients, and stands there still; so does a file that has other names and
     // is shown under one of those.
     const bool isOutOfSight = tellsOfRemoval && (liesInPackage(url) || hasSeveralNames(url));
     if (item && isNamedBy(*item, event) && !isOutOfSight) return {Kind::changed, url, std::move(item)};
-    if (named && tellsOfRemoval) {
-        // Another object has the name of the one that went. What is remembered of that one is no business of this URL.
-        URL placeOfTheOther = URL::file(path);
-        rememberIdentifier(placeOfTheOther, event);
-        return deletion(std::move(placeOfTheOther));
-    }
+    // Another object has the name of the one that went, or clients see it here no more.
+    if (named && tellsOfRemoval) return deletionOf(event, path);
     if (named) {
         if (auto elsewhere = classifyElsewhere(event, path)) return std::move(*elsewhere);
         if (event.fileID) (void)environment_.events.tellAgain(*event.fileID);

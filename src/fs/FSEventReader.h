@@ -37,8 +37,8 @@ public:
 ///   removal and something else has the name by now. Where it tells of no removal, the object that it names is first
 ///   looked for at another place: a folder above it may have moved since the event was read. Where it is not found and
 ///   a later event tells what became of it, this one is dropped: told too early, a deletion would take along what left
-///   the folder before it went. The identifier of a
-///   deletion is the event's document ID, else its file ID, kept in the URL's cache; an event with neither is dropped.
+///   the folder before it went. A deletion's identifier is the event's document ID, else its file ID, kept in the URL's
+///   cache; an event with neither is dropped.
 /// - Document-ID mode: the event is a deletion when the document's identifier leads to no URL. There is no place to
 ///   name then, so the URL reported is the event's path, with the document ID in its cache.
 /// - A removal below a monitored folder that is hidden itself is a deletion: what was known below it went out of sight

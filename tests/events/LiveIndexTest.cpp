@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <set>
 #include <thread>
@@ -133,10 +134,6 @@ TEST_F(LiveIndexTest, PollsWhatCannotBeWatched) {
 
 TEST_F(LiveIndexTest, AFileWithANameElsewhereChangesUnderThatOneToo) {
     const testing::TemporaryDirectory elsewhere;
-    const auto append = [&](const std::string& path) {
-        const Descriptor file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-        ASSERT_EQ(::write(file.get(), "xx", 2), 2);
-    };
     const auto knownSize = [&](const std::string& name) -> std::uint64_t {
         store::Session session(device_.store());
         for (auto& root : session.index().folders(FileID{0})) {
@@ -144,40 +141,41 @@ TEST_F(LiveIndexTest, AFileWithANameElsewhereChangesUnderThatOneToo) {
         }
         return 0;
     };
+    const auto link = [](const std::string& from, const std::string& to) {
+        ASSERT_EQ(::link(from.c_str(), to.c_str()), 0);
+    };
+    const auto move = [](const std::string& from, const std::string& to) {
+        ASSERT_EQ(::rename(from.c_str(), to.c_str()), 0);
+    };
+    /// Brings the index up to now, then writes under the name elsewhere of the file of one byte.
+    const auto expectSeen = [&](const std::string& other, const std::string& name) {
+        catchUp();
+        const Descriptor file(::open(elsewhere.path(other).c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+        ASSERT_EQ(::write(file.get(), "xx", 2), 2);
+        catchUp();
+        EXPECT_EQ(knownSize(name), 3u) << name;
+    };
     writeFile(device_.path("before"), "x");
-    ASSERT_EQ(::link(device_.path("before").c_str(), elsewhere.path("before").c_str()), 0);
+    link(device_.path("before"), elsewhere.path("before"));
     begin();
-    append(elsewhere.path("before"));
-    catchUp();
-    EXPECT_EQ(knownSize("before"), 3u);
-
+    expectSeen("before", "before");
     // One that gets a name here only now.
     writeFile(elsewhere.path("now"), "x");
-    ASSERT_EQ(::link(elsewhere.path("now").c_str(), device_.path("now").c_str()), 0);
-    catchUp();
-    append(elsewhere.path("now"));
-    catchUp();
-    EXPECT_EQ(knownSize("now"), 3u);
-
+    link(elsewhere.path("now"), device_.path("now"));
+    expectSeen("now", "now");
     // One whose second name is moved out.
     writeFile(device_.path("inside"), "x");
-    ASSERT_EQ(::link(device_.path("inside").c_str(), device_.path("second").c_str()), 0);
+    link(device_.path("inside"), device_.path("second"));
     catchUp();
-    ASSERT_EQ(::rename(device_.path("second").c_str(), elsewhere.path("second").c_str()), 0);
-    catchUp();
-    append(elsewhere.path("second"));
-    catchUp();
-    EXPECT_EQ(knownSize("inside"), 3u);
+    move(device_.path("second"), elsewhere.path("second"));
+    expectSeen("second", "inside");
     // One whose second name leaves with its folder.
     makeDirectories(device_.path("folder"));
     writeFile(device_.path("alone"), "x");
-    ASSERT_EQ(::link(device_.path("alone").c_str(), device_.path("folder/third").c_str()), 0);
+    link(device_.path("alone"), device_.path("folder/third"));
     catchUp();
-    ASSERT_EQ(::rename(device_.path("folder").c_str(), elsewhere.path("folder").c_str()), 0);
-    catchUp();
-    append(elsewhere.path("folder/third"));
-    catchUp();
-    EXPECT_EQ(knownSize("alone"), 3u);
+    move(device_.path("folder"), elsewhere.path("folder"));
+    expectSeen("folder/third", "alone");
     EXPECT_EQ(device_.comparer().namedElsewhere().size(), 4u);
 
     // Without the names elsewhere nothing is polled.
@@ -185,6 +183,29 @@ TEST_F(LiveIndexTest, AFileWithANameElsewhereChangesUnderThatOneToo) {
         ASSERT_EQ(::unlink(elsewhere.path(name).c_str()), 0);
     catchUp();
     EXPECT_TRUE(device_.comparer().namedElsewhere().empty());
+}
+
+TEST_F(LiveIndexTest, ADocumentThatStaysWithItsNameLeavesTheFolderThatItWasKnownInMeanwhile) {
+    for (const char* folder : {"a", "b"}) makeDirectories(device_.path(folder));
+    writeFile(device_.path("a/file"), "first version");
+    begin();
+    std::filesystem::rename(device_.path("a/file"), device_.path("b/file"));
+    catchUp();
+    const auto rowOf = [&](const std::string& path) {
+        return *device_.comparer().rowAt(*device_.roots().locate(device_.url(path).path()));
+    };
+    const auto document = rowOf("b/file").documentID;
+    ASSERT_TRUE(document);
+    const std::uint64_t before = raw(device_.store().lastEventID());
+    writeFile(device_.path("a/file"), "second version");
+    catchUp();
+    ASSERT_EQ(rowOf("a/file").documentID, document);
+    const std::uint64_t folder = raw(rowOf("b").fileID);
+    store::Session session(device_.store());
+    const auto records = session.journal().recordsAfter(before, 100, true);
+    EXPECT_TRUE(std::any_of(records.begin(), records.end(), [&](const auto& record) {
+        return record.departure->documentID == document && record.departure->folder == folder;
+    }));
 }
 
 TEST_F(LiveIndexTest, ItsThreadLooksByItself) {

@@ -243,18 +243,20 @@ TEST_F(FSEventReaderTest, AnObjectMatchesByEitherNumberOfTheEvent) {
 }
 
 TEST_F(FSEventReaderTest, WhatIsKnownAndNotFoundIsToldOfAgainInsteadOfDeleted) {
-    const FileID onItsWay{4711}, gone{4712};
-    events_.knowObjects({onItsWay});
+    makeFile("other");
+    const FileID onItsWay{4711}, gone{4712}, replaced{4713};
+    events_.knowObjects({onItsWay, replaced});
     auto removed = eventAt(3, pathOf("removed"), onItsWay);
     removed.flags = events::kEventItemRemoved;
     auto reader = makeReader({});
     start(reader);
     newLines();
-    events_.play({eventAt(1, pathOf("moving"), onItsWay), eventAt(2, pathOf("gone"), gone), removed});
+    events_.play({eventAt(1, pathOf("moving"), onItsWay), eventAt(2, pathOf("gone"), gone), removed,
+                  eventAt(4, pathOf("other"), replaced)});
     EXPECT_EQ(delegate_->takeCalls(), (Lines{"deleted " + pathOf("gone") + " fid=4712",
                                              "deleted " + pathOf("removed") + " fid=4711", "batch finished"}));
-    EXPECT_EQ(events_.objectsToTellAgain(), std::vector<FileID>{onItsWay});
-    EXPECT_EQ(linesOfBatch(3).front(),
+    EXPECT_EQ(events_.objectsToTellAgain(), (std::vector<FileID>{onItsWay, replaced}));
+    EXPECT_EQ(linesOfBatch(4).front(),
               "[DEBUG] dropping fsevent at " + device_.url("moving").text() + "; No object at path");
     stop(reader);
 }

@@ -23,8 +23,7 @@ inline constexpr const char* kChangerRole = "--change-files";
 /// | list, container              | ok, the items of it and of the folders below it                                   |
 /// | item, path                   | ok, the item that stands there; ok alone where none does                          |
 /// | identify, paths              | ok, the identifier of what stands at each, "" where none does                     |
-/// | changes, container, anchor   | ok, anchor, "more" or "", then for each report "-" and an identifier or "+" and an
-/// item |
+/// | changes, container, anchor   | ok, anchor, "more" or "", then each report: "-", identifier or "+", item          |
 ///
 /// A failure is answered with "error", its domain, its code and a text.
 int hostProvider(const std::string& home, bool watches);

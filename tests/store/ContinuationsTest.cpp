@@ -1,24 +1,12 @@
 #include "platform/store/Continuations.h"
 
-#include <gtest/gtest.h>
-
-#include "platform/store/Store.h"
-#include "testing/TemporaryDirectory.h"
+#include "tests/store/StoreFixture.h"
 
 namespace tarnwell::store {
 namespace {
 
-class ContinuationsTest : public ::testing::Test {
+class ContinuationsTest : public StoreFixture {
 protected:
-    ContinuationsTest() { open(); }
-    void open() {
-        store_.reset();
-        StoreOptions options;
-        options.directory = directory_.path("state");
-        auto store = Store::open(options);
-        EXPECT_TRUE(store.has_value());
-        store_ = std::move(*store);
-    }
     void remember(const BatchKey& key, const Continuation& continuation) {
         Session session(*store_);
         session.write();
@@ -32,8 +20,6 @@ protected:
         return found;
     }
 
-    testing::TemporaryDirectory directory_;
-    std::unique_ptr<Store> store_;
     const BatchKey key_{"RootContainer", EventID{10}, 200};
 };
 

@@ -1,22 +1,12 @@
 #include "platform/store/KeptTable.h"
 
-#include <gtest/gtest.h>
-
-#include "platform/store/Store.h"
-#include "testing/TemporaryDirectory.h"
+#include "tests/store/StoreFixture.h"
 
 namespace tarnwell::store {
 namespace {
 
-class KeptTableTest : public ::testing::Test {
+class KeptTableTest : public StoreFixture {
 protected:
-    KeptTableTest() { open(); }
-    void open() {
-        store_.reset();
-        StoreOptions options;
-        options.directory = directory_.path("state");
-        store_ = Store::open(options).value();
-    }
     FileID insertObject(std::uint64_t inode) {
         ObjectRow row;
         row.identity = {1, inode, 1};
@@ -40,8 +30,6 @@ protected:
         EXPECT_TRUE(session.check());
         return attributes;
     }
-    testing::TemporaryDirectory directory_;
-    std::unique_ptr<Store> store_;
 };
 
 TEST_F(KeptTableTest, KeepsWhatWasLastSetForEachObject) {

@@ -29,7 +29,6 @@ void ComparisonRun::difference(Folder& folder, const Reading& reading) {
         ObjectRow* row = it != byName.end() ? &folder.known[it->second] : nullptr;
         if (row != nullptr && row->identity == entry.identity) {
             folder.matched[it->second] = true;
-            countNames(*row, entry.status);
             bool attributes = row->changed != entry.status.changed || row->modified != entry.status.modified ||
                               row->size != entry.status.size;
             if (row->visible != isVisibleEntry(folder.job.context, entry.name, row->isDirectory())) {
@@ -40,6 +39,7 @@ void ComparisonRun::difference(Folder& folder, const Reading& reading) {
                 folder.changed = true;
                 continue;
             }
+            countNames(*row, entry.status);
             if (row->state == ObjectState::missing) {
                 write();
                 row->state = ObjectState::live;

@@ -202,7 +202,7 @@ Result<void> ComparisonRun::drain(std::vector<Job> jobs, Detail detail, bool bel
     while (!jobs.empty()) {
         Job job = std::move(jobs.back());
         jobs.pop_back();
-        auto processed = processFolder(job, detail, below ? &jobs : nullptr);
+        auto processed = processFolder(std::move(job), detail, below ? &jobs : nullptr);
         if (!processed) return failure(processed.error());
         if (auto result = breathe(); !result) return result;
     }

@@ -95,8 +95,8 @@ void ComparisonRun::settleTakeover(const Takeover& takeover) {
     }
     DocumentID document = *displaced->documentID;
     if (displaced->visible && displaced->parent != successor->parent) {
-        // The successor went on, or the displaced one was known elsewhere: whoever looks at that folder only hears no
-        // more of the document.
+        // The displaced one is known elsewhere already: whoever looks at that folder only hears no more of the
+        // document.
         session().journal().recordDeparture(displaced->fileID, document, displaced->parent, pathOf(*displaced));
     }
     displaced->documentID.reset();

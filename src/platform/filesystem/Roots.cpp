@@ -82,8 +82,7 @@ Result<Descriptor> openFolder(int parent, const char* path, std::uint64_t resolv
     open_how how{};
     how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
     how.resolve = resolve;
-    const long fd =
-        untilNotInterrupted([&] { return ::syscall(SYS_openat2, parent, path, &how, sizeof how); });
+    const long fd = untilNotInterrupted([&] { return ::syscall(SYS_openat2, parent, path, &how, sizeof how); });
     if (fd < 0) return failedCall();
     return Descriptor(static_cast<int>(fd));
 }
