@@ -268,6 +268,17 @@ bool ScriptedFileEventService::tellAgain(FileID object) {
     return true;
 }
 
+Result<void> ScriptedFileEventService::tellContents(const std::vector<URL>& roots, EventID upTo) {
+    std::lock_guard lock(mutex_);
+    for (const URL& root : roots) contentsToTell_.push_back(root.path() + " up to " + std::to_string(raw(upTo)));
+    return {};
+}
+
+std::vector<std::string> ScriptedFileEventService::contentsToTell() const {
+    std::lock_guard lock(mutex_);
+    return contentsToTell_;
+}
+
 void ScriptedFileEventService::knowObjects(std::vector<FileID> objects) {
     std::lock_guard lock(mutex_);
     known_ = std::move(objects);

@@ -79,6 +79,9 @@ public:
     Result<std::optional<store::Continuation>> continuationOf(const store::BatchKey& key) override;
     /// True for the known objects, which it keeps as asked for; at first none is known.
     bool tellAgain(FileID object) override;
+    /// Only kept: a script tells what it tells.
+    Result<void> tellContents(const std::vector<URL>& roots, EventID upTo) override;
+    std::vector<std::string> contentsToTell() const;
     void knowObjects(std::vector<FileID> objects);
     std::vector<FileID> objectsToTellAgain() const;
     Result<std::unique_ptr<events::FileEventStream>> createStream(events::StreamOptions options,
@@ -102,6 +105,7 @@ private:
     std::map<std::tuple<std::string, EventID, std::uint64_t>, store::Continuation> continuations_;
     std::vector<CurrentEventIDRequest> requests_;
     std::vector<FileID> known_, toldAgain_;
+    std::vector<std::string> contentsToTell_;
     std::vector<std::shared_ptr<StreamState>> streams_;
 };
 

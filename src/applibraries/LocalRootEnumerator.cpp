@@ -1,5 +1,7 @@
 #include "applibraries/LocalRootEnumerator.h"
 
+#include <algorithm>
+
 #include "applibraries/ListText.h"
 #include "hostframework/HostError.h"
 
@@ -87,6 +89,7 @@ Result<void> LocalRootEnumerator::bringUpToMainCache(hostframework::ChangeObserv
     if (known == 0) {
         log.debug("change token version is zero, let's send all the app-libraries known");
         upgrade(nullptr);
+        if (auto told = tellContentsOf(appLibraryManager_->rootURLsForAppLibraries(), token); !told) return told;
         observer.didUpdateItems(appLibraryManager_->appLibraryItems());
         token.appLibraryVersionToken = appLibraryManager_->versionToken();
         return {};
@@ -96,8 +99,24 @@ Result<void> LocalRootEnumerator::bringUpToMainCache(hostframework::ChangeObserv
         return failure(hostframework::syncAnchorExpired());
     }
     log.debug("change token version matches local version");
-    if (upgrade(&observer)) token.appLibraryVersionToken = appLibraryManager_->versionToken();
-    return {};
+    const auto former = appLibraryManager_->rootURLsForAppLibraries();
+    if (!upgrade(&observer)) return {};
+    token.appLibraryVersionToken = appLibraryManager_->versionToken();
+    auto added = appLibraryManager_->rootURLsForAppLibraries();
+    std::erase_if(added, [&](const URL& root) {
+        return std::ranges::any_of(former, [&](const URL& held) { return held.path() == root.path(); });
+    });
+    return tellContentsOf(added, token);
+}
+
+/// What lies in a library was recorded when anybody first looked at it, and that may be before the anchor of a client
+/// who did not know of the library then.
+Result<void> LocalRootEnumerator::tellContentsOf(const std::vector<URL>& roots, const fs::ChangeToken& token) {
+    if (roots.empty()) return {};
+    const auto told = environment_.events.tellContents(roots, token.streamEventID);
+    if (told) return {};
+    environment_.items.log.error("can't tell what new app libraries hold; " + describe(told.error()));
+    return failure(hostframework::syncAnchorExpired());
 }
 
 /// Takes the main cache's generation; true when it was another one.

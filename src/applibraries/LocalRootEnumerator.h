@@ -64,6 +64,7 @@ private:
                         hostframework::ItemIdentifier container);
     Result<void> bringUpToMainCache(hostframework::ChangeObserver& observer, fs::ChangeToken& token);
     bool upgrade(hostframework::ChangeObserver* observer);
+    Result<void> tellContentsOf(const std::vector<URL>& roots, const fs::ChangeToken& token);
     void updateMonitoredFolders();
     std::string stateText(std::uint64_t tokenVersion, std::uint64_t localVersion) const;
     bool isWorkingSet() const { return container_ == hostframework::kWorkingSetContainer; }

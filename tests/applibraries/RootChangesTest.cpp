@@ -314,6 +314,28 @@ TEST_F(RootChangesTest, AnUpgradeBringsTheFoldersOfTheNewGeneration) {
     EXPECT_TRUE(later.calls[0].starts_with("update did=")) << later.calls[0];
 }
 
+TEST_F(RootChangesTest, WhatANewLibraryHeldBeforeTheAnchorIsToldWithIt) {
+    for (const std::string version : {"0", "1"}) {
+        SCOPED_TRACE("an anchor of generation " + version);
+        const std::string kept = "Kept" + version, added = "Added" + version;
+        setLibraries({kept});
+        auto enumerator = makeEnumerator();
+        testing::writeFile(device_.makeContainer(kept) + "/Documents/known.txt", "text");
+        testing::writeFile(device_.makeContainer(added) + "/Documents/old.txt", "text");
+        setLibraries({added, kept});
+        upgradeSharedManager();
+        // Another client made the index know both libraries; this one's anchor is taken after that.
+        const auto since = anchor(*enumerator, version == "0" ? 0 : enumerator->appLibraryManager().versionToken());
+        const auto answer = changes(*enumerator, since);
+        // To a generation of zero every library is new.
+        ASSERT_EQ(answer.calls.size(), version == "0" ? 4u : 3u) << ::testing::PrintToString(answer.calls);
+        EXPECT_EQ(answer.calls[0], "update #org.example." + added + " #org.example." + kept);
+        EXPECT_TRUE(answer.calls[1].starts_with("update did=")) << answer.calls[1];
+        ASSERT_TRUE(answer.token);
+        EXPECT_EQ(changes(*enumerator, answer.token->encode()).calls, Lines{"finish"});
+    }
+}
+
 TEST_F(RootChangesTest, WithoutAnyLibraryLeftTheStorageRootIsMonitoredAlone) {
     setLibraries({"A", "B"});
     auto enumerator = makeEnumerator();

@@ -122,6 +122,27 @@ TEST(Stream, WhatItsReaderDidNotFindIsToldOfAgain) {
     EXPECT_EQ(historySince(device, since), (Lines{"- file", "history done"}));
 }
 
+TEST(Stream, WhatLiesBelowARootIsToldAnewToReadersWhoDidNotHearOfIt) {
+    TestDevice device;
+    std::filesystem::create_directories(device.path("folder/deep"));
+    writeFile(device.path("folder/deep/file"), "");
+    writeFile(device.path("folder/.hidden"), "");
+    const EventID since = device.settle();
+    EXPECT_EQ(historySince(device, since), Lines{"history done"});
+    writeFile(device.path("new"), "");
+    const EventID now = device.settle();
+    ASSERT_TRUE(device.events().tellContents({device.url()}, since));
+    // What such a reader hears of anyway is left where it is.
+    EXPECT_EQ(historySince(device, since),
+              (Lines{"+ new", "+ folder", "+ folder/deep", "+ folder/deep/file", "history done"}));
+    EXPECT_EQ(historySince(device, now), (Lines{"+ folder", "+ folder/deep", "+ folder/deep/file", "history done"}));
+    const EventID after = device.settle();
+    ASSERT_TRUE(device.events().tellContents({device.url()}, since));
+    ASSERT_TRUE(device.events().tellContents({device.url("folder")}, after)) << "no root";
+    ASSERT_TRUE(device.events().tellContents({device.url()}, EventID{raw(after) + 1'000'000})) << "a future position";
+    EXPECT_EQ(historySince(device, after), Lines{"history done"});
+}
+
 TEST(Stream, HistoryTellsEachChangedObjectOnceInTheOrderOfItsLastChange) {
     TestDevice device;
     writeFile(device.path("kept"), "");

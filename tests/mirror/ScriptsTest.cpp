@@ -225,5 +225,19 @@ TEST_F(Scripts, FoldersBecomePackagesInAPackageBetweenTwoBatches) {
     expectEqual();
 }
 
+TEST_F(Scripts, AFileGetsAnotherNameAfterTheFolderAboveItMoved) {
+    makeFolder("Apps/Sketches/Documents/a");
+    makeFolder("Apps/Sketches/Documents/a/b");
+    write("Apps/Sketches/Documents/a/b/file");
+    begin();
+    // By then a folder's change time vouches for what it holds.
+    ::usleep(50'000);
+    expectEqual();
+    move("Apps/Sketches/Documents/a", "Apps/Notes/Documents/a");
+    // The folder of this name is looked at before the file's own.
+    link("Apps/Notes/Documents/a/b/file", "Documents/other");
+    expectEqual();
+}
+
 }  // namespace
 }  // namespace tarnwell::mirror

@@ -71,6 +71,43 @@ bool ComparingEventService::tellAgain(FileID object) {
     return session.commit().has_value();
 }
 
+Result<void> ComparingEventService::tellContents(const std::vector<URL>& roots, EventID upTo) {
+    constexpr std::size_t kAtOnce = 1000;
+    std::vector<FileID> pending;
+    if (upTo > store_.lastEventID()) return {};  // nobody can have that position
+    {
+        store::Session session(store_);
+        for (auto root = roots.rbegin(); root != roots.rend(); ++root) {
+            if (auto row = session.index().childNamed(FileID{0}, root->path())) pending.push_back(row->fileID);
+        }
+        if (auto checked = session.check(); !checked) return checked;
+    }
+    while (!pending.empty()) {
+        const FileID folder = pending.back();
+        pending.pop_back();
+        std::vector<FileID> below;
+        for (std::uint64_t position = 0;;) {
+            // In parts, so that others get at the store meanwhile.
+            store::Session session(store_);
+            auto children = session.index().allChildren(folder, position, kAtOnce);
+            for (store::ObjectRow& child : children) {
+                position = child.position;
+                if (!child.visible || child.state != store::ObjectState::live) continue;
+                if (child.isDirectory() && !child.package) below.push_back(child.fileID);
+                if (child.event > raw(upTo)) continue;
+                session.write();
+                session.journal().recordChange(child, store::kChangeCreated);
+                session.index().update(child);
+            }
+            const bool isEnd = children.size() < kAtOnce;
+            if (auto committed = session.commit(); !committed) return committed;
+            if (isEnd) break;
+        }
+        pending.insert(pending.end(), below.rbegin(), below.rend());
+    }
+    return {};
+}
+
 Result<std::unique_ptr<FileEventStream>> ComparingEventService::createStream(StreamOptions options,
                                                                              FileEventStream::Callback callback) {
     if (auto paths = std::get_if<StreamOverPaths>(&options.over); paths != nullptr && paths->folders.empty()) {

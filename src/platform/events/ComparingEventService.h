@@ -45,6 +45,7 @@ public:
     Result<void> rememberContinuation(const store::BatchKey& key, const store::Continuation& continuation) override;
     Result<std::optional<store::Continuation>> continuationOf(const store::BatchKey& key) override;
     bool tellAgain(FileID object) override;
+    Result<void> tellContents(const std::vector<URL>& roots, EventID upTo) override;
     Result<std::unique_ptr<FileEventStream>> createStream(StreamOptions options,
                                                           FileEventStream::Callback callback) override;
 

@@ -116,6 +116,11 @@ public:
     /// which it is recorded anew, or that it left.
     virtual bool tellAgain(FileID object) = 0;
 
+    /// For a reader from `upTo` whose folders these roots were not among until now: what is visible below them is
+    /// recorded anew, a folder before what it holds, as far as the last record of it is one that this reader would not
+    /// be told of. Does not look at the disk: what is not known yet will be recorded when it is found.
+    virtual Result<void> tellContents(const std::vector<URL>& roots, EventID upTo) = 0;
+
     virtual Result<std::unique_ptr<FileEventStream>> createStream(StreamOptions options,
                                                                   FileEventStream::Callback callback) = 0;
 };

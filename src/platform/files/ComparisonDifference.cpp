@@ -140,7 +140,8 @@ void ComparisonRun::placeUnknown(Folder& folder, const DiskEntry& entry, ObjectR
     }
     auto left = displaced == nullptr ? recentlyLeft(folder, entry) : std::nullopt;
     if (left && left->fileID != row->fileID) displaced = &*left;
-    bool displacedDocument = displaced != nullptr && displaced->isDocument() && displaced->documentID.has_value();
+    auto heritage = heritageOf(displaced);
+    if (heritage && heritage->displaced == row->fileID) heritage.reset();  // back at its own name
     // What stands now where the object was known to be?
     std::optional<std::pair<std::uint64_t, std::int64_t>> there;
     if (row->state != ObjectState::gone) {
@@ -165,25 +166,26 @@ void ComparisonRun::placeUnknown(Folder& folder, const DiskEntry& entry, ObjectR
         countNames(*row, entry.status);
         return;
     }
-    if (there && displacedDocument && !left && row->kind == displaced->kind && row->documentID &&
+    if (there && heritage && heritage->displaced == displaced->fileID && !left && row->kind == displaced->kind &&
+        row->documentID &&
         there->first == displaced->identity.inode && there->second == displaced->identity.birth &&
         exchange(folder, entry, *displaced, *row)) {
         return;
     }
-    Takeover takeover;
-    if (displacedDocument) {
-        takeover.displaced = displaced->fileID;
-        takeover.documentID = displaced->documentID;
+    store::Takeover takeover;
+    if (heritage) {
+        takeover.displaced = heritage->displaced;
+        takeover.documentID = heritage->documentID;
         takeover.isRecent = isLive();
         takeover.successorsOldFolder = row->visible && row->state != ObjectState::gone ? row->parent : 0;
         takeover.successorsOldPath = pathOf(*row);
     }
-    moveHere(folder, *row, entry, displacedDocument);
-    if (displacedDocument) {
+    moveHere(folder, *row, entry, heritage.has_value());
+    if (heritage) {
         takeover.successor = row->fileID;
         takeover.folder = raw(folder.row.fileID);
         takeover.name = entry.name;
-        takeovers_.push_back(std::move(takeover));
+        noteTakeover(std::move(takeover));
     }
 }
 
@@ -247,16 +249,15 @@ void ComparisonRun::addNew(Folder& folder, const DiskEntry& entry, ObjectRow* di
     row.size = entry.status.size;
     row.modified = entry.status.modified;
     row.setChanged(entry.status.changed);
-    bool takesOver = displaced != nullptr && displaced->documentID && displaced->isDocument() && row.isDocument();
+    const auto heritage = row.isDocument() ? heritageOf(displaced) : std::nullopt;
     if (row.visible) {
-        if (row.isDocument() && !takesOver) row.documentID = session().numbers().nextDocument();
+        if (row.isDocument() && !heritage) row.documentID = session().numbers().nextDocument();
         session().journal().recordChange(row, store::kChangeCreated);
     }
     insertWithKept(folder, row, entry.status);
     countNames(row, entry.status);
-    if (takesOver) {
-        takeovers_.push_back(
-            {displaced->fileID, displaced->documentID, row.fileID, row.parent, row.name, 0, "", isLive()});
+    if (heritage) {
+        noteTakeover({heritage->displaced, heritage->documentID, row.fileID, row.parent, row.name, 0, "", isLive()});
     }
 }
 
@@ -291,6 +292,7 @@ void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& en
     // What becomes visible came in: before that no listing counted it.
     const bool cameIn = !sameFolder || old.state == ObjectState::gone || (row.visible && !old.visible);
     if (cameIn) row.position = session().numbers().nextPosition();
+    if (entry.status.links > 1 && !sameFolder && old.state != ObjectState::missing) distrust(FileID{old.parent});
     if (row.isDocument() != old.isDocument() && row.documentID) {
         // A folder that is no package any more is known by its file ID again.
         if (toldOf) session().journal().recordDeparture(row.fileID, row.documentID, old.parent, oldPath);
@@ -315,6 +317,15 @@ void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& en
     if (showsNow && !showedContents && old.state != ObjectState::gone) {
         arrive(row, contextBelow(folder.job.context, row));
     }
+}
+
+/// A file with several names was found away from this folder, which nobody looked at since: with a folder above it, it
+/// may have moved on and hold the name still, and by its change time nothing happened in it.
+void ComparisonRun::distrust(FileID folder) {
+    const auto row = session().index().byFileID(folder);
+    if (!row) return;
+    session().index().setListed(folder, 0, row->entries);
+    if (comparer_.watch_ != nullptr) comparer_.unread_.insert(folder);
 }
 
 /// Makes what lies below a folder that became visible known to clients.

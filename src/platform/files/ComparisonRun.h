@@ -19,6 +19,9 @@ namespace tarnwell::files {
 class ComparisonRun {
 public:
     explicit ComparisonRun(Comparer& comparer) : comparer_(comparer) {}
+    ~ComparisonRun();
+    ComparisonRun(const ComparisonRun&) = delete;
+    ComparisonRun& operator=(const ComparisonRun&) = delete;
 
     Result<void> compareRoots(Detail detail);
     Result<void> compareBelow(const Place& folder, Detail detail);
@@ -65,17 +68,6 @@ private:
         bool settled = false;                                ///< the folder's change time vouches for the entries
         std::int64_t began = 0;                              ///< stampingClock
         const std::map<std::string, bool>* names = nullptr;  ///< where only these were looked at
-    };
-    /// A document that was replaced under its name, and the object that has the name now.
-    struct Takeover {
-        FileID displaced{};
-        std::optional<DocumentID> documentID = {};  ///< what the displaced one had
-        FileID successor{};
-        std::uint64_t folder = 0;  ///< where the name is
-        std::string name;
-        std::uint64_t successorsOldFolder = 0;  ///< where the successor was known before; 0 for a new object
-        std::string successorsOldPath;
-        bool isRecent = false;  ///< the name was left a short time ago
     };
     /// A document whose kept attributes are to be read.
     struct KeptLook {
@@ -133,8 +125,15 @@ private:
     void putBackKept(const store::ObjectRow& displaced, const store::ObjectRow& successor);
     void moveHere(Folder& folder, store::ObjectRow& row, const DiskEntry& entry, bool keepDocumentOpen);
     void addNew(Folder& folder, const DiskEntry& entry, store::ObjectRow* displaced);
+    /// What takes a document's name over takes this over: the document, or what that itself is about to take over.
+    struct Heritage {
+        FileID displaced{};
+        DocumentID documentID{};
+    };
+    std::optional<Heritage> heritageOf(const store::ObjectRow* displaced);
+    void noteTakeover(store::Takeover takeover);
     void settleTakeovers();
-    void settleTakeover(const Takeover& takeover);
+    void settleTakeover(const store::Takeover& takeover);
     Result<void> settleMissing();
     bool promotable(const store::ObjectRow& row);
     std::optional<filesystem::Status> statusAtLink(const store::ObjectRow& row, const store::LinkRow& link);
@@ -143,6 +142,7 @@ private:
     enum class Leaving { gone, hidden };
     void leave(store::ObjectRow row, const std::string& path, Leaving leaving);
     void forgetFolder(FileID folder);
+    void distrust(FileID folder);
     void arrive(const store::ObjectRow& folder, const FolderContext& context);
     void pushFolders(const Job& job, std::vector<Job>* jobs);
     FolderContext contextBelow(const FolderContext& context, const store::EntryRow& row) const;
@@ -158,7 +158,7 @@ private:
     Comparer& comparer_;
     std::optional<store::Session> session_;
     std::chrono::steady_clock::time_point sessionBegan_;
-    std::vector<Takeover> takeovers_;
+    std::vector<store::Takeover> takeovers_;  ///< of this run; the store has them too
     std::vector<KeptLook> keptLooks_;  ///< in the folder at hand
     Handles handles_;
     bool complete_ = true;      ///< nothing was left out so far

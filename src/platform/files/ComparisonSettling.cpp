@@ -17,10 +17,14 @@ using store::ObjectState;
 Result<void> ComparisonRun::finish() {
     const bool isAllKnown =
         coversRoots_ || (isHinted_ && comparer_.watch_ != nullptr && comparer_.watch_->isComplete());
+    if (comparer_.takeoversLeft_) {
+        takeovers_ = session().takeovers().all();
+        if (auto checked = session().check(); !checked) return checked;
+    }
     if (!takeovers_.empty() && !isAllKnown) {
         // Whether a replaced document is gone or lives elsewhere is known only when every folder was looked at.
         bool wasMissing = false;
-        for (const Takeover& takeover : takeovers_) {
+        for (const store::Takeover& takeover : takeovers_) {
             auto row = session().index().byFileID(takeover.displaced);
             wasMissing = wasMissing || (row && row->state == ObjectState::missing);
         }
@@ -39,7 +43,34 @@ Result<void> ComparisonRun::finish() {
         }
     }
     if (auto result = settleMissing(); !result) return result;
-    return release();
+    if (auto released = release(); !released) return released;
+    takeovers_.clear();
+    comparer_.takeoversLeft_ = false;
+    return {};
+}
+
+/// What is not settled for good when the run ends is left to the next one.
+ComparisonRun::~ComparisonRun() {
+    if (!takeovers_.empty()) comparer_.takeoversLeft_ = true;
+}
+
+std::optional<ComparisonRun::Heritage> ComparisonRun::heritageOf(const ObjectRow* displaced) {
+    if (displaced == nullptr || !displaced->isDocument()) return std::nullopt;
+    if (displaced->documentID) return Heritage{displaced->fileID, *displaced->documentID};
+    // A version of a document that came and went before its comparison ended.
+    const auto last = [&](const std::vector<store::Takeover>& takeovers) -> std::optional<Heritage> {
+        for (auto takeover = takeovers.rbegin(); takeover != takeovers.rend(); ++takeover) {
+            if (takeover->successor == displaced->fileID) return Heritage{takeover->displaced, takeover->documentID};
+        }
+        return std::nullopt;
+    };
+    if (auto found = last(takeovers_)) return found;
+    return comparer_.takeoversLeft_ ? last(session().takeovers().all()) : std::nullopt;
+}
+
+void ComparisonRun::noteTakeover(store::Takeover takeover) {
+    session().takeovers().add(takeover);
+    takeovers_.push_back(std::move(takeover));
 }
 
 void ComparisonRun::settleTakeovers() {
@@ -61,10 +92,10 @@ void ComparisonRun::settleTakeovers() {
             settleTakeover(takeovers_[chain.back()]);
         }
     }
-    takeovers_.clear();
+    if (!takeovers_.empty()) session().takeovers().clear();
 }
 
-void ComparisonRun::settleTakeover(const Takeover& takeover) {
+void ComparisonRun::settleTakeover(const store::Takeover& takeover) {
     auto displaced = session().index().byFileID(takeover.displaced);
     auto successor = session().index().byFileID(takeover.successor);
     if (!successor || successor->state != ObjectState::live) return;
@@ -72,7 +103,7 @@ void ComparisonRun::settleTakeover(const Takeover& takeover) {
     const bool isThere = successor->parent == takeover.folder && successor->name == takeover.name;
     // In a ring of documents that changed places one has its predecessor's by now.
     // What clients see keeps its ID rather than give it to what they do not: the successor may be hidden by now.
-    bool replaced = isThere && displaced && displaced->documentID && displaced->documentID == takeover.documentID &&
+    bool replaced = isThere && displaced && displaced->documentID == takeover.documentID &&
                     successor->isDocument() && (successor->visible || !displaced->visible) &&
                     (displaced->state == ObjectState::missing || takeover.isRecent ||
                      (displaced->state == ObjectState::live && displaced->parent == successor->parent &&

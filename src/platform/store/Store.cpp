@@ -53,6 +53,13 @@ CREATE TABLE kept(fileID INTEGER NOT NULL, name BLOB NOT NULL, value BLOB NOT NU
 CREATE TABLE lost(after INTEGER NOT NULL, upTo INTEGER NOT NULL);
 )sql";
 
+/// What came later, and is empty in a store that did not have it.
+constexpr const char* kLaterTables = R"sql(
+CREATE TABLE IF NOT EXISTS takeover(id INTEGER PRIMARY KEY, displaced INTEGER NOT NULL, docID INTEGER NOT NULL,
+  successor INTEGER NOT NULL, folder INTEGER NOT NULL, name BLOB NOT NULL, oldFolder INTEGER NOT NULL,
+  oldPath BLOB NOT NULL, recent INTEGER NOT NULL);
+)sql";
+
 bool isDamage(const Error& error) {
     return error.is(ErrorDomain::store, static_cast<std::int64_t>(StoreError::damaged));
 }
@@ -97,6 +104,7 @@ Result<std::unique_ptr<Store>> Store::open(const StoreOptions& options) {
     if (!isDamage(prepared.error())) return failure(prepared.error());
 
     store->continuations_.reset();
+    store->takeovers_.reset();
     store->kept_.reset();
     store->journal_.reset();
     store->index_.reset();
@@ -157,6 +165,8 @@ Result<void> Store::prepare() {
         if (auto error = database_->takeError()) return failure(*error);
         if (verdict != "ok") return failure(makeError(StoreError::damaged, verdict));
     }
+    database_->execute(kLaterTables);
+    if (auto error = database_->takeError()) return failure(*error);
     Statement uuid(*database_, "SELECT value FROM meta WHERE key = 'uuid'");
     auto parsed = uuid.step() ? UUID::parse(uuid.bytesAt(0)) : std::nullopt;
     uuid.reset();
@@ -167,6 +177,7 @@ Result<void> Store::prepare() {
     index_ = std::make_unique<Index>(*database_, *numbers_);
     journal_ = std::make_unique<Journal>(*database_, *numbers_);
     kept_ = std::make_unique<KeptTable>(*database_);
+    takeovers_ = std::make_unique<TakeoverTable>(*database_);
     continuations_ = std::make_unique<Continuations>(*database_);
     if (auto error = database_->takeError()) {
         // A statement that cannot be prepared on a database of this version means that its schema is not what it was.
@@ -194,6 +205,7 @@ Store::~Store() {
         numbers_->saveExact();
     }
     // Statements go before their connection.
+    takeovers_.reset();
     kept_.reset();
     continuations_.reset();
     journal_.reset();

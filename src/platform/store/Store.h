@@ -20,6 +20,7 @@
 #include "platform/store/KeptTable.h"
 #include "platform/store/Numbers.h"
 #include "platform/store/OwnerLock.h"
+#include "platform/store/TakeoverTable.h"
 
 namespace tarnwell::store {
 
@@ -78,6 +79,7 @@ private:
     std::unique_ptr<Index> index_;
     std::unique_ptr<Journal> journal_;
     std::unique_ptr<KeptTable> kept_;
+    std::unique_ptr<TakeoverTable> takeovers_;
     std::unique_ptr<Continuations> continuations_;
     UUID uuid_;
     StoreOrigin origin_ = StoreOrigin::created;
@@ -101,6 +103,7 @@ public:
     Index& index() { return *store_.index_; }
     Journal& journal() { return *store_.journal_; }
     KeptTable& kept() { return *store_.kept_; }
+    TakeoverTable& takeovers() { return *store_.takeovers_; }
     Continuations& continuations() { return *store_.continuations_; }
     Numbers& numbers() { return *store_.numbers_; }
 
