@@ -163,6 +163,8 @@ void ProgramContext::prepareForRequests() {
 Result<void> ProgramContext::watchForChanges() { return parts_->events->watch(); }
 std::optional<events::LiveIndex::Status> ProgramContext::liveStatus() const { return parts_->events->liveStatus(); }
 
+void ProgramContext::giveUp() { parts_->comparer.giveUp(); }
+
 const Settings& ProgramContext::settings() const { return parts_->settings; }
 Roots& ProgramContext::roots() { return parts_->roots; }
 store::Store& ProgramContext::store() { return *parts_->store; }

@@ -49,6 +49,9 @@ public:
     /// How that is done; nothing as long as comparing is the source.
     std::optional<events::LiveIndex::Status> liveStatus() const;
 
+    /// The program is about to end: requests that look at the disk fail soon, with ECANCELED. Any thread.
+    void giveUp();
+
     const Settings& settings() const;
     Roots& roots();
     store::Store& store();

@@ -22,6 +22,26 @@ InterruptGuard::InterruptGuard() {
     descriptor_ = Descriptor(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
+bool InterruptGuard::wasInterrupted() const {
+    pollfd asked{descriptor_.get(), POLLIN, 0};
+    return poll(&asked, 1, 0) > 0;
+}
+
+InterruptWatch::InterruptWatch(const InterruptGuard& interrupts, std::function<void()> onInterrupt)
+    : end_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      thread_([interrupt = interrupts.descriptor(), end = end_.get(), onInterrupt = std::move(onInterrupt)] {
+          std::array<pollfd, 2> waited{{{interrupt, POLLIN, 0}, {end, POLLIN, 0}}};
+          while (poll(waited.data(), waited.size(), -1) < 0 && errno == EINTR) {
+          }
+          if (waited[0].revents != 0 && waited[1].revents == 0) onInterrupt();
+      }) {}
+
+InterruptWatch::~InterruptWatch() {
+    const std::uint64_t one = 1;
+    (void)!write(end_.get(), &one, sizeof one);
+    thread_.join();
+}
+
 ChangeSignal::ChangeSignal(HostProviderManager& manager)
     : manager_(manager),
       counter_(std::make_shared<Descriptor>(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <functional>
 #include <memory>
+#include <thread>
 
 #include "host/HostProviderManager.h"
 #include "platform/base/Descriptor.h"
@@ -14,9 +16,24 @@ public:
     InterruptGuard();
     /// Becomes readable when the process was asked to end; for poll.
     int descriptor() const { return descriptor_.get(); }
+    bool wasInterrupted() const;
 
 private:
     Descriptor descriptor_;
+};
+
+/// Tells of the process having been asked to end, once, on a thread of its own.
+class InterruptWatch {
+public:
+    InterruptWatch(const InterruptGuard& interrupts, std::function<void()> onInterrupt);
+    /// After it returned nothing is told any more.
+    ~InterruptWatch();
+    InterruptWatch(const InterruptWatch&) = delete;
+    InterruptWatch& operator=(const InterruptWatch&) = delete;
+
+private:
+    Descriptor end_;
+    std::thread thread_;
 };
 
 /// Wakes a thread when the provider says that something changed, without waking it for anything else.

@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <set>
 
@@ -176,6 +178,72 @@ TEST_P(IdentityAcrossTimeOff, KeepsIdentifiersWithTheirObjects) {
     device.settle();
     device.restart();
     for (const auto& [identifier, after] : expected) EXPECT_EQ(after, placeOf(device, identifier)) << "settled";
+}
+
+/// Ends the comparison after some folders, as a program does that is asked to end.
+class GivesUp : public FolderWatch {
+public:
+    GivesUp(Comparer& comparer, std::size_t after) : comparer_(comparer), left_(after) {}
+    bool isWatched(FileID) const override { return false; }
+    void watch(int, FileID) override {
+        if (--left_ == 0) comparer_.giveUp();
+    }
+    bool isLive() const override { return false; }
+    bool isComplete() const override { return false; }
+    void forget(FileID) override {}
+
+private:
+    Comparer& comparer_;
+    std::size_t left_;
+};
+
+TEST_P(IdentityAcrossTimeOff, KeepsThemThroughComparisonsThatAreCutOff) {
+    TestDevice device;
+    for (const std::string& file : GetParam().before) {
+        testing::makeDirectories(device.path(std::filesystem::path(file).parent_path()));
+        writeFile(device.path(file), "content of " + file);
+    }
+    device.settle();
+    std::vector<std::pair<std::string, std::string>> expected;
+    for (const auto& [before, after] : GetParam().afterwards)
+        expected.emplace_back(identifierOf(device, before), after);
+    GetParam().happens(device);
+    bool isWhole = false;
+    for (std::size_t folders = 1; !isWhole; ++folders) {
+        ASSERT_LT(folders, 20u);
+        device.restart();
+        GivesUp watch(device.comparer(), folders);
+        device.comparer().setWatch(&watch);
+        const auto compared = device.comparer().compare({}, Detail::everything);
+        device.comparer().setWatch(nullptr);
+        isWhole = compared.has_value();
+        if (!isWhole) {
+            EXPECT_TRUE(compared.error().is(ErrorDomain::posix, ECANCELED)) << describe(compared.error());
+        }
+    }
+    device.restart();
+    for (const auto& [identifier, after] : expected) EXPECT_EQ(after, placeOf(device, identifier)) << identifier;
+}
+
+TEST(Identity, ADocumentSavedTwiceWhileComparisonsAreCutOffStaysTheSame) {
+    TestDevice device;
+    writeFile(device.path("a.txt"), "first");
+    testing::makeDirectories(device.path("folder"));
+    device.settle();
+    const std::string identifier = identifierOf(device, "a.txt");
+    for (const char* version : {"second", "third", "fourth"}) {
+        writeFile(device.path(".a.txt.tmp"), version);
+        renameIn(device, ".a.txt.tmp", "a.txt");
+        device.restart();
+        GivesUp watch(device.comparer(), 1);
+        device.comparer().setWatch(&watch);
+        EXPECT_FALSE(device.comparer().compare({}, Detail::everything));
+        device.comparer().setWatch(nullptr);
+    }
+    device.restart();
+    device.settle();
+    EXPECT_EQ(identifierOf(device, "a.txt"), identifier);
+    EXPECT_EQ(placeOf(device, identifier), "a.txt");
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, IdentityAcrossTimeOff, ::testing::ValuesIn(kRows), [](const auto& row) {

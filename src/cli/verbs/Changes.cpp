@@ -38,6 +38,15 @@ public:
     Outcome run(Invocation& invocation) override {
         std::optional<host::InterruptGuard> interrupts;
         if (follow_) interrupts.emplace();
+        auto outcome = tell(invocation, interrupts);
+        if (outcome || !interrupts || !interrupts->wasInterrupted()) return outcome;
+        // What failed then did so because of it, and was logged for nobody.
+        (void)invocation.heldLines();
+        return {};
+    }
+
+private:
+    Outcome tell(Invocation& invocation, const std::optional<host::InterruptGuard>& interrupts) const {
         std::optional<Bytes> anchor;
         if (sinceOption_->count() > 0) {
             anchor = bytesOfBase64(since_);
@@ -46,6 +55,8 @@ public:
         }
         auto ready = invocation.context();
         if (!ready) return std::unexpected(ready.error());
+        std::optional<host::InterruptWatch> atTheEnd;
+        if (follow_) atTheEnd.emplace(*interrupts, [context = *ready] { context->giveUp(); });
         const auto container = resolveItem(invocation, kWhat, item_);
         if (!container) return std::unexpected(container.error());
         // Where the kernel offers nothing, looking every two seconds has to do.
@@ -71,7 +82,6 @@ public:
         }
     }
 
-private:
     /// All batches until nothing more is coming; the anchor is the one to keep then.
     Outcome tellAll(Invocation& invocation, host::ProgramContext& context, host::ChangeFollower& follower,
                     Bytes& anchor, bool evenNothing) const {

@@ -119,6 +119,10 @@ public:
 
     Result<store::ObjectIdentity> identityOf(const filesystem::Status& status, int descriptor);
 
+    /// The comparison under way, and every later one, ends soon with ECANCELED: the program is about to end. What was
+    /// found by then is kept, and the next program goes on from there. Any thread.
+    void giveUp() { givenUp_.store(true, std::memory_order_relaxed); }
+
     /// Objects looked at so far by all comparisons, for progress displays.
     std::uint64_t objectsSeen() const { return objectsSeen_.load(std::memory_order_relaxed); }
 
@@ -165,6 +169,7 @@ private:
     std::mutex fileSystemsMutex_;
     std::unordered_map<std::uint64_t, FileSystemEntry> fileSystems_;  ///< by device number
     std::atomic<std::uint64_t> objectsSeen_{0};
+    std::atomic<bool> givenUp_{false};
 };
 
 }  // namespace tarnwell::files

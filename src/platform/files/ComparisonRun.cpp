@@ -56,6 +56,10 @@ Result<void> ComparisonRun::release() {
 }
 
 Result<void> ComparisonRun::breathe() {
+    if (comparer_.givenUp_.load(std::memory_order_relaxed)) {
+        if (auto released = release(); !released) return released;
+        return failure(posixError(ECANCELED));
+    }
     if (session_ && std::chrono::steady_clock::now() - sessionBegan_ > kSessionSpan) return release();
     return {};
 }

@@ -151,7 +151,7 @@ private:
 
     store::Session& session();
     void write() { session().write(); }
-    /// Lets others in if this run has held the store for a while.
+    /// Lets others in if this run has held the store for a while. ECANCELED once comparing was given up.
     Result<void> breathe();
     Result<void> release();
 
@@ -159,7 +159,7 @@ private:
     std::optional<store::Session> session_;
     std::chrono::steady_clock::time_point sessionBegan_;
     std::vector<store::Takeover> takeovers_;  ///< of this run; the store has them too
-    std::vector<KeptLook> keptLooks_;  ///< in the folder at hand
+    std::vector<KeptLook> keptLooks_;         ///< in the folder at hand
     Handles handles_;
     bool complete_ = true;      ///< nothing was left out so far
     bool coversRoots_ = false;  ///< every root was compared with all below it
