@@ -47,6 +47,16 @@ std::string inChild(const std::function<std::string()>& body) {
     return text;
 }
 
+std::optional<std::string> becomeOwnerOfUserNamespace() {
+    const std::string user = std::to_string(::geteuid()), group = std::to_string(::getegid());
+    if (::unshare(CLONE_NEWUSER) != 0 || !writeText("/proc/self/setgroups", "deny") ||
+        !writeText("/proc/self/uid_map", user + " " + user + " 1") ||
+        !writeText("/proc/self/gid_map", group + " " + group + " 1")) {
+        return "no user namespace of its own: " + std::string(std::strerror(errno));
+    }
+    return std::nullopt;
+}
+
 std::optional<std::string> becomeOwnerOfMounts() {
     const uid_t user = ::geteuid();
     const gid_t group = ::getegid();

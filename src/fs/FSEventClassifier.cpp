@@ -69,6 +69,14 @@ ClassifiedEvent deletionOf(const events::FileEvent& event, const std::string& pa
     return deletion(std::move(url));
 }
 
+/// True for a path that goes on after a root's name, which the first component "Documents" ends.
+bool isBelowRoot(std::string_view path) {
+    Components components(path);
+    auto component = components.next();
+    while (component && *component != "Documents") component = components.next();
+    return component && components.next();
+}
+
 }  // namespace
 
 bool isBelowOneOf(const std::vector<URL>& folders, const URL& url) {
@@ -196,8 +204,9 @@ bool FSEventClassifier::passes(const URL& url) const {
     return true;
 }
 
+/// A monitored folder may lie in one itself.
 bool FSEventClassifier::liesInPackage(const URL& url) const {
-    for (URL folder = url.deletingLastPathComponent(); isBelowOneOf(urls_, folder);
+    for (URL folder = url.deletingLastPathComponent(); isBelowRoot(folder.path());
          folder = folder.deletingLastPathComponent()) {
         if (!environment_.items.files.isFolder(folder)) return true;
     }

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <csignal>
 #include <optional>
 #include <string>
 #include <vector>
@@ -29,6 +30,7 @@ public:
     /// Lets it end by itself; its exit status, 128 + the signal's number for one that a signal ended.
     int end();
     void kill();
+    void signal(int number) { ::kill(process_, number); }
 
 private:
     int wait();

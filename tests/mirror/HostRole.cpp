@@ -1,7 +1,9 @@
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <optional>
 
@@ -10,6 +12,7 @@
 #include "host/Paths.h"
 #include "host/ProgramContext.h"
 #include "testing/CapturingLog.h"
+#include "testing/InChild.h"
 #include "tests/mirror/Kept.h"
 #include "tests/mirror/Roles.h"
 
@@ -36,6 +39,7 @@ public:
         if (verb == "list") return list(message.at(1));
         if (verb == "item") return item(message.at(1));
         if (verb == "identify") return identify(message);
+        if (verb == "status") return status();
         return changes(message.at(1), message.at(2));
     }
 
@@ -59,6 +63,12 @@ private:
     std::optional<std::string> identifierAt(const std::string& path) {
         const auto url = host::urlForPath(context_.roots(), path);
         return url ? host::identifierForURL(context_, *url) : std::nullopt;
+    }
+
+    Message status() const {
+        const auto live = context_.liveStatus();
+        if (!live) return {"ok", "0", "0"};
+        return {"ok", std::to_string(live->overflows), std::to_string(live->polledFolders)};
     }
 
     Message item(const std::string& path) {
@@ -117,9 +127,20 @@ private:
     }
 };
 
+/// Leaves this process a few watches, of whichever kind. Where a machine does not let it, all folders are watched.
+void limitWatches() {
+    constexpr const char* kFew = "12";
+    if (testing::becomeOwnerOfUserNamespace()) return;
+    for (const char* limit : {"/proc/sys/user/max_fanotify_marks", "/proc/sys/user/max_inotify_watches"}) {
+        const Descriptor file(::open(limit, O_WRONLY | O_CLOEXEC));
+        if (file.valid()) (void)!::write(file.get(), kFew, std::strlen(kFew));
+    }
+}
+
 }  // namespace
 
-int hostProvider(const std::string& home, bool watches) {
+int hostProvider(const std::string& home, const std::string& finding) {
+    if (finding == kLimited) limitWatches();
     // The types of this device, not of whoever runs the test.
     ::setenv("XDG_DATA_HOME", (home + "/.local/share").c_str(), 1);
     ErrorLog log;
@@ -130,7 +151,7 @@ int hostProvider(const std::string& home, bool watches) {
     }
     (*context)->prepareForRequests();
     // Where the kernel offers nothing, comparing it is.
-    if (watches) (void)(*context)->watchForChanges();
+    if (finding != kComparing) (void)(*context)->watchForChanges();
     Host host(**context);
     while (const auto message = receive(STDIN_FILENO)) {
         if (!send(STDOUT_FILENO, host.answer(*message))) return 1;

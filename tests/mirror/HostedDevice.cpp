@@ -42,21 +42,32 @@ bool declarePackages(const std::string& home, const std::string& suffix) {
 
 }  // namespace
 
-HostedDevice::HostedDevice(Finding finding, Packages packages) : finding_(finding) {
+HostedDevice::HostedDevice(Finding finding) : finding_(finding) {
     for (const RootFolder& root : kRoots) testing::makeDirectories(path(root.path));
     testing::makeDirectories(path(kOutside));
     testing::makeDirectories(path(".local/share/applications"));
     installApplication(home_, "Notes");
     installApplication(home_, "Sketches");
-    if (packages == Packages::declared && declarePackages(home_, testing::RandomChanges::kPackageSuffix)) {
+    if (declarePackages(home_, testing::RandomChanges::kPackageSuffix)) {
         packageSuffix_ = testing::RandomChanges::kPackageSuffix;
     }
     start();
 }
 
+const char* HostedDevice::nameOf(Finding finding) {
+    switch (finding) {
+        case Finding::comparing:
+            return kComparing;
+        case Finding::watching:
+            return kWatching;
+        case Finding::limited:
+            return kLimited;
+    }
+    std::abort();
+}
+
 void HostedDevice::start() {
-    host_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{kHostRole, home_, finding_ == Finding::watching ? kWatching : kComparing});
+    host_ = std::make_unique<ChildProcess>(std::vector<std::string>{kHostRole, home_, nameOf(finding_)});
 }
 
 Message HostedDevice::ask(const Message& message) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <csignal>
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,12 +14,12 @@ namespace tarnwell::mirror {
 /// A device in a private folder, with a storage root and two app libraries, and the process that hosts its provider.
 class HostedDevice {
 public:
-    /// How its host finds changes: comparing when it is asked, or told by the kernel.
-    enum class Finding { comparing, watching };
-    /// Without packages, folders are folders whatever their names.
-    enum class Packages { declared, none };
-    explicit HostedDevice(Finding finding = Finding::comparing, Packages packages = Packages::declared);
+    /// How its host finds changes: comparing when it is asked, or told by the kernel of all folders, or of some.
+    enum class Finding { comparing, watching, limited };
+    explicit HostedDevice(Finding finding = Finding::comparing);
 
+    static const char* nameOf(Finding finding);
+    Finding finding() const { return finding_; }
     const std::string& home() const { return home_; }
     std::string path(const std::string& relative) const { return home_ + "/" + relative; }
     /// Folders whose names end so are packages to the host; nothing where this machine cannot declare any.
@@ -26,6 +27,9 @@ public:
 
     /// The host's answer. Stops the test when the host ends instead.
     Message ask(const Message& message);
+    /// The host's process stands still until it goes on.
+    void pause() { host_->signal(SIGSTOP); }
+    void goOn() { host_->signal(SIGCONT); }
     /// Ends the host's process in good order, and starts it again.
     void restart();
     /// Kills it while it works on the message, some microseconds after it was asked, and starts it again.

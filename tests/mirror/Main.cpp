@@ -11,7 +11,7 @@ int main(int argc, char** argv) {
     // A process that ends is noticed by the answer that does not come.
     (void)std::signal(SIGPIPE, SIG_IGN);
     const std::string_view role = argc > 1 ? argv[1] : "";
-    if (role == kHostRole && argc == 4) return hostProvider(argv[2], std::string_view(argv[3]) == kWatching);
+    if (role == kHostRole && argc == 4) return hostProvider(argv[2], argv[3]);
     if (role == kChangerRole && argc == 6) return changeFiles(argv[2], argv[3], argv[4], argv[5]);
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();

@@ -13,6 +13,7 @@ inline constexpr const char* kHostRole = "--host-provider";
 /// How the host finds changes, its second argument.
 inline constexpr const char* kWatching = "watching";
 inline constexpr const char* kComparing = "comparing";
+inline constexpr const char* kLimited = "limited";  ///< watching, with too few watches for all folders
 inline constexpr const char* kChangerRole = "--change-files";
 
 /// Hosts the provider of the device in that home.
@@ -23,10 +24,11 @@ inline constexpr const char* kChangerRole = "--change-files";
 /// | list, container              | ok, the items of it and of the folders below it                                   |
 /// | item, path                   | ok, the item that stands there; ok alone where none does                          |
 /// | identify, paths              | ok, the identifier of what stands at each, "" where none does                     |
+/// | status                       | ok, how often the kernel dropped events, how many folders are polled              |
 /// | changes, container, anchor   | ok, anchor, "more" or "", then each report: "-", identifier or "+", item          |
 ///
 /// A failure is answered with "error", its domain, its code and a text.
-int hostProvider(const std::string& home, bool watches);
+int hostProvider(const std::string& home, const std::string& finding);
 
 /// Changes files below the root at random, from a seed; `links` is where links that it makes lead. The message is the
 /// number of steps and the microseconds of rest after each, the answer says what was done, a step each.

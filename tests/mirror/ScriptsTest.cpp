@@ -225,6 +225,26 @@ TEST_F(Scripts, FoldersBecomePackagesInAPackageBetweenTwoBatches) {
     expectEqual();
 }
 
+TEST_F(Scripts, AFollowedFolderIsInAPackageForAWhile) {
+    if (!device_.packageSuffix()) GTEST_SKIP() << "this machine cannot declare package types";
+    makeFolder("Documents/a");
+    makeFolder("Documents/a/b");
+    write("Documents/a/b/stays");
+    write("Documents/a/b/goes");
+    begin();
+    Client& follower = begin(identifierOf("Documents/a/b"));
+    ASSERT_EQ(follower.mirror().items().size(), 2u);
+    const std::string package = "Documents/a" + *device_.packageSuffix();
+    move("Documents/a", package);
+    catchUp(follower);
+    EXPECT_TRUE(follower.mirror().items().empty());
+    remove(package + "/b/goes");
+    catchUp(follower);
+    move(package + "/b", "Documents/b");
+    expectEqual();
+    EXPECT_EQ(follower.mirror().items().size(), 1u);
+}
+
 TEST_F(Scripts, AFileGetsAnotherNameAfterTheFolderAboveItMoved) {
     makeFolder("Apps/Sketches/Documents/a");
     makeFolder("Apps/Sketches/Documents/a/b");
