@@ -5,6 +5,7 @@
 #include <string>
 
 #include "applibraries/AppLibraryContext.h"
+#include "host/HostFileOperations.h"
 #include "host/HostProviderManager.h"
 #include "host/Settings.h"
 #include "hostframework/ObjectRuntime.h"
@@ -59,6 +60,7 @@ public:
     hostframework::ObjectRuntime& objectRuntime();
     applibraries::AppLibraryContext& appLibraries();
     HostProviderManager& providerManager();
+    HostFileOperations& fileOperations();
     provider::LocalProvider& provider();
 
 private:

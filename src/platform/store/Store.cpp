@@ -53,6 +53,15 @@ CREATE TABLE kept(fileID INTEGER NOT NULL, name BLOB NOT NULL, value BLOB NOT NU
 CREATE TABLE lost(after INTEGER NOT NULL, upTo INTEGER NOT NULL);
 )sql";
 
+/// What came later. A store made before has them added when it is opened; one made by this version can still be read by
+/// a program from before.
+constexpr const char* kLaterTables = R"sql(
+CREATE TABLE IF NOT EXISTS temporary(number INTEGER PRIMARY KEY, kind INTEGER NOT NULL, root BLOB NOT NULL,
+  folder BLOB NOT NULL, inode INTEGER NOT NULL, birth INTEGER NOT NULL, name BLOB NOT NULL, original BLOB NOT NULL);
+CREATE TABLE IF NOT EXISTS trashed(number INTEGER PRIMARY KEY, inode INTEGER NOT NULL, birth INTEGER NOT NULL,
+  fs INTEGER NOT NULL, folder INTEGER, name BLOB NOT NULL, nameInTrash BLOB NOT NULL, UNIQUE(inode, birth, fs));
+)sql";
+
 bool isDamage(const Error& error) {
     return error.is(ErrorDomain::store, static_cast<std::int64_t>(StoreError::damaged));
 }
@@ -96,6 +105,8 @@ Result<std::unique_ptr<Store>> Store::open(const StoreOptions& options) {
     if (prepared) return store;
     if (!isDamage(prepared.error())) return failure(prepared.error());
 
+    store->trashOrigins_.reset();
+    store->temporaries_.reset();
     store->continuations_.reset();
     store->kept_.reset();
     store->journal_.reset();
@@ -164,10 +175,13 @@ Result<void> Store::prepare() {
     comparedKept_ = compared.step() ? compared.signedAt(0) : 0;
     compared.reset();
     compared_.store(comparedKept_);
+    database_->execute(kLaterTables);
     index_ = std::make_unique<Index>(*database_, *numbers_);
     journal_ = std::make_unique<Journal>(*database_, *numbers_);
     kept_ = std::make_unique<KeptTable>(*database_);
     continuations_ = std::make_unique<Continuations>(*database_);
+    temporaries_ = std::make_unique<Temporaries>(*database_);
+    trashOrigins_ = std::make_unique<TrashOrigins>(*database_);
     if (auto error = database_->takeError()) {
         // A statement that cannot be prepared on a database of this version means that its schema is not what it was.
         return failure(exists ? makeError(StoreError::damaged, describe(*error)) : *error);
@@ -194,6 +208,8 @@ Store::~Store() {
         numbers_->saveExact();
     }
     // Statements go before their connection.
+    trashOrigins_.reset();
+    temporaries_.reset();
     kept_.reset();
     continuations_.reset();
     journal_.reset();

@@ -20,6 +20,8 @@
 #include "platform/store/KeptTable.h"
 #include "platform/store/Numbers.h"
 #include "platform/store/OwnerLock.h"
+#include "platform/store/Temporaries.h"
+#include "platform/store/TrashOrigins.h"
 
 namespace tarnwell::store {
 
@@ -79,6 +81,8 @@ private:
     std::unique_ptr<Journal> journal_;
     std::unique_ptr<KeptTable> kept_;
     std::unique_ptr<Continuations> continuations_;
+    std::unique_ptr<Temporaries> temporaries_;
+    std::unique_ptr<TrashOrigins> trashOrigins_;
     UUID uuid_;
     StoreOrigin origin_ = StoreOrigin::created;
     std::atomic<std::uint64_t> lastEvent_{0};
@@ -102,6 +106,8 @@ public:
     Journal& journal() { return *store_.journal_; }
     KeptTable& kept() { return *store_.kept_; }
     Continuations& continuations() { return *store_.continuations_; }
+    Temporaries& temporaries() { return *store_.temporaries_; }
+    TrashOrigins& trashOrigins() { return *store_.trashOrigins_; }
     Numbers& numbers() { return *store_.numbers_; }
 
     /// Begins writing if it has not begun. Index and journal changes are allowed after it only.
