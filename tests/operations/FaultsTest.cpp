@@ -142,7 +142,7 @@ std::string judged(const std::string& base, const Operation& operation, const Sy
     Workplace at(base);
     cleanUp(*at.context);
     const Tree tree = at.tree();
-    if (treeOf(at.outside()).size() != 5) return "the documents that were imported changed";
+    if (treeOf(at.outside()).size() != 6) return "the documents that were imported changed";
     if (at.records() != 0) return "a record is left";
     for (const auto& [name, text] : tree) {
         if (name.find(".tarnwell-") != std::string::npos) return "left: " + name;
