@@ -13,6 +13,7 @@
 #include <set>
 #include <thread>
 
+#include "platform/operations/Scratch.h"
 #include "testing/CapturingLog.h"
 #include "testing/TemporaryDirectory.h"
 #include "testing/TestDevice.h"
@@ -253,8 +254,8 @@ TEST_F(HostFileOperationsTest, AFreshStartSettlesWhatWasLeft) {
     const auto record = [&](store::TemporaryKind kind, const std::string& name, const std::string& original) {
         store::Session session(device_.store());
         session.write();
-        session.temporaries().add(
-            {0, kind, folder.place.root->name, "", folder.status.inode, folder.status.birth, name, original});
+        session.temporaries().add({0, kind, folder.place.root->name, "", folder.status.inode, folder.status.birth,
+                                   std::nullopt, name, original});
         ASSERT_TRUE(session.commit());
     };
     const std::string copy = ".tarnwell-" + UUID::random().text(), aside = ".tarnwell-" + UUID::random().text(),
@@ -273,6 +274,26 @@ TEST_F(HostFileOperationsTest, AFreshStartSettlesWhatWasLeft) {
     EXPECT_EQ(readFile(device_.path("folder/mine")), "mine");
     EXPECT_EQ(readFile(device_.path(others)), "nobody recorded it");
     EXPECT_EQ(readFile(device_.path("no temporary")), "x");
+    store::Session session(device_.store());
+    EXPECT_TRUE(session.temporaries().all().empty());
+}
+
+TEST_F(HostFileOperationsTest, AFolderThatMovedSinceIsFoundAndAnotherOneAtItsPlaceIsLeftAlone) {
+    makeDirectories(device_.path("folder/inner"));
+    device_.settle();
+    const auto inner = operations::openFolder(Place{device_.roots().storage(), "folder/inner"}).value();
+    const auto scratch = operations::Scratch::reserve(device_.store(), inner, store::TemporaryKind::copy);
+    writeFile(device_.path("folder/inner/" + scratch->name()), "half");
+    std::filesystem::rename(device_.path("folder"), device_.path("moved"));
+    makeDirectories(device_.path("folder/inner"));
+    writeFile(device_.path("folder/inner/" + scratch->name()), "in another folder");
+    // Not known yet where it is: kept for later.
+    operations_->cleanUp();
+    EXPECT_EQ(readFile(device_.path("moved/inner/" + scratch->name())), "half");
+    device_.settle();
+    operations_->cleanUp();
+    EXPECT_FALSE(std::filesystem::exists(device_.path("moved/inner/" + scratch->name())));
+    EXPECT_EQ(readFile(device_.path("folder/inner/" + scratch->name())), "in another folder");
     store::Session session(device_.store());
     EXPECT_TRUE(session.temporaries().all().empty());
 }

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include "platform/operations/EntryNames.h"
+#include "platform/operations/KnownObjects.h"
 #include "platform/operations/NoReplace.h"
 #include "platform/operations/OperationErrors.h"
 #include "platform/operations/Operations.h"
@@ -15,14 +16,20 @@ std::optional<OpenFolder> folderOf(const Context& context, const store::Temporar
     const auto isIt = [&](const Result<OpenFolder>& folder) {
         return folder && folder->status.inode == record.folderInode && folder->status.birth == record.folderBirth;
     };
-    auto root = context.roots.locate(record.root);
-    if (!root || !root->relative.empty()) return std::nullopt;
     const std::string path = record.root + (record.folder.empty() ? "" : "/" + record.folder);
-    const auto place = context.roots.locate(path);
-    if (!place) return std::nullopt;
-    auto folder = openFolder(*place);
-    if (isIt(folder)) return std::move(*folder);
-    return std::nullopt;
+    if (const auto place = context.roots.locate(path)) {
+        auto folder = openFolder(*place);
+        if (isIt(folder)) return std::move(*folder);
+    }
+    if (!record.folderID) return std::nullopt;
+    std::optional<Place> moved;
+    {
+        store::Session session(context.store);
+        moved = placeOfFolder(context.roots, session, *record.folderID);
+    }
+    if (!moved) return std::nullopt;
+    auto folder = openFolder(*moved);
+    return isIt(folder) ? std::optional(std::move(*folder)) : std::nullopt;
 }
 
 enum class Settled { yes, notYet };

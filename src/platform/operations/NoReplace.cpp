@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "platform/base/SystemCall.h"
+#include "platform/operations/OpenFolder.h"
 
 namespace tarnwell::operations {
 namespace {
@@ -15,7 +16,9 @@ Result<void> linkThenUnlink(int folder, const char* name, int newFolder, const c
     if (untilNotInterrupted([&] { return ::linkat(folder, name, newFolder, newName, 0); }) != 0) return failedCall();
     if (untilNotInterrupted([&] { return ::unlinkat(folder, name, 0); }) == 0) return {};
     auto failed = failedCall();
-    (void)::unlinkat(newFolder, newName, 0);
+    // Only if it still is the second name of the same file: somebody may have put another one there.
+    const auto first = filesystem::statusAt(folder, name), second = filesystem::statusAt(newFolder, newName);
+    if (first && second && isSameObject(*first, *second)) (void)::unlinkat(newFolder, newName, 0);
     return failed;
 }
 

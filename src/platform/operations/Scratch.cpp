@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/base/UUID.h"
+#include "platform/operations/KnownObjects.h"
 
 namespace tarnwell::operations {
 namespace {
@@ -20,16 +21,19 @@ bool isScratchName(std::string_view name) {
 Result<Scratch> Scratch::reserve(store::Store& store, const OpenFolder& folder, store::TemporaryKind kind,
                                  std::string original) {
     std::string name = std::string(kPrefix) + UUID::random().text();
-    const store::Temporary record{0,
-                                  kind,
-                                  folder.place.root->name,
-                                  folder.place.relative,
-                                  folder.status.inode,
-                                  folder.status.birth,
-                                  name,
-                                  std::move(original)};
+    store::Temporary record{0,
+                            kind,
+                            folder.place.root->name,
+                            folder.place.relative,
+                            folder.status.inode,
+                            folder.status.birth,
+                            std::nullopt,
+                            name,
+                            std::move(original)};
+    const KnownObjects known(folder);
     store::Session session(store);
     session.write();
+    record.folderID = known.fileIDOf(session, folder.status);
     const std::uint64_t number = session.temporaries().add(record);
     if (auto committed = session.commit(); !committed) return failure(committed.error());
     return Scratch(store, number, std::move(name));

@@ -1,37 +1,25 @@
-#include <fcntl.h>
-
+#include "platform/operations/KnownObjects.h"
 #include "platform/operations/OperationErrors.h"
 #include "platform/operations/Operations.h"
 
 namespace tarnwell::operations {
 namespace {
 
-/// What the index knows an object in the folder by.
-std::optional<store::ObjectIdentity> identityIn(store::Session& session, const OpenFolder& folder,
-                                                const filesystem::Status& status) {
-    auto open = filesystem::openBeneath(folder.get(), {}, O_RDONLY | O_DIRECTORY);
-    if (!open) return std::nullopt;
-    const auto fileSystem = filesystem::fileSystemIdentityOf(open->get());
-    if (!fileSystem) return std::nullopt;
-    session.write();
-    const auto number =
-        session.index().fileSystemNumber(fileSystem->identity.empty() ? "unnamed" : fileSystem->identity);
-    return store::ObjectIdentity{number, status.inode, status.birth};
-}
-
 std::string lastName(const Place& place) { return place.relative.substr(place.relative.rfind('/') + 1); }
 
 std::optional<store::TrashOrigin> originOf(const Context& context, const OpenItem& item) {
+    const KnownObjects known(item.folder);
     store::Session session(context.store);
-    const auto identity = identityIn(session, item.folder, item.status);
+    const auto identity = known.identityOf(session, item.status);
     auto origin = identity ? session.trashOrigins().of(*identity) : std::nullopt;
     if (!session.commit()) return std::nullopt;
     return origin;
 }
 
 void forgetOrigin(const Context& context, const OpenFolder& folder, const filesystem::Status& object) {
+    const KnownObjects known(folder);
     store::Session session(context.store);
-    if (const auto identity = identityIn(session, folder, object)) session.trashOrigins().forget(*identity);
+    if (const auto identity = known.identityOf(session, object)) session.trashOrigins().forget(*identity);
     (void)session.commit();
 }
 
@@ -44,16 +32,14 @@ Result<Place> trashItem(const Context& context, const Place& place, const Place&
     if (!folder) return failure(folder.error());
 
     std::optional<filesystem::Status> remembered;
+    const KnownObjects there(*folder), here(item->folder);
     options.taken = Taken::freeName;
     // Before the item has the name: a killed process must not leave something that nobody knows the origin of.
     options.aboutToAppear = [&](const filesystem::Status& object, const std::string& name) {
         store::Session session(context.store);
-        const auto identity = identityIn(session, *folder, object);
+        const auto identity = there.identityOf(session, object);
         if (!identity) return;
-        store::TrashOrigin origin{std::nullopt, item->name, name};
-        if (const auto from = identityIn(session, item->folder, item->folder.status)) {
-            if (const auto row = session.index().byIdentity(*from)) origin.folder = row->fileID;
-        }
+        const store::TrashOrigin origin{here.fileIDOf(session, item->folder.status), item->name, name};
         session.trashOrigins().set(*identity, origin);
         remembered = object;
         if (auto committed = session.commit(); !committed) {

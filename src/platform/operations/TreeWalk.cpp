@@ -71,8 +71,8 @@ Result<void> TreeWalk::enter() {
 
 Result<void> TreeWalk::leave() {
     entry_.clear();
-    Descriptor parent(
-        untilNotInterrupted([&] { return ::openat(at_.get(), "..", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
+    Descriptor parent(untilNotInterrupted(
+        [&] { return ::openat(at_.get(), "..", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
     if (!parent.valid()) return failedCall();
     const auto status = filesystem::statusOf(parent.get());
     if (!status) return failure(status.error());

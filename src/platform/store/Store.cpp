@@ -57,7 +57,8 @@ CREATE TABLE lost(after INTEGER NOT NULL, upTo INTEGER NOT NULL);
 /// a program from before.
 constexpr const char* kLaterTables = R"sql(
 CREATE TABLE IF NOT EXISTS temporary(number INTEGER PRIMARY KEY, kind INTEGER NOT NULL, root BLOB NOT NULL,
-  folder BLOB NOT NULL, inode INTEGER NOT NULL, birth INTEGER NOT NULL, name BLOB NOT NULL, original BLOB NOT NULL);
+  folder BLOB NOT NULL, inode INTEGER NOT NULL, birth INTEGER NOT NULL, name BLOB NOT NULL, original BLOB NOT NULL,
+  folderID INTEGER);
 CREATE TABLE IF NOT EXISTS trashed(number INTEGER PRIMARY KEY, inode INTEGER NOT NULL, birth INTEGER NOT NULL,
   fs INTEGER NOT NULL, folder INTEGER, name BLOB NOT NULL, nameInTrash BLOB NOT NULL, UNIQUE(inode, birth, fs));
 )sql";

@@ -4,11 +4,13 @@ namespace tarnwell::store {
 
 Temporaries::Temporaries(Database& database)
     : add_(database,
-           "INSERT INTO temporary(kind, root, folder, inode, birth, name, original) VALUES(?, ?, ?, ?, ?, ?, ?)"
+           "INSERT INTO temporary(kind, root, folder, inode, birth, name, original, folderID)"
+           " VALUES(?, ?, ?, ?, ?, ?, ?, ?)"
            " RETURNING number"),
       setKind_(database, "UPDATE temporary SET kind = ? WHERE number = ?"),
       remove_(database, "DELETE FROM temporary WHERE number = ?"),
-      all_(database, "SELECT number, kind, root, folder, inode, birth, name, original FROM temporary ORDER BY number") {
+      all_(database,
+           "SELECT number, kind, root, folder, inode, birth, name, original, folderID FROM temporary ORDER BY number") {
 }
 
 std::uint64_t Temporaries::add(const Temporary& temporary) {
@@ -16,6 +18,11 @@ std::uint64_t Temporaries::add(const Temporary& temporary) {
     add->bind(1, static_cast<std::uint64_t>(temporary.kind)).bindBytes(2, temporary.root);
     add->bindBytes(3, temporary.folder).bind(4, temporary.folderInode).bindSigned(5, temporary.folderBirth);
     add->bindBytes(6, temporary.name).bindBytes(7, temporary.original);
+    if (temporary.folderID) {
+        add->bind(8, raw(*temporary.folderID));
+    } else {
+        add->bindNull(8);
+    }
     return add->step() ? add_.unsignedAt(0) : 0;
 }
 
@@ -42,6 +49,7 @@ std::vector<Temporary> Temporaries::all() {
         temporary.folderBirth = all_.signedAt(5);
         temporary.name = all_.bytesAt(6);
         temporary.original = all_.bytesAt(7);
+        if (!all_.isNullAt(8)) temporary.folderID = FileID{all_.unsignedAt(8)};
         found.push_back(std::move(temporary));
     }
     return found;

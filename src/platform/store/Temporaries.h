@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/base/Ids.h"
 #include "platform/store/Database.h"
 
 namespace tarnwell::store {
@@ -23,6 +25,7 @@ struct Temporary {
     std::string folder;             ///< path below it
     std::uint64_t folderInode = 0;  ///< which folder that was
     std::int64_t folderBirth = 0;
+    std::optional<FileID> folderID;  ///< as the index knows it, for one that has moved since
     std::string name;
     std::string original;  ///< the name that it had, where it had one
     friend bool operator==(const Temporary&, const Temporary&) = default;
