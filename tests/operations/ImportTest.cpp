@@ -263,7 +263,7 @@ TEST_F(ImportTest, ASourceThatIsWrittenMeanwhileIsNotImported) {
     const auto twice = importWithChanges(2);
     ASSERT_FALSE(twice);
     EXPECT_TRUE(twice.error().is(ErrorDomain::posix, EBUSY)) << describe(twice.error());
-    EXPECT_EQ(sentence(twice), "it is being changed; nothing was imported");
+    EXPECT_EQ(sentence(twice), "\"" + path + "\" is being changed; nothing was imported");
     EXPECT_TRUE(at_.tree().empty());
     const auto once = importWithChanges(1);
     ASSERT_TRUE(once) << describe(once.error());

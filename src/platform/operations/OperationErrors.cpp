@@ -46,6 +46,8 @@ std::string reasonFor(std::int64_t code) {
             return "there is not enough memory; try again";
         case EBUSY:
             return "it is in use, or another file system is mounted there";
+        case ESTALE:
+            return "it was moved or replaced meanwhile";
         case ENAMETOOLONG:
             return "the name is too long for its file system";
         case EIO:
@@ -71,7 +73,14 @@ Error collision(const Place& taken) {
 }
 
 Error explained(const Error& error, const std::string& cannot, const std::string& path) {
-    if (error.domain != ErrorDomain::posix || error.userInfo.contains(kErrorMessage)) return error;
+    if (const auto found = error.userInfo.find(kErrorMessage); found != error.userInfo.end()) {
+        if (!found->second.starts_with("it ")) return error;
+        Error named = error;
+        named.userInfo[kErrorMessage].replace(0, 2, "\"" + path + "\"");
+        named.userInfo.emplace(kErrorPath, path);
+        return named;
+    }
+    if (error.domain != ErrorDomain::posix) return error;
     std::string message = "\"" + path + "\" cannot " + cannot;
     if (cannot.find(", because ") == std::string::npos) message += ": " + reasonFor(error.code);
     if (isRefusal(error.code)) return make(ErrorDomain::generalFile, kWriteNotPermitted, std::move(message), path);
@@ -79,7 +88,9 @@ Error explained(const Error& error, const std::string& cannot, const std::string
 }
 
 Error explained(const Error& error, const std::string& cannot, const std::string& path, const OpenFolder& folder) {
-    if (error.domain != ErrorDomain::posix || error.userInfo.contains(kErrorMessage)) return error;
+    if (error.domain != ErrorDomain::posix || error.userInfo.contains(kErrorMessage)) {
+        return explained(error, cannot, path);
+    }
     const std::string named = realPath(folder.place);
     const auto because = [&](const std::string& reason) { return "\"" + path + "\" cannot " + cannot + ": " + reason; };
     if (error.code == EROFS) {

@@ -22,7 +22,8 @@ namespace tarnwell::operations {
 
 /// Copies the file or folder at a real path, which may lie anywhere, into the folder under its own name. A link given
 /// as the document is followed, links in a folder are copied as links. EINVAL for a pipe, a socket or a device, and for
-/// a folder that is to go into itself; EBUSY where it is written to meanwhile; ECANCELED.
+/// a folder that is to go into itself; EBUSY where it is written to meanwhile, or another file system is mounted in it;
+/// ECANCELED.
 Result<Place> importItem(const Context& context, const std::string& document, const Place& folder,
                          TransferMonitor* monitor = nullptr);
 
