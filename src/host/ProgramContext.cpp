@@ -24,6 +24,7 @@ struct ProgramContext::Parts {
         : settings(programSettings),
           store(std::move(openStore)),
           programLog(log, pool),
+          fileOperations(operations::Context{roots, *store, log}, pool),
           comparer(roots, *store, *types, files::KeptAttributes(items::LocalItem::keptAttributeNames(), &log)) {}
 
     const Settings settings;
@@ -31,6 +32,7 @@ struct ProgramContext::Parts {
     const std::unique_ptr<store::Store> store;
     Roots roots;
     items::ProgramLog programLog;
+    HostFileOperations fileOperations;
     const std::shared_ptr<mime::TypeDatabase> types = mime::TypeDatabase::create();
     files::Comparer comparer;
     files::LocalFileSystem files{roots, *store, comparer, *types};
@@ -116,6 +118,8 @@ Result<std::unique_ptr<ProgramContext>> ProgramContext::create(const Settings& s
     parts->registry = registry::LinuxAppRegistry::create(settings.registrySources, parts->roots, log);
     if (auto met = meetApplications(parts->roots, *parts->registry); !met) return failure(met.error());
 
+    // Before anything is looked at: what a killed process left should not be met as new.
+    parts->fileOperations.cleanUp();
     parts->events = std::make_unique<events::ComparingEventService>(
         parts->roots, *parts->store, parts->comparer, parts->pool, events::ComparingEventService::Options{});
     parts->providerManager =
@@ -174,6 +178,7 @@ registry::AppRegistry& ProgramContext::registry() { return *parts_->registry; }
 hostframework::ObjectRuntime& ProgramContext::objectRuntime() { return parts_->objectRuntime; }
 applibraries::AppLibraryContext& ProgramContext::appLibraries() { return *parts_->appLibraries; }
 HostProviderManager& ProgramContext::providerManager() { return *parts_->providerManager; }
+HostFileOperations& ProgramContext::fileOperations() { return parts_->fileOperations; }
 provider::LocalProvider& ProgramContext::provider() { return *parts_->provider; }
 
 }  // namespace tarnwell::host

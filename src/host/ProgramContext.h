@@ -5,6 +5,7 @@
 #include <string>
 
 #include "applibraries/AppLibraryContext.h"
+#include "host/HostFileOperations.h"
 #include "host/HostProviderManager.h"
 #include "host/Settings.h"
 #include "hostframework/ObjectRuntime.h"
@@ -62,6 +63,7 @@ public:
     hostframework::ObjectRuntime& objectRuntime();
     applibraries::AppLibraryContext& appLibraries();
     HostProviderManager& providerManager();
+    HostFileOperations& fileOperations();
     provider::LocalProvider& provider();
 
 private:

@@ -53,8 +53,14 @@ CREATE TABLE kept(fileID INTEGER NOT NULL, name BLOB NOT NULL, value BLOB NOT NU
 CREATE TABLE lost(after INTEGER NOT NULL, upTo INTEGER NOT NULL);
 )sql";
 
-/// What came later, and is empty in a store that did not have it.
+/// What came later. A store made before has them added when it is opened; one made by this version can still be read by
+/// a program from before.
 constexpr const char* kLaterTables = R"sql(
+CREATE TABLE IF NOT EXISTS temporary(number INTEGER PRIMARY KEY, kind INTEGER NOT NULL, root BLOB NOT NULL,
+  folder BLOB NOT NULL, inode INTEGER NOT NULL, birth INTEGER NOT NULL, name BLOB NOT NULL, original BLOB NOT NULL,
+  folderID INTEGER);
+CREATE TABLE IF NOT EXISTS trashed(number INTEGER PRIMARY KEY, inode INTEGER NOT NULL, birth INTEGER NOT NULL,
+  fs INTEGER NOT NULL, folder INTEGER, name BLOB NOT NULL, nameInTrash BLOB NOT NULL, UNIQUE(inode, birth, fs));
 CREATE TABLE IF NOT EXISTS takeover(id INTEGER PRIMARY KEY, displaced INTEGER NOT NULL, docID INTEGER NOT NULL,
   successor INTEGER NOT NULL, folder INTEGER NOT NULL, name BLOB NOT NULL, oldFolder INTEGER NOT NULL,
   oldPath BLOB NOT NULL, recent INTEGER NOT NULL);
@@ -103,6 +109,8 @@ Result<std::unique_ptr<Store>> Store::open(const StoreOptions& options) {
     if (prepared) return store;
     if (!isDamage(prepared.error())) return failure(prepared.error());
 
+    store->trashOrigins_.reset();
+    store->temporaries_.reset();
     store->continuations_.reset();
     store->takeovers_.reset();
     store->kept_.reset();
@@ -179,6 +187,8 @@ Result<void> Store::prepare() {
     kept_ = std::make_unique<KeptTable>(*database_);
     takeovers_ = std::make_unique<TakeoverTable>(*database_);
     continuations_ = std::make_unique<Continuations>(*database_);
+    temporaries_ = std::make_unique<Temporaries>(*database_);
+    trashOrigins_ = std::make_unique<TrashOrigins>(*database_);
     if (auto error = database_->takeError()) {
         // A statement that cannot be prepared on a database of this version means that its schema is not what it was.
         return failure(exists ? makeError(StoreError::damaged, describe(*error)) : *error);
@@ -206,6 +216,8 @@ Store::~Store() {
     }
     // Statements go before their connection.
     takeovers_.reset();
+    trashOrigins_.reset();
+    temporaries_.reset();
     kept_.reset();
     continuations_.reset();
     journal_.reset();

@@ -21,6 +21,8 @@
 #include "platform/store/Numbers.h"
 #include "platform/store/OwnerLock.h"
 #include "platform/store/TakeoverTable.h"
+#include "platform/store/Temporaries.h"
+#include "platform/store/TrashOrigins.h"
 
 namespace tarnwell::store {
 
@@ -81,6 +83,8 @@ private:
     std::unique_ptr<KeptTable> kept_;
     std::unique_ptr<TakeoverTable> takeovers_;
     std::unique_ptr<Continuations> continuations_;
+    std::unique_ptr<Temporaries> temporaries_;
+    std::unique_ptr<TrashOrigins> trashOrigins_;
     UUID uuid_;
     StoreOrigin origin_ = StoreOrigin::created;
     std::atomic<std::uint64_t> lastEvent_{0};
@@ -105,6 +109,8 @@ public:
     KeptTable& kept() { return *store_.kept_; }
     TakeoverTable& takeovers() { return *store_.takeovers_; }
     Continuations& continuations() { return *store_.continuations_; }
+    Temporaries& temporaries() { return *store_.temporaries_; }
+    TrashOrigins& trashOrigins() { return *store_.trashOrigins_; }
     Numbers& numbers() { return *store_.numbers_; }
 
     /// Begins writing if it has not begun. Index and journal changes are allowed after it only.

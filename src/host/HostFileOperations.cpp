@@ -1,0 +1,318 @@
+#include "host/HostFileOperations.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "platform/base/SystemCall.h"
+#include "platform/operations/OperationErrors.h"
+
+namespace tarnwell::host {
+
+using hostframework::FileCoordinator;
+using Use = FileCoordinator::Use;
+using operations::TransferMonitor;
+
+namespace {
+
+Error notShown(const URL& url) {
+    return Error{ErrorDomain::posix,
+                 ENOENT,
+                 {{kErrorMessage, "\"" + url.path() + "\" lies in none of the folders that are shown"},
+                  {kErrorPath, url.path()}}};
+}
+
+Error unfinished() { return posixError(ECANCELED, "the program is ending"); }
+
+/// As the provider expects it: what has the name is told by its URL.
+Error forProvider(Error error) {
+    if (!error.is(ErrorDomain::generalFile, kFileExists)) return error;
+    if (auto path = error.userInfo.extract(kErrorPath)) {
+        path.key() = hostframework::kErrorCollidingURL;
+        error.userInfo.insert(std::move(path));
+    }
+    return error;
+}
+
+Result<URL> asURL(const Result<Place>& place) {
+    if (place) return URL::file(operations::urlPath(*place));
+    return failure(forProvider(place.error()));
+}
+
+/// A name that is none cannot lead the claim elsewhere; the operation refuses it.
+std::string pathIn(const URL& folder, const std::string& name) {
+    const bool isPlain = !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
+    return isPlain ? folder.path() + "/" + name : folder.path();
+}
+
+std::string nameOf(const URL& url) { return std::string(url.lastPathComponent()); }
+
+std::string parentPath(const URL& url) { return url.deletingLastPathComponent().path(); }
+
+}  // namespace
+
+/// What outlives the operations' caller: the order of the paths, and how many run.
+class HostFileOperations::Runner : public std::enable_shared_from_this<Runner> {
+public:
+    explicit Runner(std::shared_ptr<dispatch::ThreadPool> pool) : pool_(std::move(pool)) {}
+
+    /// One operation with its place in the order. Whoever drops it without running it completes it with an error.
+    struct Job {
+        HostFileOperations::Work work;
+        URLCompletion completion;
+        std::shared_ptr<TransferMonitor> monitor;
+        FileCoordinator::Grant grant;
+
+        Job() = default;
+        Job(const Job&) = delete;
+        Job& operator=(const Job&) = delete;
+        ~Job() {
+            grant.release();
+            if (completion) completion(failure(unfinished()));
+        }
+    };
+
+    void add(std::vector<FileCoordinator::Path> paths, std::shared_ptr<Job> job) {
+        coordinator_.claim(std::move(paths), [self = shared_from_this(), job](FileCoordinator::Grant grant) {
+            job->grant = std::move(grant);
+            self->ready(job);
+        });
+    }
+
+    FileCoordinator::Grant wait(std::vector<FileCoordinator::Path> paths) {
+        return coordinator_.wait(std::move(paths));
+    }
+
+    void attach(const std::string& path, std::weak_ptr<TransferMonitor> monitor) {
+        const std::lock_guard lock(mutex_);
+        std::erase_if(monitors_, [](const auto& entry) { return entry.second.expired(); });
+        monitors_[path] = std::move(monitor);
+    }
+    std::shared_ptr<TransferMonitor> monitorOf(const std::string& path) {
+        const std::lock_guard lock(mutex_);
+        const auto found = monitors_.find(path);
+        return found != monitors_.end() ? found->second.lock() : nullptr;
+    }
+
+    void end() {
+        std::unique_lock lock(mutex_);
+        isEnding_ = true;
+        while (!ready_.empty() || running_ > 0) {
+            std::deque<std::shared_ptr<Job>> dropped = std::exchange(ready_, {});
+            if (dropped.empty()) {
+                quiet_.wait(lock);
+                continue;
+            }
+            lock.unlock();
+            // Their completions run here, and what waited for their paths comes in as dropped in turn.
+            dropped.clear();
+            lock.lock();
+        }
+    }
+
+private:
+    void ready(const std::shared_ptr<Job>& job) {
+        {
+            const std::lock_guard lock(mutex_);
+            ready_.push_back(job);
+            if (isEnding_) {
+                quiet_.notify_all();
+                return;
+            }
+            if (running_ == kMostAtOnce) return;
+            ++running_;
+        }
+        pool_->run([self = shared_from_this()] { self->work(); });
+    }
+
+    void work() {
+        std::unique_lock lock(mutex_);
+        while (!ready_.empty() && !isEnding_) {
+            const auto job = std::move(ready_.front());
+            ready_.pop_front();
+            lock.unlock();
+            run(*job);
+            lock.lock();
+        }
+        --running_;
+        quiet_.notify_all();
+    }
+
+    static void run(Job& job) {
+        const Result<URL> result = asURL(job.work(job.monitor.get()));
+        job.work = {};
+        // The completion may ask for these paths again.
+        job.grant.release();
+        if (const auto completion = std::exchange(job.completion, {})) completion(result);
+    }
+
+    const std::shared_ptr<dispatch::ThreadPool> pool_;
+    FileCoordinator coordinator_;
+    std::mutex mutex_;
+    std::condition_variable quiet_;
+    std::deque<std::shared_ptr<Job>> ready_;
+    std::size_t running_ = 0;
+    bool isEnding_ = false;
+    std::map<std::string, std::weak_ptr<TransferMonitor>> monitors_;
+};
+
+HostFileOperations::HostFileOperations(operations::Context context, std::shared_ptr<dispatch::ThreadPool> pool)
+    : context_(context), runner_(std::make_shared<Runner>(std::move(pool))) {}
+
+HostFileOperations::~HostFileOperations() { runner_->end(); }
+
+void HostFileOperations::cleanUp() { operations::cleanUp(context_); }
+
+void HostFileOperations::attachMonitor(const URL& document, std::weak_ptr<TransferMonitor> monitor) {
+    runner_->attach(document.path(), std::move(monitor));
+}
+
+void HostFileOperations::setCopiedListener(std::function<void(const operations::CopiedObject&)> listener) {
+    copied_ = std::move(listener);
+}
+
+void HostFileOperations::start(std::vector<FileCoordinator::Path> paths, const URL* document, Work work,
+                               URLCompletion completion) {
+    const auto job = std::make_shared<Runner::Job>();
+    job->work = std::move(work);
+    job->completion = std::move(completion);
+    if (document != nullptr) job->monitor = runner_->monitorOf(document->path());
+    runner_->add(std::move(paths), job);
+}
+
+void HostFileOperations::importUnderFolder(const URL& document, const URL& parent, URLCompletion completion) {
+    start(
+        {{document.path(), Use::reading}, {pathIn(parent, nameOf(document)), Use::writing}}, &document,
+        [this, document, parent](TransferMonitor* monitor) -> Result<Place> {
+            if (!document.isFileURL()) return failure(notShown(document));
+            const auto folder = context_.roots.locate(parent.path());
+            if (!folder) return failure(notShown(parent));
+            return operations::importItem(context_, context_.roots.realPath(document.path()), *folder, monitor);
+        },
+        std::move(completion));
+}
+
+void HostFileOperations::createSubfolder(const URL& parent, const std::string& name, URLCompletion completion) {
+    start(
+        {{pathIn(parent, name), Use::writing}}, nullptr,
+        [this, parent, name](TransferMonitor*) -> Result<Place> {
+            const auto folder = context_.roots.locate(parent.path());
+            if (!folder) return failure(notShown(parent));
+            return operations::makeFolder(context_, *folder, name);
+        },
+        std::move(completion));
+}
+
+void HostFileOperations::renameWithNewName(const URL& item, const std::string& name, URLCompletion completion) {
+    start(
+        {{item.path(), Use::writing}, {pathIn(item.deletingLastPathComponent(), name), Use::writing}}, nullptr,
+        [this, item, name](TransferMonitor*) -> Result<Place> {
+            const auto place = context_.roots.locate(item.path());
+            if (!place) return failure(notShown(item));
+            return operations::renameItem(context_, *place, name);
+        },
+        std::move(completion));
+}
+
+void HostFileOperations::reparentUnderFolder(const URL& item, const URL& parent,
+                                             const std::optional<std::string>& newName,
+                                             hostframework::Bouncing bouncing, URLCompletion completion) {
+    start(
+        {{item.path(), Use::writing}, {pathIn(parent, newName.value_or(nameOf(item))), Use::writing}}, &item,
+        [this, item, parent, newName, bouncing](TransferMonitor* monitor) -> Result<Place> {
+            const auto place = context_.roots.locate(item.path());
+            if (!place) return failure(notShown(item));
+            const auto folder = context_.roots.locate(parent.path());
+            if (!folder) return failure(notShown(parent));
+            operations::MoveOptions options;
+            options.taken =
+                bouncing == hostframework::Bouncing::allowed ? operations::Taken::freeName : operations::Taken::refused;
+            options.monitor = monitor;
+            options.copied = copied_;
+            if (!parentPath(item).ends_with("/.Trash")) {
+                return operations::moveItem(context_, *place, *folder, newName.value_or(nameOf(item)), options);
+            }
+            // Inside the trash nothing is put back.
+            const bool isLeaving = parent.path() != parentPath(item);
+            const std::string name = newName     ? *newName
+                                     : isLeaving ? operations::putBackName(context_, *place)
+                                                 : nameOf(item);
+            if (!isLeaving) return operations::moveItem(context_, *place, *folder, name, options);
+            return operations::moveOutOfTrash(context_, *place, *folder, name, options);
+        },
+        std::move(completion));
+}
+
+void HostFileOperations::trashUnderFolder(const URL& item, const URL& trash, URLCompletion completion) {
+    start(
+        {{item.path(), Use::writing}, {pathIn(trash, nameOf(item)), Use::writing}}, &item,
+        [this, item, trash](TransferMonitor* monitor) -> Result<Place> {
+            const auto place = context_.roots.locate(item.path());
+            if (!place) return failure(notShown(item));
+            const auto folder = context_.roots.locate(trash.path());
+            if (!folder) return failure(notShown(trash));
+            operations::MoveOptions options;
+            options.monitor = monitor;
+            options.copied = copied_;
+            return operations::trashItem(context_, *place, *folder, options);
+        },
+        std::move(completion));
+}
+
+void HostFileOperations::deleteItem(const URL& item, hostframework::Completion completion) {
+    start(
+        {{item.path(), Use::writing}}, nullptr,
+        [this, item](TransferMonitor*) -> Result<Place> {
+            const auto place = context_.roots.locate(item.path());
+            if (!place) return failure(notShown(item));
+            if (auto removed = operations::removeItem(context_, *place); !removed) return failure(removed.error());
+            return *place;
+        },
+        [completion = std::move(completion)](const Result<URL>& result) {
+            completion(result ? std::nullopt : std::optional(result.error()));
+        });
+}
+
+Result<void> HostFileOperations::readWrite(const URL& url, const std::function<Result<void>(const Descriptor&)>& work) {
+    const auto place = context_.roots.locate(url.path());
+    if (!url.isFileURL() || !place) return failure(notShown(url));
+    const auto grant = runner_->wait({{url.path(), Use::writing}});
+    const auto refused = [&](const Error& error) {
+        Error told = operations::explained(error, "be written to", url.path());
+        // Callers ask for the kernel's errors here.
+        told.domain = ErrorDomain::posix;
+        told.code = error.code;
+        return failure(std::move(told));
+    };
+    // For its place first: opening a pipe would have an effect on it.
+    const auto object = filesystem::openBeneath(place->root->directory.get(), place->relative, O_PATH | O_NOFOLLOW);
+    if (!object) return refused(object.error());
+    const auto status = filesystem::statusOf(object->get());
+    if (!status) return refused(status.error());
+    if (S_ISLNK(status->mode)) return refused(posixError(ELOOP));
+    if (!S_ISREG(status->mode) && !S_ISDIR(status->mode)) return refused(posixError(EINVAL));
+    const std::string itself = pathOfDescriptor(object->get());
+    const auto open = [&](int flags) {
+        return Descriptor(untilNotInterrupted([&] { return ::open(itself.c_str(), flags | O_NONBLOCK | O_CLOEXEC); }));
+    };
+    Descriptor granted = open(O_RDONLY);
+    if (!granted.valid()) {
+        const int code = errno;
+        // One that may be written but not read.
+        if (S_ISREG(status->mode) && code == EACCES) granted = open(O_WRONLY);
+        if (!granted.valid()) return refused(posixError(code));
+    }
+    return work(granted);
+}
+
+std::optional<store::TrashOrigin> HostFileOperations::trashOriginOf(const URL& item) const {
+    const auto place = context_.roots.locate(item.path());
+    return place ? operations::trashOriginOf(context_, *place) : std::nullopt;
+}
+
+}  // namespace tarnwell::host

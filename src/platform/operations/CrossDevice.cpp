@@ -1,0 +1,137 @@
+#include "platform/operations/CrossDevice.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <vector>
+
+#include "platform/base/SystemCall.h"
+#include "platform/operations/Copying.h"
+#include "platform/operations/OperationErrors.h"
+#include "platform/operations/Scratch.h"
+#include "platform/operations/TreeSurvey.h"
+#include "platform/operations/TreeWalk.h"
+
+namespace tarnwell::operations {
+namespace {
+
+/// Goes through source and copy side by side: tells of the pairs, and what the source looks like now.
+class Pairs : public TreeVisitor {
+public:
+    Pairs(Descriptor copy, const filesystem::Status& top, const std::function<void(const CopiedObject&)>& told)
+        : at_(std::move(copy)), told_(told) {
+        now.add(0, {}, top);
+        parents_.push_back(top.inode);
+        tell(top, at_);
+    }
+    Result<void> enter(const std::string& name, int, const filesystem::Status& status) override {
+        now.add(parents_.back(), name, status);
+        parents_.push_back(status.inode);
+        auto copy = filesystem::openBeneath(at_.get(), name, O_RDONLY | O_DIRECTORY);
+        if (!copy) return failure(copy.error());
+        at_ = std::move(*copy);
+        tell(status, at_);
+        return {};
+    }
+    Result<void> entry(int, const std::string& name, const filesystem::Status& status) override {
+        now.add(parents_.back(), name, status);
+        if (!told_) return {};
+        auto copy = filesystem::openBeneath(at_.get(), name, S_ISREG(status.mode) ? O_RDONLY : O_PATH | O_NOFOLLOW);
+        if (!copy) return failure(copy.error());
+        tell(status, *copy);
+        return {};
+    }
+    Result<Leaving> leave(int, const std::string&, int) override {
+        parents_.pop_back();
+        Descriptor parent(untilNotInterrupted(
+            [&] { return ::openat(at_.get(), "..", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
+        if (!parent.valid()) return failedCall();
+        at_ = std::move(parent);
+        return Leaving::done;
+    }
+    TreeSurvey now;
+
+private:
+    void tell(const filesystem::Status& source, const Descriptor& copy) const {
+        if (told_) told_({source, copy});
+    }
+    Descriptor at_;
+    const std::function<void(const CopiedObject&)>& told_;
+    std::vector<std::uint64_t> parents_;
+};
+
+Error changedError() { return posixError(EBUSY, "it is being changed; it was not moved"); }
+
+/// Whether the source is still what was copied.
+Result<void> comparePairs(const OpenItem& item, const Descriptor& source, const OpenFolder& folder,
+                          const Copied& copied, const MoveOptions& options) {
+    const bool isFolder = S_ISDIR(item.status.mode), isFile = S_ISREG(item.status.mode);
+    auto copy = filesystem::openBeneath(folder.get(), copied.name,
+                                        isFolder ? O_RDONLY | O_DIRECTORY
+                                        : isFile ? O_RDONLY
+                                                 : O_PATH | O_NOFOLLOW);
+    if (!copy) return failure(copy.error());
+    const auto now = filesystem::statusAt(item.folder.get(), item.name.c_str());
+    if (!now) return failure(now.error());
+    if (!isUnchanged(*now, item.status)) return failure(changedError());
+    if (!isFolder) {
+        if (options.copied) options.copied({*now, *copy});
+        return {};
+    }
+    Pairs pairs(std::move(*copy), *now, options.copied);
+    TreeWalk walk(pairs);
+    if (auto done = walk.run(source); !done) return done;
+    return pairs.now.digest == copied.digest ? Result<void>() : failure(changedError());
+}
+
+}  // namespace
+
+Result<std::string> moveByCopying(const Context& context, const OpenItem& item, const OpenFolder& folder,
+                                  const std::string& name, const MoveOptions& options) {
+    const std::string path = realPath(item.folder.placeOf(item.name));
+    if (auto refusal = refusalToCopy(item.status.mode, path)) {
+        refusal->userInfo[kErrorMessage] += ", and its new place is on another file system";
+        return failure(std::move(*refusal));
+    }
+    Descriptor object;
+    if (!S_ISLNK(item.status.mode)) {
+        auto opened = filesystem::openBeneath(item.folder.get(), item.name,
+                                              O_RDONLY | (S_ISDIR(item.status.mode) ? O_DIRECTORY : 0));
+        if (!opened) return failure(opened.error());
+        const auto status = filesystem::statusOf(opened->get());
+        if (!status) return failure(status.error());
+        if (!isSameObject(*status, item.status)) return failure(changedError());
+        object = std::move(*opened);
+        if (S_ISDIR(item.status.mode)) {
+            // What cannot be taken away here is not worth a copy.
+            auto removable = survey(object, SurveyFor::removal, path, options.monitor);
+            if (!removable) return failure(removable.error());
+        }
+    }
+    CopyOptions copying;
+    copying.owner = CopiedOwner::ofSource;
+    copying.taken = options.taken;
+    copying.monitor = options.monitor;
+    copying.aboutToAppear = options.aboutToAppear;
+    const CopySource source{object.valid() ? &object : nullptr, item.folder.get(), item.name, item.status, path};
+    const auto copied = copyIntoFolder(context, source, folder, name, copying);
+    if (!copied) return failure(copied.error());
+
+    auto gone = comparePairs(item, object, folder, *copied, options);
+    if (gone) gone = removeAfterMove(context, item.folder, item.name, item.status);
+    if (gone) return copied->name;
+    // The copy is no longer wanted, as long as it is still the copy that has the name.
+    const auto standing = filesystem::statusAt(folder.get(), copied->name.c_str());
+    if (standing && isSameObject(*standing, copied->status)) {
+        auto undone = withdrawCopy(context, folder, copied->name, *standing);
+        if (!undone) {
+            Error error = explained(gone.error(), "be moved", path, item.folder);
+            error.userInfo[kErrorMessage] +=
+                "; a copy of it is left at \"" + realPath(folder.placeOf(copied->name)) + "\"";
+            return failure(std::move(error));
+        }
+    }
+    return failure(explained(gone.error(), "be moved", path, item.folder));
+}
+
+}  // namespace tarnwell::operations

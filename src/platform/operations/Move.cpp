@@ -1,0 +1,104 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "platform/operations/CrossDevice.h"
+#include "platform/operations/EntryNames.h"
+#include "platform/operations/NoReplace.h"
+#include "platform/operations/OperationErrors.h"
+#include "platform/operations/Operations.h"
+#include "platform/operations/Scratch.h"
+
+namespace tarnwell::operations {
+namespace {
+
+constexpr const char* kCannot = "be moved";
+
+/// True when both names are one entry, as "a" and "A" are where case does not count. Another name of a file with
+/// several is another entry.
+bool isSameEntry(const OpenItem& item, const OpenFolder& folder, const std::string& name) {
+    if (!isSameObject(item.folder.status, folder.status)) return false;
+    const auto there = filesystem::statusAt(folder.get(), name.c_str());
+    if (!there || !isSameObject(*there, item.status)) return false;
+    if (S_ISDIR(item.status.mode) || item.status.links == 1) return true;
+    // A file with several names: whether this one is listed as such decides.
+    auto open = filesystem::openBeneath(folder.get(), {}, O_RDONLY | O_DIRECTORY);
+    if (!open) return false;
+    filesystem::DirectoryReader reader(open->get());
+    filesystem::DirectoryEntry entry;
+    for (;;) {
+        const auto more = reader.next(entry);
+        if (!more || entry.name == name) return false;
+        if (!*more) return true;
+    }
+}
+
+/// Another way to write the same name: in two steps, since the kernel takes the second name for the first.
+Result<void> respell(const Context& context, const OpenItem& item, const std::string& name) {
+    const bool isFolder = S_ISDIR(item.status.mode);
+    auto scratch = Scratch::reserve(context.store, item.folder, store::TemporaryKind::aside, item.name);
+    if (!scratch) return failure(scratch.error());
+    const int folder = item.folder.get();
+    auto done = renameWithoutReplacing(folder, item.name, folder, scratch->name(), isFolder);
+    if (!done) {
+        scratch->forget();
+        return done;
+    }
+    done = renameWithoutReplacing(folder, scratch->name(), folder, name, isFolder);
+    if (done || renameWithoutReplacing(folder, scratch->name(), folder, item.name, isFolder)) scratch->forget();
+    return done;
+}
+
+Result<void> put(const Context& context, const OpenItem& item, const OpenFolder& folder, const std::string& name,
+                 const MoveOptions& options) {
+    if (isSameObject(item.folder.status, folder.status) && item.name == name) return {};
+    if (options.aboutToAppear) {
+        // The kernel is asked first, since what is told costs more.
+        const auto there = filesystem::statusAt(folder.get(), name.c_str());
+        if (there && !isSameEntry(item, folder, name)) return failure(posixError(EEXIST));
+        options.aboutToAppear(item.status, name);
+    }
+    auto done = renameWithoutReplacing(item.folder.get(), item.name, folder.get(), name, S_ISDIR(item.status.mode));
+    if (done || !done.error().is(ErrorDomain::posix, EEXIST) || !isSameEntry(item, folder, name)) return done;
+    return respell(context, item, name);
+}
+
+}  // namespace
+
+Result<Place> moveItem(const Context& context, const Place& place, const Place& target, const std::string& name,
+                       const MoveOptions& options) {
+    if (auto valid = checkNewName(name); !valid) return failure(valid.error());
+    const auto item = openItem(place);
+    if (!item) return failure(item.error());
+    const auto folder = openFolder(target);
+    if (!folder) return failure(folder.error());
+    const std::string path = realPath(place);
+    if (S_ISDIR(item->status.mode)) {
+        const auto inside = isInside(folder->get(), item->status);
+        if (!inside) return failure(explained(inside.error(), kCannot, path));
+        if (*inside) return failure(posixError(EINVAL, "the folder \"" + path + "\" cannot be moved into itself"));
+    }
+    auto named = putUnderName(*folder, name, options.taken,
+                              [&](const std::string& tried) { return put(context, *item, *folder, tried, options); });
+    if (!named && named.error().is(ErrorDomain::posix, EXDEV)) {
+        named = moveByCopying(context, *item, *folder, name, options);
+    }
+    if (named) return folder->placeOf(*named);
+    Error error = explained(named.error(), kCannot, path, *folder);
+    const bool isRefusal = error.is(ErrorDomain::generalFile, kWriteNotPermitted);
+    if (isRefusal) {
+        // It may be the folder that it leaves which does not let it go.
+        const Error leaving = explained(named.error(), kCannot, path, item->folder);
+        const std::string& from = realPath(item->folder.place);
+        if (leaving.userInfo.at(kErrorMessage).find("folder \"" + from + "\"") != std::string::npos) error = leaving;
+    }
+    if (!error.userInfo.contains(kErrorPath)) error.userInfo[kErrorPath] = path;
+    return failure(std::move(error));
+}
+
+Result<Place> renameItem(const Context& context, const Place& item, const std::string& name) {
+    const std::size_t slash = item.relative.rfind('/');
+    const Place folder{item.root, slash == std::string::npos ? std::string() : item.relative.substr(0, slash)};
+    return moveItem(context, item, folder, name);
+}
+
+}  // namespace tarnwell::operations
