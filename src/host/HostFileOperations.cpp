@@ -102,7 +102,7 @@ public:
     void end() {
         std::unique_lock lock(mutex_);
         isEnding_ = true;
-        while (!ready_.empty() || running_ > 0) {
+        while (!ready_.empty() || running_ > 0 || completing_ > 0) {
             std::deque<std::shared_ptr<Job>> dropped = std::exchange(ready_, {});
             if (dropped.empty()) {
                 quiet_.wait(lock);
@@ -130,25 +130,37 @@ private:
         pool_->run([self = shared_from_this()] { self->work(); });
     }
 
+    /// Runs with a place among the operations at once, and gives it back before each completion: one that waits for
+    /// paths must not keep those from running that have them.
     void work() {
         std::unique_lock lock(mutex_);
-        while (!ready_.empty() && !isEnding_) {
-            const auto job = std::move(ready_.front());
+        for (;;) {
+            if (ready_.empty() || isEnding_) {
+                --running_;
+                quiet_.notify_all();
+                return;
+            }
+            auto job = std::move(ready_.front());
             ready_.pop_front();
             lock.unlock();
-            run(*job);
+            const Result<URL> result = asURL(job->work(job->monitor.get()));
+            job->work = {};
+            job->grant.release();
             lock.lock();
+            --running_;
+            ++completing_;
+            const bool isMoreReady = !ready_.empty() && !isEnding_ && running_ < kMostAtOnce;
+            if (isMoreReady) ++running_;
+            lock.unlock();
+            if (isMoreReady) pool_->run([self = shared_from_this()] { self->work(); });
+            if (const auto completion = std::exchange(job->completion, {})) completion(result);
+            job.reset();
+            lock.lock();
+            --completing_;
+            quiet_.notify_all();
+            if (ready_.empty() || running_ == kMostAtOnce) return;
+            ++running_;
         }
-        --running_;
-        quiet_.notify_all();
-    }
-
-    static void run(Job& job) {
-        const Result<URL> result = asURL(job.work(job.monitor.get()));
-        job.work = {};
-        // The completion may ask for these paths again.
-        job.grant.release();
-        if (const auto completion = std::exchange(job.completion, {})) completion(result);
     }
 
     const std::shared_ptr<dispatch::ThreadPool> pool_;
@@ -156,7 +168,8 @@ private:
     std::mutex mutex_;
     std::condition_variable quiet_;
     std::deque<std::shared_ptr<Job>> ready_;
-    std::size_t running_ = 0;
+    std::size_t running_ = 0;     ///< operations at work on the disk, or about to be
+    std::size_t completing_ = 0;  ///< completions that run
     bool isEnding_ = false;
     std::map<std::string, std::weak_ptr<TransferMonitor>> monitors_;
 };

@@ -187,6 +187,31 @@ TEST_F(HostFileOperationsTest, ACompletionMayAskForMoreOnTheSamePaths) {
     EXPECT_TRUE(done.get_future().get());
 }
 
+TEST_F(HostFileOperationsTest, CompletionsThatWaitForPathsKeepNobodyFromRunning) {
+    constexpr int kItems = 3 * HostFileOperations::kMostAtOnce;
+    makeDirectories(device_.path(".Trash"));
+    for (int i = 0; i < kItems; ++i) writeFile(device_.path("file " + std::to_string(i)), "x");
+    std::atomic<int> completed{0};
+    std::promise<void> all;
+    std::promise<std::optional<Error>> removed;
+    // As the writer of everything, so that all of them stand in line before one begins.
+    const auto asked = operations_->readWrite(device_.url(), [&](const Descriptor&) -> Result<void> {
+        for (int i = 0; i < kItems; ++i) {
+            const URL item = device_.url("file " + std::to_string(i));
+            operations_->trashUnderFolder(item, device_.url(".Trash"), [&](const Result<URL>& url) {
+                // Behind the removal of the folder, which waits for all of these operations.
+                EXPECT_FALSE(operations_->readWrite(*url, [](const Descriptor&) { return Result<void>(); }));
+                if (++completed == kItems) all.set_value();
+            });
+        }
+        operations_->deleteItem(device_.url(".Trash"), [&](const auto& error) { removed.set_value(error); });
+        return {};
+    });
+    EXPECT_TRUE(asked);
+    EXPECT_EQ(removed.get_future().get(), std::nullopt);
+    all.get_future().wait();
+}
+
 TEST_F(HostFileOperationsTest, EveryCompletionComesOnceAlsoWhenTheProgramEnds) {
     constexpr int kOperations = 200;
     std::array<std::atomic<int>, kOperations> completed{};
