@@ -72,8 +72,9 @@ public:
     void burst(std::size_t files) {
         note("--- burst");
         const std::string folder = device_.path("Documents/burst");
-        device_.pause();
         std::filesystem::create_directory(folder);
+        (void)catchUp(clients_.front());  // by then the folder is watched
+        device_.pause();
         for (std::size_t i = 0; i < files; ++i) testing::writeFile(folder + "/" + std::to_string(i), "");
         device_.goOn();
         settleFollower();
