@@ -67,13 +67,6 @@ TEST(Text, Base64HasPadding) {
     EXPECT_EQ(encoded("\xFF\xFE\xFD\xFC"), "//79/A==");
 }
 
-TEST(Text, DatesAreExactToTheMicrosecond) {
-    using namespace std::chrono;
-    EXPECT_EQ(iso8601(Date{}), "1970-01-01T00:00:00.000000Z");
-    EXPECT_EQ(iso8601(Date(nanoseconds(1714568400123456789))), "2024-05-01T13:00:00.123456Z");
-    EXPECT_EQ(iso8601(Date(-nanoseconds(1))), "1969-12-31T23:59:59.999999Z");
-}
-
 TEST(Text, SizesAreRoundedForPeople) {
     EXPECT_EQ(humanSize(0), "0 B");
     EXPECT_EQ(humanSize(1023), "1023 B");

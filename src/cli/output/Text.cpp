@@ -144,16 +144,6 @@ std::optional<Bytes> bytesOfBase64(std::string_view text) {
     return base64(bytes) == text ? std::optional(std::move(bytes)) : std::nullopt;
 }
 
-std::string iso8601(Date date) {
-    namespace chrono = std::chrono;
-    const auto day = chrono::floor<chrono::days>(date);
-    const chrono::year_month_day calendar(day);
-    const chrono::hh_mm_ss time(chrono::floor<chrono::microseconds>(date - day));
-    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:06}Z", static_cast<int>(calendar.year()),
-                       static_cast<unsigned>(calendar.month()), static_cast<unsigned>(calendar.day()),
-                       time.hours().count(), time.minutes().count(), time.seconds().count(), time.subseconds().count());
-}
-
 std::string localTime(Date date) {
     const std::time_t seconds = std::chrono::floor<std::chrono::seconds>(date).time_since_epoch().count();
     std::tm local{};

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/base/DateText.h"
 #include "platform/base/Ids.h"
 
 /// Texts as people and clients see them.
@@ -28,8 +29,6 @@ std::string base64(ByteView bytes);
 /// Nothing for a text that `base64` gives for no bytes. White space at the ends does not count.
 std::optional<Bytes> bytesOfBase64(std::string_view text);
 
-/// "2024-05-01T12:00:00.123456Z".
-std::string iso8601(Date date);
 /// "2024-05-01 14:00" in the session's time zone.
 std::string localTime(Date date);
 /// "917 B", "1.2 KiB", "34 MiB".
