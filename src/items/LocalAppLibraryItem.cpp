@@ -1,6 +1,7 @@
 #include "hostframework/ItemIdentifier.h"
 #include "items/LocalItem.h"
 #include "items/TWPFileObjectIdentifier.h"
+#include "items/TrashFolder.h"
 
 namespace tarnwell::items {
 
@@ -38,7 +39,7 @@ std::shared_ptr<LocalAppLibraryItem> LocalAppLibraryItem::initFrom(const Environ
 /// Takes the folders that are never shown out of the child count.
 void LocalAppLibraryItem::leaveOutReservedFolders() {
     const URL inbox = fileURL_.appending("Inbox");
-    const URL trash = fileURL_.appending(".Trash");
+    const URL trash = fileURL_.appending(kTrashFolderName);
     for (int attempt = 0; attempt < kCountAttempts; ++attempt) {
         if (childItemCount_.value_or(0) == 0) return;
         int reserved =

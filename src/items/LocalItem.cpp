@@ -9,6 +9,7 @@
 #include "items/ItemAttributes.h"
 #include "items/ResourceReaders.h"
 #include "items/TWPFileObjectIdentifier.h"
+#include "items/TrashFolder.h"
 #include "platform/mime/TypeDatabase.h"
 
 namespace tarnwell::items {
@@ -30,16 +31,6 @@ std::string_view parentPath(const URL& url) {
     std::string_view path = url.path();
     auto slash = path.rfind('/');
     return slash == std::string_view::npos ? std::string_view{} : path.substr(0, slash);
-}
-
-/// True for a folder path with a component ".Trash" right after a component "Documents".
-bool liesInTrash(std::string_view folderPath) {
-    static constexpr std::string_view kTrash = "/Documents/.Trash";
-    for (auto at = folderPath.find(kTrash); at != std::string_view::npos; at = folderPath.find(kTrash, at + 1)) {
-        auto end = at + kTrash.size();
-        if (end == folderPath.size() || folderPath[end] == '/') return true;
-    }
-    return false;
 }
 
 std::optional<std::int64_t> wholeInteger(std::string_view text) {
