@@ -8,6 +8,14 @@ Error noSuchItem(const ItemIdentifier& identifier) {
     return {ErrorDomain::host, kNoSuchItem, {{kErrorItemIdentifier, identifier}, {kErrorMessage, identifier}}};
 }
 
+Error filenameCollision(const ProviderItem& existing) {
+    return {ErrorDomain::host,
+            kFilenameCollision,
+            {{kErrorItemIdentifier, existing.itemIdentifier()},
+             {kErrorItemName, existing.filename()},
+             {kErrorMessage, "\"" + existing.filename() + "\" is already there"}}};
+}
+
 Error invalidParameter(const std::string& parameter, const std::string& value) {
     return {ErrorDomain::host,
             kInvalidParameter,
