@@ -41,7 +41,9 @@ struct TestDevice::Services {
           registry(roots),
           programLog(log, pool),
           providerManager(pool, URL::file(require(roots.addStorage(home + "/Documents"), "the storage root")->name)),
-          environment{programLog, files, generationStore, providerManager} {}
+          environment{programLog, files, generationStore, providerManager},
+          fileOperations(pool, roots),
+          accessScopes(roots) {}
 
     static Result<std::unique_ptr<store::Store>> openStore(const std::string& directory, log::Log& log) {
         store::StoreOptions options;
@@ -63,6 +65,8 @@ struct TestDevice::Services {
     items::ProgramLog programLog;
     RecordingProviderManager providerManager;
     items::Environment environment;
+    FakeFileOperations fileOperations;
+    FakeAccessScopes accessScopes;
 };
 
 TestDevice::TestDevice()
@@ -122,6 +126,8 @@ store::Store& TestDevice::store() { return *services_->store; }
 files::Comparer& TestDevice::comparer() { return services_->comparer; }
 FakeAppRegistry& TestDevice::registry() { return services_->registry; }
 RecordingProviderManager& TestDevice::providerManager() { return services_->providerManager; }
+FakeFileOperations& TestDevice::fileOperations() { return services_->fileOperations; }
+FakeAccessScopes& TestDevice::accessScopes() { return services_->accessScopes; }
 items::ProgramLog& TestDevice::programLog() { return services_->programLog; }
 items::Environment& TestDevice::environment() { return services_->environment; }
 DeviceID TestDevice::device() { return files::kRootsDevice; }

@@ -13,6 +13,7 @@
 #include "platform/watch/KernelWatcher.h"
 #include "testing/CapturingLog.h"
 #include "testing/FakeAppRegistry.h"
+#include "testing/FakeFileOperations.h"
 #include "testing/RecordingProviderManager.h"
 #include "testing/TemporaryDirectory.h"
 
@@ -44,6 +45,8 @@ public:
     files::Comparer& comparer();
     FakeAppRegistry& registry();
     RecordingProviderManager& providerManager();
+    FakeFileOperations& fileOperations();
+    FakeAccessScopes& accessScopes();
     items::ProgramLog& programLog();
     items::Environment& environment();
     DeviceID device();
