@@ -131,8 +131,8 @@ Result<std::unique_ptr<ProgramContext>> ProgramContext::create(const Settings& s
                                                                             parts->pool, settings.applicationSupport);
     items::TWPFileObjectIdentifier::registerOperations(parts->objectRuntime, *parts->environment);
     applibraries::TWPAppLibraryManager::registerIn(parts->objectRuntime, parts->appLibraries->directory());
-    parts->provider =
-        provider::LocalProvider::create(provider::ProviderContext{*parts->fsEnvironment, *parts->appLibraries});
+    parts->provider = provider::LocalProvider::create(provider::ProviderContext{
+        *parts->fsEnvironment, *parts->appLibraries, parts->fileOperations, parts->fileOperations});
     return std::unique_ptr<ProgramContext>(new ProgramContext(std::move(parts)));
 }
 

@@ -7,7 +7,6 @@
 namespace tarnwell::provider {
 
 using hostframework::ItemIdentifier;
-using hostframework::ProviderItemPtr;
 using items::LocalItem;
 using items::LogSection;
 using items::quoted;
@@ -29,6 +28,11 @@ Result<URL> ItemLookup::urlForIdentifier(const ItemIdentifier& identifier) const
     return item->fileURL();
 }
 
+std::optional<URL> ItemLookup::urlIfFound(const ItemIdentifier& identifier) const {
+    auto url = urlForIdentifier(identifier);
+    return url ? std::optional(std::move(*url)) : std::nullopt;
+}
+
 std::optional<ItemIdentifier> ItemLookup::identifierForURL(const URL& url) const {
     const LogSection section(environment().log, "fetching item identifier for " + quoted(url.path()));
     std::optional<ItemIdentifier> identifier;
@@ -41,7 +45,7 @@ std::optional<ItemIdentifier> ItemLookup::identifierForURL(const URL& url) const
     return identifier;
 }
 
-Result<ProviderItemPtr> ItemLookup::itemForIdentifier(const ItemIdentifier& identifier) const {
+Result<LocalItemPtr> ItemLookup::itemForIdentifier(const ItemIdentifier& identifier) const {
     const LogSection section(environment().log, "fetching item's properties for " + quoted(identifier));
     auto item = resolve(identifier);
     if (!item) {
@@ -52,7 +56,7 @@ Result<ProviderItemPtr> ItemLookup::itemForIdentifier(const ItemIdentifier& iden
     return item;
 }
 
-Result<ProviderItemPtr> ItemLookup::itemForURL(const URL& url) const {
+Result<LocalItemPtr> ItemLookup::itemForURL(const URL& url) const {
     const auto identifier = identifierForURL(url);
     if (!identifier) {
         environment().log.error("identifier lookup failed for URL " + quoted(url.path()));
@@ -61,7 +65,7 @@ Result<ProviderItemPtr> ItemLookup::itemForURL(const URL& url) const {
     if (namesAppLibrary(*identifier) || *identifier == hostframework::kTemporaryLocalFolder) {
         return itemForIdentifier(*identifier);
     }
-    auto item = LocalItem::initWithURL(environment(), url, {});
+    LocalItemPtr item = LocalItem::initWithURL(environment(), url, {});
     if (!item) {
         environment().log.error("can't create item for URL " + quoted(url.path()));
         return failure(items::makeError(TarnwellError::invalidItemIdentifier));
@@ -69,19 +73,19 @@ Result<ProviderItemPtr> ItemLookup::itemForURL(const URL& url) const {
     return item;
 }
 
-ItemLookup::LocalItemPtr ItemLookup::resolve(const ItemIdentifier& identifier) const {
+LocalItemPtr ItemLookup::resolve(const ItemIdentifier& identifier) const {
     if (namesAppLibrary(identifier)) return resolveAppLibrary(identifier);
     if (identifier == hostframework::kTemporaryLocalFolder) return resolveTemporaryFolder();
     const auto url = items::TWPFileObjectIdentifier(environment()).fileURLWithItemIdentifier(identifier);
     return url ? LocalItem::initWithURL(environment(), *url, {}) : nullptr;
 }
 
-ItemLookup::LocalItemPtr ItemLookup::resolveAppLibrary(const ItemIdentifier& identifier) const {
+LocalItemPtr ItemLookup::resolveAppLibrary(const ItemIdentifier& identifier) const {
     const auto record = context_.appLibraries.directory().recordForItemIdentifier(identifier);
     return record ? items::LocalAppLibraryItem::initFrom(environment(), *record) : nullptr;
 }
 
-ItemLookup::LocalItemPtr ItemLookup::resolveTemporaryFolder() const {
+LocalItemPtr ItemLookup::resolveTemporaryFolder() const {
     const URL url = environment().generationStore.documentStorageFolder().appending(kTemporaryFolderName);
     if (auto created = environment().files.createDirectory(url); !created) {
         environment().log.error("can't create temporary directory; " + describe(created.error()));

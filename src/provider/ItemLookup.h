@@ -9,6 +9,8 @@
 
 namespace tarnwell::provider {
 
+using LocalItemPtr = std::shared_ptr<const items::LocalItem>;
+
 /// Identifier to URL, URL to identifier, and either to an item. Remembers nothing: each lookup asks the disk afresh,
 /// inside a log section of its own (`itemForURL` opens only those of the lookups that it makes). Any thread may call
 /// it.
@@ -20,14 +22,14 @@ public:
     Result<URL> urlForIdentifier(const hostframework::ItemIdentifier& identifier) const;
     /// A URL whose last component is "Documents" is an app library's or has no identifier.
     std::optional<hostframework::ItemIdentifier> identifierForURL(const URL& url) const;
+    /// The URL of an identifier where not finding it is no failure yet.
+    std::optional<URL> urlIfFound(const hostframework::ItemIdentifier& identifier) const;
     /// Fails with TarnwellError::invalidItemIdentifier.
-    Result<hostframework::ProviderItemPtr> itemForIdentifier(const hostframework::ItemIdentifier& identifier) const;
+    Result<LocalItemPtr> itemForIdentifier(const hostframework::ItemIdentifier& identifier) const;
     /// Fails with TarnwellError::invalidItemIdentifier, whatever is wrong with the URL.
-    Result<hostframework::ProviderItemPtr> itemForURL(const URL& url) const;
+    Result<LocalItemPtr> itemForURL(const URL& url) const;
 
 private:
-    using LocalItemPtr = std::shared_ptr<const items::LocalItem>;
-
     /// Null when nothing has that identifier now.
     LocalItemPtr resolve(const hostframework::ItemIdentifier& identifier) const;
     LocalItemPtr resolveAppLibrary(const hostframework::ItemIdentifier& identifier) const;

@@ -7,6 +7,8 @@
 
 namespace tarnwell::provider {
 
+using hostframework::Completion;
+using hostframework::ItemCompletion;
 using hostframework::ItemIdentifier;
 using hostframework::ProviderEnumerator;
 using items::LogSection;
@@ -33,6 +35,10 @@ std::shared_ptr<LocalProvider> LocalProvider::create(const ProviderContext& cont
 LocalProvider::LocalProvider(const ProviderContext& context)
     : context_(context),
       lookup_(context),
+      creation_(context),
+      trash_(context),
+      trashCleanup_(context),
+      userMetadata_(context),
       appRefreshQueue_(dispatch::SerialQueue::create(context.fs.pool, kRefreshQueueLabel)),
       appRefreshPacer_(std::make_unique<hostframework::Pacer>(kRefreshPacerName, appRefreshQueue_, kRefreshInterval)) {}
 
@@ -60,8 +66,7 @@ std::optional<ItemIdentifier> LocalProvider::persistentIdentifierForItemAtURL(co
 }
 
 std::optional<URL> LocalProvider::urlForItemWithPersistentIdentifier(const ItemIdentifier& identifier) const {
-    auto url = lookup_.urlForIdentifier(identifier);
-    return url ? std::optional(std::move(*url)) : std::nullopt;
+    return lookup_.urlIfFound(identifier);
 }
 
 std::optional<ItemIdentifier> LocalProvider::persistentIdentifierForItemAt(const URL& url) const {
@@ -79,6 +84,61 @@ void LocalProvider::startProvidingItemAtURL(const URL&, const hostframework::Com
 void LocalProvider::stopProvidingItemAtURL(const URL&) {}
 
 void LocalProvider::itemChangedAtURL(const URL&) {}
+
+void LocalProvider::importDocumentAtURL(const URL& documentURL, const ItemIdentifier& toParentItemIdentifier,
+                                        ItemCompletion completionHandler) {
+    creation_.importDocument(documentURL, toParentItemIdentifier, std::move(completionHandler));
+}
+
+void LocalProvider::createDirectoryWithName(const std::string& name, const ItemIdentifier& inParentItemIdentifier,
+                                            ItemCompletion completionHandler) {
+    creation_.createDirectory(name, inParentItemIdentifier, std::move(completionHandler));
+}
+
+void LocalProvider::renameItemWithIdentifier(const ItemIdentifier& identifier, const std::string& toName,
+                                             ItemCompletion completionHandler) {
+    creation_.rename(identifier, toName, std::move(completionHandler));
+}
+
+void LocalProvider::reparentItemWithIdentifier(const ItemIdentifier& identifier,
+                                               const ItemIdentifier& toParentItemWithIdentifier,
+                                               const std::optional<std::string>& newName,
+                                               ItemCompletion completionHandler) {
+    creation_.reparent(identifier, toParentItemWithIdentifier, newName, std::move(completionHandler));
+}
+
+void LocalProvider::trashItemWithIdentifier(const ItemIdentifier& identifier, ItemCompletion completionHandler) {
+    trash_.trashItem(identifier, std::move(completionHandler));
+}
+
+void LocalProvider::untrashItemWithIdentifier(const ItemIdentifier& identifier,
+                                              const std::optional<ItemIdentifier>& toParentItemIdentifier,
+                                              ItemCompletion completionHandler) {
+    trash_.untrashItem(identifier, toParentItemIdentifier, std::move(completionHandler));
+}
+
+void LocalProvider::deleteItemWithIdentifier(const ItemIdentifier& identifier, Completion completionHandler) {
+    trash_.deleteItem(identifier, std::move(completionHandler));
+}
+
+void LocalProvider::removeTrashedItemsOlderThanDate(Date date, Completion completionHandler) {
+    trashCleanup_.removeTrashedItemsOlderThan(date, std::move(completionHandler));
+}
+
+void LocalProvider::setLastUsedDate(const std::optional<Date>& date, const ItemIdentifier& forItemIdentifier,
+                                    ItemCompletion completionHandler) {
+    userMetadata_.setLastUsedDate(date, forItemIdentifier, completionHandler);
+}
+
+void LocalProvider::setTagData(const std::optional<Bytes>& tagData, const ItemIdentifier& forItemIdentifier,
+                               ItemCompletion completionHandler) {
+    userMetadata_.setTagData(tagData, forItemIdentifier, completionHandler);
+}
+
+void LocalProvider::setFavoriteRank(const std::optional<std::uint64_t>& rank, const ItemIdentifier& forItemIdentifier,
+                                    ItemCompletion completionHandler) {
+    userMetadata_.setFavoriteRank(rank, forItemIdentifier, completionHandler);
+}
 
 Result<std::shared_ptr<ProviderEnumerator>> LocalProvider::enumeratorForContainerItemIdentifier(
     const ItemIdentifier& identifier) {

@@ -7,8 +7,11 @@
 
 #include "hostframework/Pacer.h"
 #include "hostframework/ProviderExtension.h"
+#include "provider/ItemCreation.h"
 #include "provider/ItemLookup.h"
 #include "provider/ProviderContext.h"
+#include "provider/TrashCleanup.h"
+#include "provider/UserMetadata.h"
 
 namespace tarnwell::provider {
 
@@ -37,6 +40,35 @@ public:
     void stopProvidingItemAtURL(const URL& url) override;
     void itemChangedAtURL(const URL& url) override;
 
+    /// See ItemCreation.
+    void importDocumentAtURL(const URL& documentURL, const hostframework::ItemIdentifier& toParentItemIdentifier,
+                             hostframework::ItemCompletion completionHandler) override;
+    void createDirectoryWithName(const std::string& name, const hostframework::ItemIdentifier& inParentItemIdentifier,
+                                 hostframework::ItemCompletion completionHandler) override;
+    void renameItemWithIdentifier(const hostframework::ItemIdentifier& identifier, const std::string& toName,
+                                  hostframework::ItemCompletion completionHandler) override;
+    void reparentItemWithIdentifier(const hostframework::ItemIdentifier& identifier,
+                                    const hostframework::ItemIdentifier& toParentItemWithIdentifier,
+                                    const std::optional<std::string>& newName,
+                                    hostframework::ItemCompletion completionHandler) override;
+    /// See Trash and TrashCleanup.
+    void trashItemWithIdentifier(const hostframework::ItemIdentifier& identifier,
+                                 hostframework::ItemCompletion completionHandler) override;
+    void untrashItemWithIdentifier(const hostframework::ItemIdentifier& identifier,
+                                   const std::optional<hostframework::ItemIdentifier>& toParentItemIdentifier,
+                                   hostframework::ItemCompletion completionHandler) override;
+    void deleteItemWithIdentifier(const hostframework::ItemIdentifier& identifier,
+                                  hostframework::Completion completionHandler) override;
+    void removeTrashedItemsOlderThanDate(Date date, hostframework::Completion completionHandler) override;
+    /// See UserMetadata.
+    void setLastUsedDate(const std::optional<Date>& date, const hostframework::ItemIdentifier& forItemIdentifier,
+                         hostframework::ItemCompletion completionHandler) override;
+    void setTagData(const std::optional<Bytes>& tagData, const hostframework::ItemIdentifier& forItemIdentifier,
+                    hostframework::ItemCompletion completionHandler) override;
+    void setFavoriteRank(const std::optional<std::uint64_t>& rank,
+                         const hostframework::ItemIdentifier& forItemIdentifier,
+                         hostframework::ItemCompletion completionHandler) override;
+
     /// A root enumerator for RootContainer, WorkingSetContainer and AllDirectoriesContainer, else a local file
     /// enumerator of the folder; its live updates are started. Fails with the host's "no such item".
     Result<std::shared_ptr<hostframework::ProviderEnumerator>> enumeratorForContainerItemIdentifier(
@@ -60,6 +92,10 @@ private:
 
     const ProviderContext context_;
     const ItemLookup lookup_;
+    const ItemCreation creation_;
+    const Trash trash_;
+    const TrashCleanup trashCleanup_;
+    const UserMetadata userMetadata_;
     /// On `appRefreshQueue_` only. Never emptied.
     std::vector<RefreshCompletion> appRefreshCompletionHandlers_;
     const std::shared_ptr<dispatch::SerialQueue> appRefreshQueue_;

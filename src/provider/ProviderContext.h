@@ -2,6 +2,7 @@
 
 #include "applibraries/AppLibraryContext.h"
 #include "fs/FSEnvironment.h"
+#include "hostframework/FileOperations.h"
 
 namespace tarnwell::provider {
 
@@ -10,6 +11,8 @@ namespace tarnwell::provider {
 struct ProviderContext {
     const fs::FSEnvironment& fs;
     applibraries::AppLibraryContext& appLibraries;
+    hostframework::FileOperations& fileOperations;
+    hostframework::AccessScopes& accessScopes;
 };
 
 }  // namespace tarnwell::provider

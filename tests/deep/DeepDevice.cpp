@@ -76,7 +76,8 @@ void DeepDevice::open() {
     appLibraries_ = std::make_unique<applibraries::AppLibraryContext>(device_.environment(), device_.registry(),
                                                                       device_.pool(), device_.applicationSupport());
     appLibraries_->sharedManager();
-    provider_ = provider::LocalProvider::create(provider::ProviderContext{*environment_, *appLibraries_});
+    provider_ = provider::LocalProvider::create(
+        provider::ProviderContext{*environment_, *appLibraries_, device_.fileOperations(), device_.accessScopes()});
 }
 
 void DeepDevice::close() {

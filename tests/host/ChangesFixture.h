@@ -74,7 +74,8 @@ protected:
         environment_.emplace(fs::FSEnvironment{device_.environment(), device_.events(), device_.pool()});
         appLibraries_ = std::make_unique<applibraries::AppLibraryContext>(device_.environment(), device_.registry(),
                                                                           device_.pool(), device_.applicationSupport());
-        provider_ = provider::LocalProvider::create(provider::ProviderContext{*environment_, *appLibraries_});
+        provider_ = provider::LocalProvider::create(
+            provider::ProviderContext{*environment_, *appLibraries_, device_.fileOperations(), device_.accessScopes()});
     }
     void close() {
         provider_.reset();

@@ -116,7 +116,7 @@ TEST_F(ItemLookupTest, ATemporaryFolderThatCannotBeMadeIsNoItem) {
 
 TEST_F(ItemLookupTest, TheErrorOfTheTemporaryFolderIsLogged) {
     faultyFiles_.fail(testing::FaultyFileSystem::Operation::createDirectory, ENOSPC);
-    const ItemLookup lookup(ProviderContext{faultyEnvironment_, context_});
+    const ItemLookup lookup(faultyContext_);
     newLines();
     EXPECT_EQ(lookup.urlForIdentifier("TemporaryLocalFolder").error(), noSuchItem("TemporaryLocalFolder"));
     EXPECT_EQ(newLines(), (Lines{kOpen + "fetching URL for \"TemporaryLocalFolder\"",
@@ -235,7 +235,7 @@ TEST_F(ItemLookupTest, AnAppLibraryWhoseFolderCannotBeReadIsAnInvalidIdentifier)
     const URL documents = documentsOf(notes);
     faultyItems_.appLibraries = &context_.directory();
     faultyFiles_.fail(testing::FaultyFileSystem::Operation::resourceValue, noSuchFile());
-    const ItemLookup lookup(ProviderContext{faultyEnvironment_, context_});
+    const ItemLookup lookup(faultyContext_);
     newLines();
     const auto item = lookup.itemForURL(documents);
     ASSERT_FALSE(item.has_value());
@@ -255,7 +255,7 @@ TEST_F(ItemLookupTest, AnItemThatGoesBetweenTheTwoLooksIsAnInvalidIdentifier) {
     makeFile("a.txt");
     identifierOf("a.txt");
     // The type is read once for the identifier, whose item is thrown away, and once more for the item.
-    const ItemLookup lookup(ProviderContext{faultyEnvironment_, context_});
+    const ItemLookup lookup(faultyContext_);
     faultyFiles_.clear();
     ASSERT_TRUE(lookup.identifierForURL(device_.url("a.txt")).has_value());
     const auto reads = faultyFiles_.calls(testing::FaultyFileSystem::Operation::resourceValue);

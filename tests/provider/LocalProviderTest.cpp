@@ -9,7 +9,7 @@
 #include "fs/LocalFileEnumerator.h"
 #include "hostframework/HostError.h"
 #include "items/TarnwellError.h"
-#include "tests/provider/ProviderFixture.h"
+#include "tests/provider/OperationsFixture.h"
 
 namespace tarnwell::provider {
 namespace {
@@ -237,8 +237,7 @@ TEST_F(LocalProviderTest, AURLThatIsNotFoundIsAbsentAndSilent) {
 }
 
 TEST_F(LocalProviderTest, ProvidingSucceedsForAnyURLAtOnceAndTouchesNothing) {
-    ProviderContext faulty{faultyEnvironment_, context_};
-    auto provider = LocalProvider::create(faulty);
+    auto provider = LocalProvider::create(faultyContext_);
     faultyFiles_.clear();
     int completions = 0;
     const auto completion = [&](const std::optional<Error>& error) {
@@ -256,6 +255,49 @@ TEST_F(LocalProviderTest, ProvidingSucceedsForAnyURLAtOnceAndTouchesNothing) {
     provider_ = std::move(provider);
 }
 
+TEST_F(LocalProviderTest, TheHostsOperationsForward) {
+    const Application notes = application("notes");
+    install({notes});
+    const std::string library = "#org.example.notes";
+    const URL documents = documentsOf(notes);
+    testing::writeFile(*notes.containerPath + "/Documents/a.txt", "x");
+    testing::writeFile(device_.home() + "/new.txt", "x");
+    startProvider();
+    auto& operations = device_.fileOperations();
+    const auto wait = [&](const auto& start) {
+        ItemAnswer answer;
+        start(answer);
+        const auto item = answer.wait();
+        if (!item) throw std::runtime_error(describe(item.error()));
+        return *item;
+    };
+    const std::string item = *provider_->persistentIdentifierForItemAtURL(documents.appending("a.txt"));
+    const std::string folder =
+        wait([&](auto answer) { provider_->createDirectoryWithName("Folder", library, answer); })->itemIdentifier();
+    wait([&](auto answer) { provider_->importDocumentAtURL(URL::file(device_.home() + "/new.txt"), folder, answer); });
+    wait([&](auto answer) { provider_->renameItemWithIdentifier(item, "b.txt", answer); });
+    wait([&](auto answer) { provider_->reparentItemWithIdentifier(item, folder, "c.txt", answer); });
+    const Date date{std::chrono::nanoseconds(1'700'000'000'000'000'000)};
+    EXPECT_EQ(wait([&](auto answer) { provider_->setLastUsedDate(date, item, answer); })->lastUsedDate(), date);
+    EXPECT_TRUE(wait([&](auto answer) { provider_->setTagData(std::nullopt, item, answer); })->tagData().has_value());
+    EXPECT_EQ(wait([&](auto answer) { provider_->setFavoriteRank(3, item, answer); })->favoriteRank(), 3u);
+    EXPECT_TRUE(wait([&](auto answer) { provider_->trashItemWithIdentifier(item, answer); })->isTrashed());
+    EXPECT_EQ(
+        wait([&](auto answer) { provider_->untrashItemWithIdentifier(item, library, answer); })->parentItemIdentifier(),
+        library);
+    DoneAnswer deleted, cleaned;
+    provider_->deleteItemWithIdentifier(item, deleted);
+    EXPECT_EQ(deleted.wait(), std::nullopt);
+    provider_->removeTrashedItemsOlderThanDate(date, cleaned);
+    EXPECT_EQ(cleaned.wait(), std::nullopt);
+    const std::string top = documents.path();
+    EXPECT_EQ(operations.calls(),
+              (Lines{"create Folder under " + top, "import " + device_.home() + "/new.txt under " + top + "/Folder",
+                     "rename " + top + "/a.txt to b.txt", "move " + top + "/b.txt under " + top + "/Folder as c.txt",
+                     "trash " + top + "/Folder/c.txt under " + top + "/.Trash",
+                     "move " + top + "/.Trash/c.txt under " + top + " or another name", "delete " + top + "/c.txt"}));
+}
+
 /// A program that has just started: nothing has asked for the shared manager yet.
 class ProviderStartTest : public fs::FSTest {
 protected:
@@ -271,7 +313,7 @@ protected:
 
 TEST_F(ProviderStartTest, TheFirstEventAndNotTheStartLoadsTheSharedManager) {
     newLines();
-    auto provider = LocalProvider::create({environment_, context_});
+    auto provider = LocalProvider::create({environment_, context_, device_.fileOperations(), device_.accessScopes()});
     auto counter = std::make_shared<Counter>();
     provider->refreshInstalledAppsWithCompletionHandler([counter] { counter->increment(); });
     ASSERT_TRUE(counter->waitFor(1));

@@ -44,7 +44,9 @@ protected:
 
     applibraries::AppLibraryContext context_{device_.environment(), device_.registry(), device_.pool(),
                                              device_.applicationSupport()};
-    ProviderContext providerContext_{environment_, context_};
+    ProviderContext providerContext_{environment_, context_, device_.fileOperations(), device_.accessScopes()};
+    /// The same with faults in the file system.
+    ProviderContext faultyContext_{faultyEnvironment_, context_, device_.fileOperations(), device_.accessScopes()};
 };
 
 /// Counts completions; lets a test wait for them.
