@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 
 #include "items/LocalItem.h"
 
@@ -17,8 +18,11 @@ std::optional<std::string> resolved(const std::string& path) {
     return std::string(text.get());
 }
 
-/// The path with the links in its folders followed and its last component kept; nothing where there is no such thing.
-std::optional<std::string> resolvedButLast(std::string path) {
+}  // namespace
+
+std::optional<std::string> realPathOfEntry(const std::string& given) {
+    if (given.empty() || given.find('\0') != std::string::npos) return std::nullopt;
+    std::string path = given;
     while (path.size() > 1 && path.back() == '/') path.pop_back();
     const std::size_t slash = path.rfind('/');
     const std::string last = slash == std::string::npos ? path : path.substr(slash + 1);
@@ -31,18 +35,18 @@ std::optional<std::string> resolvedButLast(std::string path) {
     return result;
 }
 
-}  // namespace
-
-Result<URL> urlForPath(const Roots& roots, const std::string& path) {
+Result<URL> urlForPath(const Roots& roots, const std::string& path, OutsideLink link) {
     if (path.empty() || path.find('\0') != std::string::npos) {
         return failure(posixError(ENOENT, "an empty text names no file"));
     }
-    const auto literal = resolvedButLast(path);
+    const auto literal = realPathOfEntry(path);
     if (!literal) return failure(posixError(ENOENT, "there is nothing at that path"));
     for (const auto& candidate : {literal, resolved(path)}) {
         if (!candidate) continue;
         URL url = roots.urlForRealPath(*candidate);
-        if (roots.locate(url.path())) return url;
+        if (!roots.locate(url.path())) continue;
+        if (candidate == literal || link == OutsideLink::followed) return url;
+        return failure(posixError(EXDEV, "it is a link from elsewhere to \"" + *candidate + "\"; name that instead"));
     }
     return failure(posixError(EXDEV, "it lies neither in the storage root nor in an application's documents"));
 }

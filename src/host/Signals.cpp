@@ -42,6 +42,30 @@ InterruptWatch::~InterruptWatch() {
     thread_.join();
 }
 
+namespace {
+
+/// True when the counter came, false when the interrupt did.
+bool waitForEither(const Descriptor& counter, const InterruptGuard& interrupts) {
+    std::array<pollfd, 2> waited{{{counter.get(), POLLIN, 0}, {interrupts.descriptor(), POLLIN, 0}}};
+    while (poll(waited.data(), waited.size(), -1) < 0) {
+        if (errno != EINTR) return false;
+    }
+    return waited[1].revents == 0;
+}
+
+}  // namespace
+
+Wakeup::Wakeup() : counter_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+void Wakeup::signal() const {
+    const std::uint64_t one = 1;
+    (void)!write(counter_.get(), &one, sizeof one);
+}
+
+Wakeup::Woken Wakeup::wait(const InterruptGuard& interrupts) const {
+    return waitForEither(counter_, interrupts) ? Woken::bySignal : Woken::byInterrupt;
+}
+
 ChangeSignal::ChangeSignal(HostProviderManager& manager)
     : manager_(manager),
       counter_(std::make_shared<Descriptor>(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
@@ -54,11 +78,7 @@ ChangeSignal::ChangeSignal(HostProviderManager& manager)
 ChangeSignal::~ChangeSignal() { manager_.removeSignalHandler(handler_); }
 
 ChangeSignal::Woken ChangeSignal::wait(const InterruptGuard& interrupts) {
-    std::array<pollfd, 2> waited{{{counter_->get(), POLLIN, 0}, {interrupts.descriptor(), POLLIN, 0}}};
-    while (poll(waited.data(), waited.size(), -1) < 0) {
-        if (errno != EINTR) return Woken::byInterrupt;
-    }
-    if (waited[1].revents != 0) return Woken::byInterrupt;
+    if (!waitForEither(*counter_, interrupts)) return Woken::byInterrupt;
     std::uint64_t count = 0;
     (void)!read(counter_->get(), &count, sizeof count);
     return Woken::byChange;

@@ -36,6 +36,20 @@ private:
     std::thread thread_;
 };
 
+/// Wakes one thread that waits for one thing.
+class Wakeup {
+public:
+    Wakeup();
+    enum class Woken { bySignal, byInterrupt };
+    /// The thing has come. Any thread may call it.
+    void signal() const;
+    /// Blocks until then, or until the process is asked to end.
+    Woken wait(const InterruptGuard& interrupts) const;
+
+private:
+    Descriptor counter_;
+};
+
 /// Wakes a thread when the provider says that something changed, without waking it for anything else.
 class ChangeSignal {
 public:

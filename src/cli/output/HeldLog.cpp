@@ -13,8 +13,16 @@ std::vector<std::string> HeldLog::take() {
     return lines;
 }
 
+void HeldLog::ignore(std::string text) {
+    const std::lock_guard lock(mutex_);
+    ignored_.push_back(std::move(text));
+}
+
 void HeldLog::emit(log::Level /*level*/, std::string_view text) {
     const std::lock_guard lock(mutex_);
+    for (const std::string& ignored : ignored_) {
+        if (text.find(ignored) != std::string_view::npos) return;
+    }
     if (lines_.size() < kMaxLines) {
         lines_.emplace_back(text);
     } else {

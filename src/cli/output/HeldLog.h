@@ -15,6 +15,8 @@ class HeldLog : public log::Log {
 public:
     static constexpr std::size_t kMaxLines = 20;
     HeldLog() { setThreshold(log::Level::error); }
+    /// Lines that hold this text are of no interest to the person from now on.
+    void ignore(std::string text);
     /// The lines, and one more that counts the rest where there were too many; empty afterwards.
     std::vector<std::string> take();
 
@@ -24,6 +26,7 @@ protected:
 private:
     std::mutex mutex_;
     std::vector<std::string> lines_;
+    std::vector<std::string> ignored_;
     std::size_t dropped_ = 0;
 };
 

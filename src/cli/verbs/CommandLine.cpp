@@ -7,16 +7,12 @@
 #include <cstring>
 #include <sstream>
 
+#include "cli/output/Complaint.h"
 #include "cli/output/Text.h"
 #include "cli/verbs/Verb.h"
 
 namespace tarnwell::cli {
 namespace {
-
-void complain(std::string_view message) {
-    const std::string line = "tarnwell: " + std::string(message) + "\n";
-    std::fputs(line.c_str(), stderr);
-}
 
 std::string firstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
 
@@ -137,6 +133,17 @@ int runCommandLine(int argumentCount, const char* const* arguments) {
     verbs.push_back(makePathVerb());
     verbs.push_back(makeAnchorVerb());
     verbs.push_back(makeChangesVerb());
+    verbs.push_back(makeImportVerb());
+    verbs.push_back(makeMkdirVerb());
+    verbs.push_back(makeRenameVerb());
+    verbs.push_back(makeMoveVerb());
+    verbs.push_back(makeTrashVerb());
+    verbs.push_back(makeRestoreVerb());
+    verbs.push_back(makeDeleteVerb());
+    verbs.push_back(makeCleanTrashVerb());
+    verbs.push_back(makeTagVerb());
+    verbs.push_back(makeRankVerb());
+    verbs.push_back(makeUsedVerb());
     verbs.push_back(makeStatusVerb());
     verbs.push_back(makeDoctorVerb());
     for (const auto& verb : verbs) {

@@ -14,16 +14,23 @@ std::string reasonOf(const Error& error) {
         return "things were deleted there faster than they could be listed; try again later";
     }
     const auto message = error.userInfo.find(kErrorMessage);
-    return message != error.userInfo.end() && error.domain != ErrorDomain::generalFile ? message->second
-                                                                                       : describe(error);
+    // Of a file that cannot be read the message is no sentence.
+    const bool isSentence = message != error.userInfo.end() && !error.is(ErrorDomain::generalFile, kNoSuchFileOnRead);
+    return isSentence ? message->second : describe(error);
+}
+
+/// True for a message that says itself what cannot be done with which file.
+bool saysItAll(const std::string& message) {
+    return message.starts_with('"') && message.find("\" cannot ") != std::string::npos;
 }
 
 }  // namespace
 
 Failure failureOf(const std::string& what, const std::string& item, const Error& error) {
-    return {ExitStatus::failed, what + " \"" + toDisplay(item) + "\": " + toDisplay(reasonOf(error))};
+    const std::string reason = toDisplay(reasonOf(error));
+    return {ExitStatus::failed, saysItAll(reason) ? reason : what + " \"" + toDisplay(item) + "\": " + reason, error};
 }
 
-Failure failureOf(const Error& error) { return {ExitStatus::failed, toDisplay(reasonOf(error))}; }
+Failure failureOf(const Error& error) { return {ExitStatus::failed, toDisplay(reasonOf(error)), error}; }
 
 }  // namespace tarnwell::cli

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <expected>
+#include <optional>
 #include <string>
 
 #include "platform/base/Result.h"
@@ -14,6 +15,8 @@ enum class ExitStatus : int { done = 0, failed = 1, usage = 2, anchorExpired = 3
 struct Failure {
     ExitStatus status = ExitStatus::failed;
     std::string message;
+    /// What it was in the program's terms, for clients that want to know.
+    std::optional<Error> cause = std::nullopt;
 };
 
 using Outcome = std::expected<void, Failure>;

@@ -31,6 +31,8 @@ public:
     log::Log& log();
     /// Ready for requests. Fails with a sentence that needs no further words.
     std::expected<host::ProgramContext*, Failure> context();
+    /// Log lines with this text say nothing to a person who runs this verb.
+    void ignoreInLog(std::string text) { held_.ignore(std::move(text)); }
     /// Log lines that were kept back and are worth showing if the run succeeded.
     std::vector<std::string> heldLines() { return held_.take(); }
 

@@ -1,6 +1,7 @@
 #include "cli/verbs/ItemArgument.h"
 
 #include <array>
+#include <cerrno>
 #include <utility>
 
 #include "host/Paths.h"
@@ -30,6 +31,27 @@ std::expected<ItemIdentifier, Failure> resolveItem(Invocation& invocation, const
                                                    const std::string& text) {
     if (auto identifier = asIdentifier(text)) return *identifier;
     return resolvePath(invocation, what, text);
+}
+
+std::expected<ItemIdentifier, Failure> resolveTarget(Invocation& invocation, const std::string& what,
+                                                     const std::string& text) {
+    if (auto identifier = asIdentifier(text)) return *identifier;
+    auto context = invocation.context();
+    if (!context) return std::unexpected(context.error());
+    const auto url = host::urlForPath((*context)->roots(), text, host::OutsideLink::refused);
+    if (!url) return std::unexpected(failureOf(what, text, url.error()));
+    // A folder of that name is taken for a library's first; that it is none is no trouble here.
+    if (url->lastPathComponent() == "Documents") invocation.ignoreInLog("can't find bundle proxy at ");
+    auto identifier = host::identifierForURL(**context, *url);
+    if (!identifier) return std::unexpected(failureOf(what, text, hostframework::noSuchItem(text)));
+    const auto place = (*context)->provider().URLForItemWithPersistentIdentifier(*identifier);
+    if (place && place->path() != url->path()) {
+        const std::string other = (*context)->roots().realPath(place->path());
+        return std::unexpected(
+            failureOf(what, text,
+                      posixError(EMLINK, "it is another name of \"" + other + "\", by which that document is known")));
+    }
+    return *identifier;
 }
 
 std::expected<ItemIdentifier, Failure> resolvePath(Invocation& invocation, const std::string& what,

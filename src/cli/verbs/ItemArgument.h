@@ -15,6 +15,11 @@ inline constexpr const char* kItemHelp =
 std::expected<hostframework::ItemIdentifier, Failure> resolveItem(Invocation& invocation, const std::string& what,
                                                                   const std::string& text);
 
+/// The same for an item that is to be changed: a path must name it by its own place, not through a link from elsewhere
+/// or by another of its names, whose file would stay.
+std::expected<hostframework::ItemIdentifier, Failure> resolveTarget(Invocation& invocation, const std::string& what,
+                                                                    const std::string& text);
+
 /// The identifier of what stands at a path.
 std::expected<hostframework::ItemIdentifier, Failure> resolvePath(Invocation& invocation, const std::string& what,
                                                                   const std::string& path);

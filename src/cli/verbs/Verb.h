@@ -27,6 +27,17 @@ std::unique_ptr<Verb> makeIdVerb();
 std::unique_ptr<Verb> makePathVerb();
 std::unique_ptr<Verb> makeAnchorVerb();
 std::unique_ptr<Verb> makeChangesVerb();
+std::unique_ptr<Verb> makeImportVerb();
+std::unique_ptr<Verb> makeMkdirVerb();
+std::unique_ptr<Verb> makeRenameVerb();
+std::unique_ptr<Verb> makeMoveVerb();
+std::unique_ptr<Verb> makeTrashVerb();
+std::unique_ptr<Verb> makeRestoreVerb();
+std::unique_ptr<Verb> makeDeleteVerb();
+std::unique_ptr<Verb> makeCleanTrashVerb();
+std::unique_ptr<Verb> makeTagVerb();
+std::unique_ptr<Verb> makeRankVerb();
+std::unique_ptr<Verb> makeUsedVerb();
 std::unique_ptr<Verb> makeStatusVerb();
 std::unique_ptr<Verb> makeDoctorVerb();
 

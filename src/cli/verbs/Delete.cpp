@@ -1,0 +1,45 @@
+#include "cli/verbs/ItemArgument.h"
+#include "cli/verbs/ItemBatch.h"
+#include "cli/verbs/Verb.h"
+
+namespace tarnwell::cli {
+namespace {
+
+class DeleteVerb : public Verb {
+public:
+    const char* name() const override { return "delete"; }
+    const char* summary() const override { return "Remove items for good, without the trash"; }
+    const char* example() const override { return "tarnwell delete did=17 did=18     a folder with all that it holds"; }
+    void declare(CLI::App& command) override { command.add_option("ITEM", items_, kItemHelp)->required(); }
+
+    Outcome run(Invocation& invocation) override {
+        auto ready = invocation.context();
+        if (!ready) return std::unexpected(ready.error());
+        host::ProgramContext& context = **ready;
+        host::ItemOperations operations(context);
+        ItemBatch batch(invocation, context, "cannot delete", "deleted", items_.size());
+        for (const std::string& text : items_) {
+            const auto item = resolveTarget(invocation, batch.cannot(), text);
+            if (!item) {
+                batch.addFailure(text, item.error());
+                continue;
+            }
+            const auto place = context.provider().URLForItemWithPersistentIdentifier(*item);
+            if (const auto removed = operations.remove(*item); !removed) {
+                batch.addFailure(text, removed.error());
+            } else {
+                batch.addRemoved(*item, place ? context.roots().realPath(place->path()) : text);
+            }
+        }
+        return batch.outcome();
+    }
+
+private:
+    std::vector<std::string> items_;
+};
+
+}  // namespace
+
+std::unique_ptr<Verb> makeDeleteVerb() { return std::make_unique<DeleteVerb>(); }
+
+}  // namespace tarnwell::cli

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "cli/verbs/Invocation.h"
+#include "host/ItemOperations.h"
+#include "hostframework/ProviderItem.h"
+
+namespace tarnwell::cli {
+
+/// Why an operation on an item failed; of a name that is taken it says by what and where.
+Failure operationFailure(host::ProgramContext& context, const std::string& what, const std::string& item,
+                         const Error& error);
+
+/// One operation on several items: a line for each that is done, a complaint for each that fails, which does not keep
+/// the others from being done, and one outcome for all.
+class ItemBatch {
+public:
+    /// `cannot` begins complaints ("cannot trash"), `done` the lines ("trashed").
+    ItemBatch(Invocation& invocation, host::ProgramContext& context, std::string cannot, std::string done,
+              std::size_t total);
+
+    /// The item as it is afterwards, or why there is none; `given` is what the person wrote for it.
+    void add(const std::string& given, const Result<hostframework::ProviderItemPtr>& outcome);
+    void addRemoved(const hostframework::ItemIdentifier& identifier, const std::string& path);
+    void addFailure(const std::string& given, const Error& error);
+    void addFailure(const std::string& given, Failure failure);
+    /// What was not begun stays as it is.
+    void interrupted() { interrupted_ = true; }
+    const std::string& cannot() const { return cannot_; }
+    Outcome outcome() const;
+
+private:
+    Invocation& invocation_;
+    host::ProgramContext& context_;
+    const std::string cannot_, done_;
+    const std::size_t total_;
+    std::size_t succeeded_ = 0, failed_ = 0;
+    bool interrupted_ = false;
+    std::optional<Failure> only_;
+};
+
+/// Does something to each item that the texts name.
+using ItemOperation = std::function<Result<hostframework::ProviderItemPtr>(host::ItemOperations& operations,
+                                                                           const hostframework::ItemIdentifier& item)>;
+Outcome forEachItem(Invocation& invocation, const std::string& cannot, const std::string& done,
+                    const std::vector<std::string>& texts, const ItemOperation& operation);
+
+}  // namespace tarnwell::cli
