@@ -126,11 +126,14 @@ std::optional<ItemOperations::Identifier> ItemOperations::rememberedParent(const
     return folder ? identifierForURL(context_, *folder) : std::nullopt;
 }
 
-Result<void> ItemOperations::remove(const Identifier& item) {
-    if (auto allowed = guards_.mayDelete(item); !allowed) return allowed;
+Result<std::string> ItemOperations::remove(const Identifier& item) {
+    if (auto allowed = guards_.mayDelete(item); !allowed) return failure(allowed.error());
+    const auto place = context_.provider().URLForItemWithPersistentIdentifier(item);
+    if (!place) return failure(hostframework::noSuchItem(item));
     const auto error = waitFor<std::optional<Error>>(
         [&](Completion completion) { context_.provider().deleteItemWithIdentifier(item, std::move(completion)); });
-    return error ? Result<void>(failure(*error)) : Result<void>();
+    if (error) return failure(*error);
+    return context_.roots().realPath(place->path());
 }
 
 Result<CleanedTrash> ItemOperations::cleanTrash(Date olderThan) {

@@ -46,7 +46,8 @@ public:
     Outcome trash(const Identifier& item);
     /// To the parent, else to where it came from, as far as the item or else the store remembers it.
     Outcome restore(const Identifier& item, const std::optional<Identifier>& parent);
-    Result<void> remove(const Identifier& item);
+    /// The real path that it had.
+    Result<std::string> remove(const Identifier& item);
     /// Fails where an entry could not be looked at.
     Result<CleanedTrash> cleanTrash(Date olderThan);
 

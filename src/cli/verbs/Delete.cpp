@@ -15,20 +15,18 @@ public:
     Outcome run(Invocation& invocation) override {
         auto ready = invocation.context();
         if (!ready) return std::unexpected(ready.error());
-        host::ProgramContext& context = **ready;
-        host::ItemOperations operations(context);
-        ItemBatch batch(invocation, context, "cannot delete", "deleted", items_.size());
+        host::ItemOperations operations(**ready);
+        ItemBatch batch(invocation, **ready, "cannot delete", "deleted", items_.size());
         for (const std::string& text : items_) {
             const auto item = resolveTarget(invocation, batch.cannot(), text);
             if (!item) {
                 batch.addFailure(text, item.error());
                 continue;
             }
-            const auto place = context.provider().URLForItemWithPersistentIdentifier(*item);
-            if (const auto removed = operations.remove(*item); !removed) {
-                batch.addFailure(text, removed.error());
+            if (const auto removed = operations.remove(*item)) {
+                batch.addRemoved(*item, *removed);
             } else {
-                batch.addRemoved(*item, place ? context.roots().realPath(place->path()) : text);
+                batch.addFailure(text, removed.error());
             }
         }
         return batch.outcome();
