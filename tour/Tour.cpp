@@ -133,6 +133,22 @@ void Tour::liveChanges() {
     if (const int status = following->end(); status != 0) failed("exit status " + std::to_string(status));
 }
 
+/// One document on its way: in, through the trash, and out again with all that it had.
+void Tour::operations() {
+    const std::string file = device_.root + "/home/Plan.md";
+    if (auto written = filesystem::writeFileAtomically(file, bytesOf(std::string_view("# A plan\n"))); !written) {
+        return failed(describe(written.error()));
+    }
+    const std::string notes = "#org.example.Notes";
+    const std::string plan = "home/.var/app/org.example.Notes/Documents/Journal/Plan.md";
+    command({"import", place("home/Plan.md"), place("home/.var/app/org.example.Notes/Documents/Journal")});
+    command({"tag", place(plan), "urgent", "Berlin"});
+    command({"trash", place(plan)});
+    command({"restore", place("home/.var/app/org.example.Notes/Documents/.Trash/Plan.md")});
+    command({"move", place(plan), notes, "--name", "The plan.md"});
+    command({"ls", notes});
+}
+
 bool Tour::show() {
     heading("A sample device");
     std::cout << "In " << folder_ << " is now a home of one person, with applications and their documents:\n"
@@ -162,6 +178,8 @@ bool Tour::show() {
     command({"ls", place("home/Documents/Names")});
     heading("A folder of " + std::to_string(kManyEntries) + " entries");
     many();
+    heading("A document that is brought in, tagged, trashed, restored and moved");
+    operations();
     heading("What changed since a mark, also while nothing was running");
     changes();
     heading("Changes as they happen");

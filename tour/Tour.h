@@ -23,6 +23,7 @@ private:
     void heading(const std::string& text) const;
     void command(const std::vector<std::string>& arguments, const EnvironmentChanges& further = {});
     void many();
+    void operations();
     void changes();
     void liveChanges();
     void failed(const std::string& reason);

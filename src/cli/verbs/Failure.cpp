@@ -19,9 +19,10 @@ std::string reasonOf(const Error& error) {
     return isSentence ? message->second : describe(error);
 }
 
-/// True for a message that says itself what cannot be done with which file.
+/// True for a message that says itself what cannot be done with which file: it begins with a path, or with a name that
+/// cannot be what it should.
 bool saysItAll(const std::string& message) {
-    return message.starts_with('"') && message.find("\" cannot ") != std::string::npos;
+    return message.starts_with("\"/") || (message.starts_with('"') && message.find("\" cannot ") != std::string::npos);
 }
 
 }  // namespace
