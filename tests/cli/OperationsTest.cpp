@@ -627,6 +627,21 @@ TEST(ReadOnly, AnItemIsNotRenamedMovedTrashedOrDeletedAndTakesNothing) {
     files::permissions(fixed, files::perms(0755));
 }
 
+TEST(ReadOnly, ATrashThatCannotBeCleanedIsAFailure) {
+    Device device;
+    const std::string trash = device.note(".Trash");
+    if (const auto reason = device.giveToNobody()) GTEST_SKIP() << *reason;
+    files::permissions(trash, files::perms(0555));
+    ASSERT_EQ(device.runAsNobody({"clean-trash", "--older-than", "36500d"}).status, 0);
+    const auto finished = device.runAsNobody({"clean-trash", "--older-than", "0s"});
+    files::permissions(trash, files::perms(0755));
+    EXPECT_EQ(finished.status, 1);
+    EXPECT_NE(finished.error.find("can't remove item did="), std::string::npos) << finished.error;
+    EXPECT_TRUE(finished.error.ends_with("\ntarnwell: cannot remove \"" + trash + "/Old list.md\"\n"))
+        << finished.error;
+    EXPECT_TRUE(files::exists(trash + "/Old list.md"));
+}
+
 TEST_F(OperationsTest, AnInterruptedImportLeavesNothingAndTheRestIsNotBegun) {
     for (int i = 0; i < 2000; ++i) source("tree/f" + std::to_string(i));
     const std::string next = source("next.txt");

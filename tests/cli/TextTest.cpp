@@ -127,5 +127,13 @@ TEST(HeldLog, KeepsTheFirstLinesAndCountsTheRest) {
     EXPECT_TRUE(log.take().empty());
 }
 
+TEST(HeldLog, LeavesOutWhatIsOfNoInterestAndDoesNotCountIt) {
+    HeldLog log;
+    log.ignore("no library");
+    for (std::size_t i = 0; i < HeldLog::kMaxLines + 2; ++i) log.write(log::Level::error, "there is no library here");
+    log.write(log::Level::error, "the disk is full");
+    EXPECT_EQ(log.take(), std::vector<std::string>{"the disk is full"});
+}
+
 }  // namespace
 }  // namespace tarnwell::cli
