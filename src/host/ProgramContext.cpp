@@ -118,6 +118,13 @@ Result<std::unique_ptr<ProgramContext>> ProgramContext::create(const Settings& s
     parts->registry = registry::LinuxAppRegistry::create(settings.registrySources, parts->roots, log);
     if (auto met = meetApplications(parts->roots, *parts->registry); !met) return failure(met.error());
 
+    // What is moved to another file system is copied, and should stay what it is to clients.
+    parts->fileOperations.setCopiedListener([&comparer = parts->comparer,
+                                             &log](const operations::CopiedObject& copied) {
+        if (auto carried = comparer.carryOver(copied.source, copied.copy.get()); !carried) {
+            log.write(log::Level::error, "[ERROR] what was moved gets new identifiers; " + describe(carried.error()));
+        }
+    });
     // Before anything is looked at: what a killed process left should not be met as new.
     parts->fileOperations.cleanUp();
     parts->events = std::make_unique<events::ComparingEventService>(

@@ -253,6 +253,43 @@ INSTANTIATE_TEST_SUITE_P(Rows, IdentityAcrossTimeOff, ::testing::ValuesIn(kRows)
     return name;
 });
 
+/// Whether somebody looks at a copy before it is told to be the object that it was copied from.
+class CarriedOver : public ::testing::TestWithParam<bool> {};
+
+TEST_P(CarriedOver, ACopyThatTakesThePlaceOfItsSourceKeepsItsIdentifiers) {
+    TestDevice device;
+    testing::makeDirectories(device.path("from/folder"));
+    writeFile(device.path("from/folder/a.txt"), "text");
+    testing::makeDirectories(device.path("to"));
+    device.settle();
+    const std::string folder = identifierOf(device, "from/folder"), file = identifierOf(device, "from/folder/a.txt");
+    std::filesystem::copy(device.path("from/folder"), device.path("to/folder"),
+                          std::filesystem::copy_options::recursive);
+    std::string met;
+    if (GetParam()) {
+        device.settle();
+        met = identifierOf(device, "to/folder/a.txt");
+        EXPECT_NE(met, file);
+    }
+    for (const char* path : {"folder", "folder/a.txt"}) {
+        const Descriptor source(::open(device.path(std::string("from/") + path).c_str(), O_PATH | O_CLOEXEC));
+        const Descriptor copy(::open(device.path(std::string("to/") + path).c_str(), O_PATH | O_CLOEXEC));
+        ASSERT_TRUE(device.comparer().carryOver(*filesystem::statusOf(source.get()), copy.get()));
+    }
+    std::filesystem::remove_all(device.path("from/folder"));
+    EXPECT_EQ(placeOf(device, file), "to/folder/a.txt");
+    EXPECT_EQ(placeOf(device, folder), "to/folder");
+    device.restart();
+    device.settle();
+    EXPECT_EQ(identifierOf(device, "to/folder/a.txt"), file);
+    EXPECT_EQ(identifierOf(device, "to/folder"), folder);
+    if (GetParam()) {
+        EXPECT_EQ(placeOf(device, met), "nowhere");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Met, CarriedOver, ::testing::Bool());
+
 TEST(Identity, ACopyGetsAnIdentifierOfItsOwn) {
     TestDevice device;
     writeFile(device.path("a.txt"), "text");

@@ -225,6 +225,23 @@ TEST_F(Scripts, FoldersBecomePackagesInAPackageBetweenTwoBatches) {
     expectEqual();
 }
 
+TEST_F(Scripts, AFileLosesItsFirstNameAfterTheFolderOfAnotherOneMoved) {
+    makeFolder("Documents/first");
+    write("Documents/first/file");
+    makeFolder("Apps/Notes/Documents/a");
+    makeFolder("Apps/Notes/Documents/a/b");
+    link("Documents/first/file", "Apps/Notes/Documents/a/b/other");
+    begin();
+    ::usleep(50'000);  // by then a folder's change time vouches for what it holds
+    expectEqual();
+    move("Documents/first", "outside/first");
+    move("Apps/Notes/Documents/a", "Apps/Sketches/Documents/a");
+    // A look at the first folder's place alone.
+    write("Documents/another");
+    EXPECT_NE(identifierOf("Documents/another"), "");
+    expectEqual();
+}
+
 TEST_F(Scripts, AFollowedFolderIsInAPackageForAWhile) {
     if (!device_.packageSuffix()) GTEST_SKIP() << "this machine cannot declare package types";
     makeFolder("Documents/a");
@@ -250,8 +267,7 @@ TEST_F(Scripts, AFileGetsAnotherNameAfterTheFolderAboveItMoved) {
     makeFolder("Apps/Sketches/Documents/a/b");
     write("Apps/Sketches/Documents/a/b/file");
     begin();
-    // By then a folder's change time vouches for what it holds.
-    ::usleep(50'000);
+    ::usleep(50'000);  // by then a folder's change time vouches for what it holds
     expectEqual();
     move("Apps/Sketches/Documents/a", "Apps/Notes/Documents/a");
     // The folder of this name is looked at before the file's own.

@@ -187,6 +187,39 @@ Result<store::ObjectIdentity> Comparer::identityOf(const filesystem::Status& sta
     return store::ObjectIdentity{fileSystem->number, status.inode, status.birth};
 }
 
+Result<void> Comparer::carryOver(const filesystem::Status& source, int copy) {
+    const auto from = knownFileSystem(source.device);
+    if (!from) return {};
+    const auto status = filesystem::statusOf(copy);
+    if (!status) return failure(status.error());
+    const auto identity = identityOf(*status, copy);
+    if (!identity) return failure(identity.error());
+    const auto resting = atRest();
+    store::Session session(store_);
+    auto row = session.index().byIdentity({from->number, source.inode, source.birth});
+    if (!row || row->parent == 0 || row->state == store::ObjectState::gone) return session.check();
+    session.write();
+    if (auto met = session.index().byIdentity(*identity)) {
+        // Somebody looked at it before: as what it was then it is gone.
+        const auto place = placeOf(session, *met);
+        if (met->visible && place) {
+            session.journal().recordDeparture(met->fileID, met->documentID, met->parent,
+                                              place->root->name + "/" + place->relative);
+        }
+        met->state = store::ObjectState::gone;
+        met->identity = {0, raw(met->fileID), 0};  // of no file system
+        session.index().update(*met);
+    }
+    row->identity = *identity;
+    row->listed = 0;
+    session.index().update(*row);
+    if (watch_ != nullptr && row->isDirectory()) {
+        watch_->forget(row->fileID);
+        unread_.insert(row->fileID);
+    }
+    return session.commit();
+}
+
 /// The root of that name if it is that folder. A folder that was the root at an earlier start may be anywhere by now:
 /// what was known below it is unavailable until it is the root again or turns up below one.
 std::optional<Place> Comparer::rootPlaceOf(const std::string& name, const store::ObjectIdentity& identity) const {

@@ -119,6 +119,10 @@ public:
 
     Result<store::ObjectIdentity> identityOf(const filesystem::Status& status, int descriptor);
 
+    /// The open copy (O_PATH will do) is the object from now on that its source was, which is about to go: it keeps the
+    /// identifiers, and is found to have moved. Nothing happens for a source that is not known.
+    Result<void> carryOver(const filesystem::Status& source, int copy);
+
     /// The comparison under way, and every later one, ends soon with ECANCELED: the program is about to end. What was
     /// found by then is kept, and the next program goes on from there. Any thread.
     void giveUp() { givenUp_.store(true, std::memory_order_relaxed); }

@@ -319,7 +319,7 @@ void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& en
     }
 }
 
-/// A file with several names was found away from this folder, which nobody looked at since: with a folder above it, it
+/// A name that a file with several names is known to have in this folder was not looked at: with a folder above it, it
 /// may have moved on and hold the name still, and by its change time nothing happened in it.
 void ComparisonRun::distrust(FileID folder) {
     const auto row = session().index().byFileID(folder);

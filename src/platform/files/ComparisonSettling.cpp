@@ -257,6 +257,10 @@ void ComparisonRun::leave(ObjectRow row, const std::string& path, Leaving leavin
         }
         // A file that has another name elsewhere lives on under that one.
         if (leaving == Leaving::gone && promoteLink(step.row)) continue;
+        if (leaving == Leaving::gone && !step.row.isDirectory()) {
+            // Not to be found under its other names by now, which may be since the folders above them moved.
+            for (const store::LinkRow& link : session().index().linksOf(step.row.fileID)) distrust(FileID{link.parent});
+        }
         if (step.row.visible) {
             session().journal().recordDeparture(step.row.fileID, step.row.documentID, step.row.parent, step.path);
             comparer_.noteLeft(step.row);
