@@ -146,6 +146,8 @@ Result<CleanedTrash> ItemOperations::cleanTrash(Date olderThan) {
     CleanedTrash cleaned;
     std::ranges::set_difference(before, after, std::back_inserter(cleaned.removed));
     for (const std::string& path : after) {
+        // The provider looks at no hidden entry.
+        if (path[path.rfind('/') + 1] == '.') continue;
         const auto bytes = items::valueOfAttribute(context_.environment(), items::LocalItem::xattrTrashDateName,
                                                    context_.roots().urlForRealPath(path));
         const auto date = bytes ? archive::unarchiveDate(*bytes) : Result<Date>(failure(posixError(ENODATA)));

@@ -232,6 +232,13 @@ TEST_F(OperationsTest, CleanTrashRemovesWhatIsTooOldAndDatesWhatHasNoDate) {
     EXPECT_FALSE(exists(trashed("undated")));
 }
 
+TEST_F(OperationsTest, AHiddenEntryOfATrashIsLeftAlone) {
+    make("Folder/.hidden", "x");
+    succeed({"trash", device_.document("Folder/.hidden")});
+    succeed({"clean-trash", "--older-than", "0s"});
+    EXPECT_TRUE(exists(trashed(".hidden")));
+}
+
 TEST_F(OperationsTest, TagsRankAndDateAreSetAndCleared) {
     const std::string path = device_.document("Letter.txt");
     succeed({"tag", path, "urgent", "\xC3\x84rger"});
