@@ -27,7 +27,9 @@ public:
     URL url(const std::string& relative) const { return device_.url(relative); }
 
     const fs::FSEnvironment& environment() const { return *environment_; }
-    provider::ProviderContext providerContext() { return {*environment_, *libraries_, device_.fileOperations(), device_.accessScopes()}; }
+    provider::ProviderContext providerContext() {
+        return {*environment_, *libraries_, device_.fileOperations(), device_.accessScopes()};
+    }
 
 private:
     void open();
