@@ -130,6 +130,18 @@ private:
         pool_->run([self = shared_from_this()] { self->work(); });
     }
 
+    /// What runs out of memory is an operation that failed, and its place among those at work is free again.
+    static Result<Place> done(Job& job) {
+        try {
+            Result<Place> result = job.work(job.monitor.get());
+            job.work = {};
+            return result;
+        } catch (const std::exception& thrown) {
+            job.work = {};
+            return failure(posixError(ENOMEM, std::string("it could not be finished: ") + thrown.what()));
+        }
+    }
+
     /// Runs with a place among the operations at once, and gives it back before each completion: one that waits for
     /// paths must not keep those from running that have them.
     void work() {
@@ -143,8 +155,7 @@ private:
             auto job = std::move(ready_.front());
             ready_.pop_front();
             lock.unlock();
-            const Result<URL> result = asURL(job->work(job->monitor.get()));
-            job->work = {};
+            const Result<URL> result = asURL(done(*job));
             job->grant.release();
             lock.lock();
             --running_;

@@ -20,12 +20,6 @@ Result<void> synchronize(int file) {
     return {};
 }
 
-/// Best effort: the new name may be lost in a power cut, the old one then still stands.
-void synchronizeFolder(const OpenFolder& folder) {
-    auto open = filesystem::openBeneath(folder.get(), {}, O_RDONLY | O_DIRECTORY);
-    if (open) (void)synchronize(open->get());
-}
-
 /// One copy: made aside, then put under its name.
 class Copy {
 public:
@@ -58,6 +52,7 @@ private:
                 auto named =
                     filesystem::openBeneath(folder_.get(), scratch, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, 0600);
                 if (!named) return failure(named.error());
+                if (auto known = remember(*named); !known) return known;
                 return fill(*named);
             });
         }
@@ -96,6 +91,11 @@ private:
             }
             auto target = filesystem::openBeneath(folder_.get(), scratch, O_RDONLY | O_DIRECTORY);
             if (!target) return failure(target.error());
+            // Somebody may have put another folder there already.
+            const auto entries = filesystem::countEntries(target->get(), 1);
+            if (!entries) return failure(entries.error());
+            if (*entries != 0) return failure(posixError(ESTALE));
+            if (auto known = remember(*target); !known) return known;
             if (auto copied = copyTree(*source_.object, *target, options_.owner, options_.monitor, source_.path);
                 !copied) {
                 return copied;
@@ -117,18 +117,37 @@ private:
         auto scratch = Scratch::reserve(context_.store, folder_, store::TemporaryKind::copy);
         if (!scratch) return failure(scratch.error());
         const auto undone = [&](const Error& error) {
-            if (removeOwn(folder_.get(), scratch->name())) scratch->forget();
+            if (withdraw(scratch->name())) scratch->forget();
             return failure(error);
         };
         if (auto made = make(scratch->name()); !made) return undone(made.error());
         const auto status = filesystem::statusAt(folder_.get(), scratch->name().c_str());
         if (!status) return undone(status.error());
+        if (made_ && !isSameObject(*status, *made_)) return undone(posixError(ESTALE));
         auto appeared = appear(*status, [&](const std::string& name) {
             return renameWithoutReplacing(folder_.get(), scratch->name(), folder_.get(), name, S_ISDIR(status->mode));
         });
         if (!appeared) return undone(appeared.error());
         scratch->forget();
         return appeared;
+    }
+
+    Result<void> remember(const Descriptor& made) {
+        const auto status = filesystem::statusOf(made.get());
+        if (!status) return failure(status.error());
+        made_ = *status;
+        return {};
+    }
+
+    /// Removes what was made so far. What somebody else put under the hidden name stays.
+    Result<void> withdraw(const std::string& scratch) {
+        const auto status = filesystem::statusAt(folder_.get(), scratch.c_str());
+        if (status && S_ISDIR(status->mode) && !(made_ && isSameObject(*status, *made_))) {
+            // At most the empty folder that could not be opened.
+            (void)::unlinkat(folder_.get(), scratch.c_str(), AT_REMOVEDIR);
+            return {};
+        }
+        return removeOwn(folder_.get(), scratch);
     }
 
     Result<Copied> appear(const filesystem::Status& status,
@@ -141,7 +160,6 @@ private:
             return put(tried);
         });
         if (!name) return failure(name.error());
-        synchronizeFolder(folder_);
         return Copied{*name, status, digest_};
     }
 
@@ -151,9 +169,18 @@ private:
     const std::string& name_;
     const CopyOptions& options_;
     std::uint64_t digest_ = 0;
+    std::optional<filesystem::Status> made_;  ///< of what has the hidden name
 };
 
 }  // namespace
+
+Result<void> synchronizeFolder(const OpenFolder& folder) {
+    auto open = filesystem::openBeneath(folder.get(), {}, O_RDONLY | O_DIRECTORY);
+    if (open) return synchronize(open->get());
+    // Who may put something into a folder need not be allowed to read it.
+    if (open.error().is(ErrorDomain::posix, EACCES)) return {};
+    return failure(open.error());
+}
 
 Result<Copied> copyIntoFolder(const Context& context, const CopySource& source, const OpenFolder& folder,
                               const std::string& name, const CopyOptions& options) {

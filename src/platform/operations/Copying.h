@@ -33,9 +33,13 @@ struct Copied {
     std::uint64_t digest = 0;   ///< of the source folder as it was copied
 };
 
-/// Copies it into the folder and gives it its name in one step, never over anything; written to disk before. Until then
-/// nobody sees more than a hidden name. Fails with nothing left.
+/// Copies it into the folder and gives it its name in one step, never over anything. Until then nobody sees more than a
+/// hidden name. The content is written to disk before it has the name, so that also after a power cut the name never
+/// stands for less; whether the name itself is there then is for `synchronizeFolder`. Fails with nothing left.
 Result<Copied> copyIntoFolder(const Context& context, const CopySource& source, const OpenFolder& folder,
                               const std::string& name, const CopyOptions& options);
+
+/// Writes the names of the folder's entries to disk.
+Result<void> synchronizeFolder(const OpenFolder& folder);
 
 }  // namespace tarnwell::operations

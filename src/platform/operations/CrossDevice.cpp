@@ -62,9 +62,9 @@ private:
 
 Error changedError() { return posixError(EBUSY, "it is being changed; it was not moved"); }
 
-/// Whether the source is still what was copied.
-Result<void> comparePairs(const OpenItem& item, const Descriptor& source, const OpenFolder& folder,
-                          const Copied& copied, const MoveOptions& options) {
+/// What the source is now, if that is still what was copied.
+Result<TreeSurvey> comparePairs(const OpenItem& item, const Descriptor& source, const OpenFolder& folder,
+                                const Copied& copied, const MoveOptions& options) {
     const bool isFolder = S_ISDIR(item.status.mode), isFile = S_ISREG(item.status.mode);
     auto copy = filesystem::openBeneath(folder.get(), copied.name,
                                         isFolder ? O_RDONLY | O_DIRECTORY
@@ -76,12 +76,13 @@ Result<void> comparePairs(const OpenItem& item, const Descriptor& source, const 
     if (!isUnchanged(*now, item.status)) return failure(changedError());
     if (!isFolder) {
         if (options.copied) options.copied({*now, *copy});
-        return {};
+        return TreeSurvey();
     }
     Pairs pairs(std::move(*copy), *now, options.copied);
     TreeWalk walk(pairs);
-    if (auto done = walk.run(source); !done) return done;
-    return pairs.now.digest == copied.digest ? Result<void>() : failure(changedError());
+    if (auto done = walk.run(source); !done) return failure(done.error());
+    if (pairs.now.digest != copied.digest) return failure(changedError());
+    return pairs.now;
 }
 
 }  // namespace
@@ -117,13 +118,17 @@ Result<std::string> moveByCopying(const Context& context, const OpenItem& item, 
     const auto copied = copyIntoFolder(context, source, folder, name, copying);
     if (!copied) return failure(copied.error());
 
-    auto gone = comparePairs(item, object, folder, *copied, options);
-    if (gone) gone = removeAfterMove(context, item.folder, item.name, item.status);
+    // The copy has to survive a power cut before the source goes.
+    auto gone = synchronizeFolder(folder);
+    if (gone) {
+        const auto found = comparePairs(item, object, folder, *copied, options);
+        gone = found ? removeAfterMove(context, item.folder, item.name, item.status, *found) : failure(found.error());
+    }
     if (gone) return copied->name;
     // The copy is no longer wanted, as long as it is still the copy that has the name.
     const auto standing = filesystem::statusAt(folder.get(), copied->name.c_str());
     if (standing && isSameObject(*standing, copied->status)) {
-        auto undone = withdrawCopy(context, folder, copied->name, *standing);
+        auto undone = withdrawCopy(context, folder, copied->name, copied->status);
         if (!undone) {
             Error error = explained(gone.error(), "be moved", path, item.folder);
             error.userInfo[kErrorMessage] +=

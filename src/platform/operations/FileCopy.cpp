@@ -85,7 +85,7 @@ private:
 
 Result<void> copyRanges(int source, int target, std::uint64_t size, TransferMonitor* monitor) {
     RangeCopy ranges(source, target, monitor);
-    std::uint64_t at = 0;
+    std::uint64_t at = 0, reached = 0;
     while (at < size) {
         std::uint64_t begin = at, end = size;
         const off_t data = ::lseek(source, static_cast<off_t>(at), SEEK_DATA);
@@ -100,9 +100,12 @@ Result<void> copyRanges(int source, int target, std::uint64_t size, TransferMoni
         if (auto told = advance(monitor, begin - at); !told) return told;
         if (begin < size) {
             if (auto copied = ranges.copy(begin, end); !copied) return copied;
+            reached = end;
         }
         at = begin < size ? end : size;
     }
+    if (reached == size) return {};
+    // A hole at the end.
     if (untilNotInterrupted([&] { return ::ftruncate(target, static_cast<off_t>(size)); }) != 0) return failedCall();
     return {};
 }
@@ -119,30 +122,28 @@ bool isCopiedAttribute(std::string_view name) {
     return name.starts_with("user.") || name == "system.posix_acl_access" || name == "system.posix_acl_default";
 }
 
+/// The names, each ended by a NUL. The kernel gives no longer list than that of values.
 Result<std::string> attributeList(int source) {
-    for (;;) {
-        const ssize_t size = untilNotInterrupted([&] { return ::flistxattr(source, nullptr, 0); });
-        if (size < 0) {
-            if (errno == EOPNOTSUPP) return std::string();
-            return failedCall();
-        }
-        std::string list(static_cast<std::size_t>(size), '\0');
-        if (size == 0) return list;
-        const ssize_t got = untilNotInterrupted([&] { return ::flistxattr(source, list.data(), list.size()); });
-        if (got < 0 && errno == ERANGE) continue;
-        if (got < 0) return failedCall();
-        list.resize(static_cast<std::size_t>(got));
-        return list;
-    }
+    std::array<char, 1024> few;
+    const ssize_t size = untilNotInterrupted([&] { return ::flistxattr(source, few.data(), few.size()); });
+    if (size >= 0) return std::string(few.data(), static_cast<std::size_t>(size));
+    if (errno == EOPNOTSUPP) return std::string();
+    if (errno != ERANGE) return failedCall();
+    std::string list(filesystem::kMaxAttributeBytes, '\0');
+    const ssize_t got = untilNotInterrupted([&] { return ::flistxattr(source, list.data(), list.size()); });
+    if (got < 0) return failedCall();
+    list.resize(static_cast<std::size_t>(got));
+    return list;
 }
 
 Result<void> copyAttributes(int source, int target) {
     const auto list = attributeList(source);
     if (!list) return failure(list.error());
-    std::string value(filesystem::kMaxAttributeBytes, '\0');
+    std::string value;
     for (std::size_t at = 0; at < list->size(); at += std::char_traits<char>::length(list->c_str() + at) + 1) {
         const char* name = list->c_str() + at;
         if (!isCopiedAttribute(name)) continue;
+        value.resize(filesystem::kMaxAttributeBytes);
         const ssize_t size = untilNotInterrupted([&] { return ::fgetxattr(source, name, value.data(), value.size()); });
         if (size < 0) {
             if (errno == ENODATA) continue;

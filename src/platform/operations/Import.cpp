@@ -18,15 +18,30 @@ struct Document {
     filesystem::Status status;
 };
 
-/// Opens it for its place first: opening a pipe or a device would have an effect on them.
-Result<Document> openDocument(const std::string& path) {
-    if (path.find('\0') != std::string::npos) return failure(posixError(EINVAL, "a path cannot contain a NUL byte"));
-    const Descriptor place(untilNotInterrupted([&] { return ::open(path.c_str(), O_PATH | O_CLOEXEC); }));
-    if (!place.valid()) {
-        const Error error = posixError(errno);
-        if (error.code == ELOOP) return failure(posixError(ELOOP, "\"" + path + "\" leads through links without end"));
-        return failure(explained(error, kCannot, path));
+/// What lies below a root is not reached through links that lead out of the roots, whoever puts them on the way.
+/// Anywhere else the path is the caller's, links and all.
+Result<Descriptor> openPlace(const Roots& roots, const std::string& path) {
+    if (const auto below = roots.locate(roots.urlForRealPath(path).path())) {
+        const auto end = filesystem::followLinks(roots, *below);
+        if (!end) return failure(end.error());
+        return filesystem::openBeneath(end->root->directory.get(), end->relative, O_PATH | O_NOFOLLOW);
     }
+    Descriptor place(untilNotInterrupted([&] { return ::open(path.c_str(), O_PATH | O_CLOEXEC); }));
+    if (!place.valid()) return failedCall();
+    return place;
+}
+
+/// Opens it for its place first: opening a pipe or a device would have an effect on them.
+Result<Document> openDocument(const Roots& roots, const std::string& path) {
+    if (path.find('\0') != std::string::npos) return failure(posixError(EINVAL, "a path cannot contain a NUL byte"));
+    const auto opened = openPlace(roots, path);
+    if (!opened) {
+        if (opened.error().is(ErrorDomain::posix, ELOOP)) {
+            return failure(posixError(ELOOP, "\"" + path + "\" leads through links without end"));
+        }
+        return failure(explained(opened.error(), kCannot, path));
+    }
+    const Descriptor& place = *opened;
     auto status = filesystem::statusOf(place.get());
     if (!status) return failure(explained(status.error(), kCannot, path));
     if (auto refusal = refusalToCopy(status->mode, path)) return failure(std::move(*refusal));
@@ -50,7 +65,7 @@ Result<Place> importItem(const Context& context, const std::string& document, co
                          TransferMonitor* monitor) {
     const std::string name = lastComponent(document);
     if (auto valid = checkNewName(name); !valid) return failure(valid.error());
-    const auto source = openDocument(document);
+    const auto source = openDocument(context.roots, document);
     if (!source) return failure(source.error());
     auto target = openFolder(folder);
     if (!target) return failure(target.error());

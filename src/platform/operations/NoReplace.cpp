@@ -14,6 +14,9 @@ namespace {
 
 Result<void> linkThenUnlink(int folder, const char* name, int newFolder, const char* newName) {
     if (untilNotInterrupted([&] { return ::linkat(folder, name, newFolder, newName, 0); }) != 0) return failedCall();
+    // A first name that somebody gave to something else meanwhile is theirs; then this one is only a second name.
+    const auto old = filesystem::statusAt(folder, name), put = filesystem::statusAt(newFolder, newName);
+    if (old && put && !isSameObject(*old, *put)) return {};
     if (untilNotInterrupted([&] { return ::unlinkat(folder, name, 0); }) == 0) return {};
     auto failed = failedCall();
     // Only if it still is the second name of the same file: somebody may have put another one there.

@@ -38,6 +38,10 @@ inline bool isSameObject(const filesystem::Status& a, const filesystem::Status& 
 inline bool isUnchanged(const filesystem::Status& a, const filesystem::Status& b) {
     return isSameObject(a, b) && a.size == b.size && a.modified == b.modified && a.changed == b.changed;
 }
+/// Whether it has the same content, as far as that tells; it may have been given another name.
+inline bool isUnwritten(const filesystem::Status& a, const filesystem::Status& b) {
+    return a.size == b.size && a.modified == b.modified;
+}
 
 /// True when the folder is the other one, or lies below it, whatever the paths by which they were opened.
 Result<bool> isInside(int folder, const filesystem::Status& other);

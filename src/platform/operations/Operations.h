@@ -21,9 +21,11 @@
 namespace tarnwell::operations {
 
 /// Copies the file or folder at a real path, which may lie anywhere, into the folder under its own name. A link given
-/// as the document is followed, links in a folder are copied as links. EINVAL for a pipe, a socket or a device, and for
-/// a folder that is to go into itself; EBUSY where it is written to meanwhile, or another file system is mounted in it;
-/// ECANCELED.
+/// as the document is followed (one that lies below the roots only to a place below the roots: else ENOENT), links in a
+/// folder are copied as links. The content is on disk before the name stands for it; the name itself gets there within
+/// the file system's own interval, so that a power cut right afterwards leaves the whole copy or none. EINVAL for a
+/// pipe, a socket or a device, and for a folder that is to go into itself; EBUSY where it is written to meanwhile, or
+/// another file system is mounted in it; ECANCELED.
 Result<Place> importItem(const Context& context, const std::string& document, const Place& folder,
                          TransferMonitor* monitor = nullptr);
 

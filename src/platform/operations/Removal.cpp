@@ -4,7 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <limits>
+#include <unordered_set>
+
 #include "platform/base/SystemCall.h"
+#include "platform/operations/Naming.h"
 #include "platform/operations/NoReplace.h"
 #include "platform/operations/OperationErrors.h"
 #include "platform/operations/Scratch.h"
@@ -18,17 +23,31 @@ constexpr const char* kCannot = "be removed";
 
 enum class Permissions { asTheyAre, madeSufficient };
 
+/// A removal of what is ours takes everything.
+constexpr std::int64_t kHoweverNew = std::numeric_limits<std::int64_t>::max();
+
 class Remover : public TreeVisitor {
 public:
-    explicit Remover(Permissions permissions) : permissions_(permissions) {}
+    Remover(Permissions permissions, std::int64_t newest) : permissions_(permissions), newest_(newest) {}
 
     Result<void> enter(const std::string&, int folder, const filesystem::Status& status) override {
+        if (auto refused = check(status); !refused) return refused;
         open(folder, status);
         tries_.push_back(0);
         return {};
     }
-    Result<void> entry(int folder, const std::string& name, const filesystem::Status&) override {
-        return unlink(folder, name, 0);
+    Result<void> entry(int folder, const std::string& name, const filesystem::Status& status) override {
+        if (auto refused = check(status); !refused) return refused;
+        if (auto done = unlink(folder, name, 0); !done) return done;
+        // The other names of the file have a new change time now.
+        if (status.links > 1 && newest_ != kHoweverNew) {
+            if (changedHere_.size() < kMostChangedHere) {
+                changedHere_.insert(status.inode);
+            } else {
+                newest_ = kHoweverNew;
+            }
+        }
+        return {};
     }
     Result<Leaving> leave(int parent, const std::string& name, int) override {
         auto done = unlink(parent, name, AT_REMOVEDIR);
@@ -49,9 +68,19 @@ public:
     }
 
     std::uint64_t removed = 0;
+    bool foundNewer = false;
 
 private:
     static constexpr int kMostTries = 8;
+    /// Bounds the memory for a tree of nothing but files with several names; what comes into one past it is not told
+    /// from the rest.
+    static constexpr std::size_t kMostChangedHere = 1'000'000;
+
+    Result<void> check(const filesystem::Status& status) {
+        if (status.changed <= newest_ || changedHere_.contains(status.inode)) return {};
+        foundNewer = true;
+        return failure(posixError(EBUSY, "it came or was changed after the removal had begun"));
+    }
 
     Result<void> unlink(int folder, const std::string& name, int flags) {
         if (untilNotInterrupted([&] { return ::unlinkat(folder, name.c_str(), flags); }) != 0) {
@@ -63,27 +92,41 @@ private:
     }
 
     const Permissions permissions_;
+    std::int64_t newest_;
+    std::unordered_set<std::uint64_t> changedHere_;
     std::vector<int> tries_;
 };
 
 struct Emptied {
     Result<void> result;
     std::uint64_t removed = 0;
+    bool foundNewer = false;
     std::string failedAt;  ///< relative to the top
 };
 
-/// Removes what is in the folder, and then itself from its parent.
-Emptied removeTree(const Descriptor& top, int parent, const std::string& name, Permissions permissions) {
+/// Removes what is in the folder, if its change time is none later than `newest`, and then itself from its parent.
+Emptied removeTree(const Descriptor& top, int parent, const std::string& name, Permissions permissions,
+                   std::int64_t newest) {
     constexpr int kMostTries = 8;
-    Remover remover(permissions);
+    Remover remover(permissions, newest);
     for (int tries = 1;; ++tries) {
         TreeWalk walk(remover);
-        if (auto done = walk.run(top); !done) return {done, remover.removed, walk.path()};
+        if (auto done = walk.run(top); !done) return {done, remover.removed, remover.foundNewer, walk.path()};
         if (untilNotInterrupted([&] { return ::unlinkat(parent, name.c_str(), AT_REMOVEDIR); }) == 0) {
-            return {{}, remover.removed + 1, {}};
+            return {{}, remover.removed + 1, false, {}};
         }
-        if ((errno != ENOTEMPTY && errno != EEXIST) || tries == kMostTries) return {failedCall(), remover.removed, {}};
+        if ((errno != ENOTEMPTY && errno != EEXIST) || tries == kMostTries) {
+            return {failedCall(), remover.removed, false, {}};
+        }
     }
+}
+
+/// Gives what has the hidden name its own again, or one like it; that name.
+Result<std::string> giveNameBack(const OpenFolder& folder, const std::string& hidden, const std::string& name,
+                                 bool isFolder) {
+    return putUnderName(folder, name, Taken::freeName, [&](const std::string& tried) {
+        return renameWithoutReplacing(folder.get(), hidden, folder.get(), tried, isFolder);
+    });
 }
 
 Result<Descriptor> openForReading(int folder, const std::string& name) {
@@ -93,8 +136,8 @@ Result<Descriptor> openForReading(int folder, const std::string& name) {
 /// What could not be removed gets its name back, or one like it.
 Error takenBack(const OpenItem& item, Scratch& scratch, const Emptied& emptied, std::uint64_t items,
                 const std::string& path) {
-    const auto back = renameWithoutReplacing(item.folder.get(), scratch.name(), item.folder.get(), item.name, true);
-    const std::string hidden = realPath(item.folder.placeOf(scratch.name()));
+    const auto back = giveNameBack(item.folder, scratch.name(), item.name, true);
+    const std::string left = realPath(item.folder.placeOf(back ? *back : scratch.name()));
     if (back) scratch.forget();
     const std::string failed = path + (emptied.failedAt.empty() ? "" : "/" + emptied.failedAt);
     Error error = explained(emptied.result.error(), kCannot, failed);
@@ -102,10 +145,9 @@ Error takenBack(const OpenItem& item, Scratch& scratch, const Emptied& emptied, 
     if (emptied.removed == 0) {
         message += "; nothing was removed";
     } else {
-        const std::uint64_t left = items > emptied.removed ? items - emptied.removed : 0;
+        const std::uint64_t others = items > emptied.removed ? items - emptied.removed : 0;
         message += "; " + std::to_string(emptied.removed) + " of " + std::to_string(items) +
-                   " items were removed, the other " + std::to_string(left) + " are left in \"" +
-                   (back ? path : hidden) + "\"";
+                   " items were removed, the other " + std::to_string(others) + " are left in \"" + left + "\"";
     }
     if (!back) message += "; what is left is removed when the program starts again";
     error.userInfo[kErrorPath] = path;
@@ -125,7 +167,8 @@ Result<void> removeFolder(const Context& context, const OpenItem& item, const st
     auto scratch = Scratch::reserve(context.store, item.folder, store::TemporaryKind::removal, item.name);
     if (!scratch) {
         // A store without room is no reason to keep what people want to be rid of.
-        const Emptied emptied = removeTree(*folder, item.folder.get(), item.name, Permissions::asTheyAre);
+        const Emptied emptied =
+            removeTree(*folder, item.folder.get(), item.name, Permissions::asTheyAre, found->newest);
         if (emptied.result) return {};
         return explain(emptied.result.error());
     }
@@ -137,12 +180,16 @@ Result<void> removeFolder(const Context& context, const OpenItem& item, const st
     // Somebody may have given the name to another folder since it was looked at.
     const auto now = filesystem::statusAt(item.folder.get(), scratch->name().c_str());
     if (!now || !isSameObject(*now, *opened)) {
-        if (renameWithoutReplacing(item.folder.get(), scratch->name(), item.folder.get(), item.name, true)) {
+        const bool isFolder = !now || S_ISDIR(now->mode);
+        if (!now || giveNameBack(item.folder, scratch->name(), item.name, isFolder)) {
             scratch->forget();
+        } else {
+            (void)scratch->become(store::TemporaryKind::aside);
         }
         return explain(now ? posixError(ESTALE) : now.error());
     }
-    const Emptied emptied = removeTree(*folder, item.folder.get(), scratch->name(), Permissions::asTheyAre);
+    const Emptied emptied = removeTree(*folder, item.folder.get(), scratch->name(), Permissions::asTheyAre,
+                                       std::max(found->newest, now->changed));
     if (!emptied.result) return failure(takenBack(item, *scratch, emptied, found->items, path));
     scratch->forget();
     return {};
@@ -178,11 +225,11 @@ Result<void> removeOwn(int folder, const std::string& name) {
     }
     auto top = openForReading(folder, name);
     if (!top) return failure(top.error());
-    return removeTree(*top, folder, name, Permissions::madeSufficient).result;
+    return removeTree(*top, folder, name, Permissions::madeSufficient, kHoweverNew).result;
 }
 
 Result<void> removeAfterMove(const Context& context, const OpenFolder& folder, const std::string& name,
-                             const filesystem::Status& expected) {
+                             const filesystem::Status& expected, const TreeSurvey& found) {
     const bool isFolder = S_ISDIR(expected.mode);
     auto scratch = Scratch::reserve(context.store, folder, store::TemporaryKind::aside, name);
     if (!scratch) return failure(scratch.error());
@@ -191,13 +238,13 @@ Result<void> removeAfterMove(const Context& context, const OpenFolder& folder, c
         return hidden;
     }
     const auto giveBack = [&](Error error) {
-        if (renameWithoutReplacing(folder.get(), scratch->name(), folder.get(), name, isFolder)) scratch->forget();
+        if (giveNameBack(folder, scratch->name(), name, isFolder)) scratch->forget();
         return failure(std::move(error));
     };
     const auto now = filesystem::statusAt(folder.get(), scratch->name().c_str());
     if (!now) return giveBack(now.error());
-    if (!isSameObject(*now, expected) || now->modified != expected.modified ||
-        (!isFolder && now->size != expected.size)) {
+    if (!isSameObject(*now, expected) ||
+        (isFolder ? now->modified != expected.modified : !isUnwritten(*now, expected))) {
         return giveBack(posixError(ESTALE));
     }
     if (!isFolder) {
@@ -209,13 +256,26 @@ Result<void> removeAfterMove(const Context& context, const OpenFolder& folder, c
     }
     auto top = openForReading(folder.get(), scratch->name());
     if (!top) return giveBack(top.error());
+    // Nobody comes here by name now: what is not in the copy by this look would be lost.
+    const auto last = survey(*top, SurveyFor::copying, realPath(folder.placeOf(name)));
+    if (!last) return giveBack(last.error());
+    if (last->digestBelow != found.digestBelow) return giveBack(posixError(EBUSY, "it is being changed"));
     if (auto turned = scratch->become(store::TemporaryKind::removal); !turned) return giveBack(turned.error());
-    const Emptied emptied = removeTree(*top, folder.get(), scratch->name(), Permissions::asTheyAre);
+    const Emptied emptied = removeTree(*top, folder.get(), scratch->name(), Permissions::asTheyAre, last->newest);
     if (emptied.result) {
         scratch->forget();
         return {};
     }
+    if (emptied.foundNewer || emptied.removed == 0) (void)scratch->become(store::TemporaryKind::aside);
     if (emptied.removed == 0) return giveBack(emptied.result.error());
+    if (emptied.foundNewer) {
+        const auto back = giveNameBack(folder, scratch->name(), name, true);
+        if (back) scratch->forget();
+        context.log.write(log::Level::error, "[ERROR] while \"" + realPath(folder.placeOf(name)) +
+                                                 "\" was moved away, something was put into it; that is left at \"" +
+                                                 realPath(folder.placeOf(back ? *back : scratch->name())) + "\"");
+        return {};
+    }
     context.log.write(log::Level::error,
                       "[ERROR] what was moved away from \"" + realPath(folder.placeOf(name)) +
                           "\" could not be removed there (" + describe(emptied.result.error()) +
@@ -231,6 +291,15 @@ Result<void> withdrawCopy(const Context& context, const OpenFolder& folder, cons
     if (auto hidden = renameWithoutReplacing(folder.get(), name, folder.get(), scratch->name(), isFolder); !hidden) {
         scratch->forget();
         return hidden;
+    }
+    // Somebody may have put something else there, or made use of the copy already.
+    const auto now = filesystem::statusAt(folder.get(), scratch->name().c_str());
+    const bool isIt = now && isSameObject(*now, copy) && (isFolder || isUnwritten(*now, copy));
+    if (!isIt) {
+        (void)scratch->become(store::TemporaryKind::aside);
+        const bool isFolderNow = now ? S_ISDIR(now->mode) : isFolder;
+        if (!now || giveNameBack(folder, scratch->name(), name, isFolderNow)) scratch->forget();
+        return failure(posixError(ESTALE));
     }
     // What cannot be removed now is removed at the next start.
     if (removeOwn(folder.get(), scratch->name())) scratch->forget();

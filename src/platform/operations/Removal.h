@@ -5,6 +5,7 @@
 
 #include "platform/operations/Context.h"
 #include "platform/operations/OpenFolder.h"
+#include "platform/operations/TreeSurvey.h"
 
 namespace tarnwell::operations {
 
@@ -14,19 +15,28 @@ namespace tarnwell::operations {
 /// something immutable) is an error before anything is gone. Then it gets a hidden name in one step and is emptied
 /// there, which the next start ends if this process is killed. If the emptying fails all the same, what is left gets
 /// its name back, and the error says how much that is.
+///
+/// What lies in the folder when it loses its name goes with it, also if it was put there or written a moment before.
+/// What comes later (by somebody who has a folder in it open) is not ours to remove: what has a change time after that
+/// moment, be it new, written or moved there, ends the removal with EBUSY, and the rest gets its name back. Where
+/// change times say nothing (FAT, some network file systems), and at the start that ends a killed removal, it goes.
+/// A folder that somebody moves out while it is being emptied loses what it still holds there; its own folders do not
+/// follow (ESTALE). A file or link is what has the name at that moment.
 Result<void> removeItem(const Context& context, const Place& item);
 
 /// Empties and removes a folder, or removes what else has the name; no such name is fine. For what is ours: folders
 /// that lack the owner's permissions are given them.
 Result<void> removeOwn(int folder, const std::string& name);
 
-/// Takes something away that is to vanish at once, and then removes it. `expected` is what must have the name. Fails
-/// with everything as it was; once it has its hidden name, what cannot be removed is left to the next start and said in
-/// the log.
+/// Takes something away that is to vanish at once, and then removes it. `expected` is what must have the name, and
+/// `found` what a folder must hold: it is looked at once more when nobody can come to it by name any longer. Fails with
+/// everything as it was; once some of it is gone, what cannot be removed is left to the next start and said in the log.
+/// What came into a folder even later gets the folder's name back with it.
 Result<void> removeAfterMove(const Context& context, const OpenFolder& folder, const std::string& name,
-                             const filesystem::Status& expected);
+                             const filesystem::Status& expected, const TreeSurvey& found);
 
-/// Takes back a copy that was just given its name. Fails with it in place.
+/// Takes back a copy that was just given its name; ESTALE where the name has something else, or a file that was written
+/// to since. Fails with it in place.
 Result<void> withdrawCopy(const Context& context, const OpenFolder& folder, const std::string& name,
                           const filesystem::Status& copy);
 

@@ -5,6 +5,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "platform/base/SystemCall.h"
 #include "platform/operations/OperationErrors.h"
 #include "platform/operations/TreeWalk.h"
@@ -83,6 +85,8 @@ void TreeSurvey::add(std::uint64_t parentInode, const std::string& name, const f
     }
     // A sum, since a folder's entries may come in another order the next time.
     digest += hash;
+    if (!name.empty()) digestBelow += hash;
+    newest = std::max(newest, status.changed);
 }
 
 Result<TreeSurvey> survey(const Descriptor& top, SurveyFor purpose, const std::string& path,

@@ -16,7 +16,11 @@ struct TreeSurvey {
     /// Two looks give the same where nothing was added, removed, renamed or written between them (as far as change
     /// times tell).
     std::uint64_t digest = 0;
-    /// Adds one object to the digest.
+    /// The same without the top, whose change time moves when it is given another name.
+    std::uint64_t digestBelow = 0;
+    /// The latest change time of all of them.
+    std::int64_t newest = 0;
+    /// Adds one object; the top comes with the inode 0 and no name.
     void add(std::uint64_t parentInode, const std::string& name, const filesystem::Status& status);
 };
 
