@@ -94,15 +94,26 @@ Descriptor receiveDescriptor(int socket) {
     return Descriptor(descriptor);
 }
 
-/// Answers the child's calls until it is gone.
-void answer(int listener, pid_t child, const SystemCallFault& fault, FaultedRun& run) {
+/// Takes more of the text; false at its end.
+bool receiveText(int socket, std::string& text) {
+    std::array<char, 4096> buffer;
+    const ssize_t got = ::recv(socket, buffer.data(), buffer.size(), 0);
+    if (got > 0) text.append(buffer.data(), static_cast<std::size_t>(got));
+    return got > 0;
+}
+
+/// Answers the child's calls until it is gone, and takes its text, which may be longer than a socket holds.
+void answer(int listener, int socket, pid_t child, const SystemCallFault& fault, FaultedRun& run) {
     for (;;) {
-        pollfd ready{listener, POLLIN, 0};
-        if (::poll(&ready, 1, -1) < 0) {
+        std::array<pollfd, 2> ready{{{listener, POLLIN, 0}, {socket, POLLIN, 0}}};
+        if (::poll(ready.data(), ready.size(), -1) < 0) {
             if (errno == EINTR) continue;
             return;
         }
-        if ((ready.revents & POLLIN) == 0) return;
+        // A negative one is not asked again.
+        if (ready[1].revents != 0 && !receiveText(socket, run.text)) socket = -1;
+        if (ready[0].revents == 0) continue;
+        if ((ready[0].revents & POLLIN) == 0) return;
         seccomp_notif call{};
         if (::ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &call) != 0) continue;
         const std::size_t number = run.calls++;
@@ -115,6 +126,7 @@ void answer(int listener, pid_t child, const SystemCallFault& fault, FaultedRun&
             ::kill(child, SIGKILL);
             return;
         }
+        if (isIt && fault.kind == SystemCallFault::Kind::act) fault.act();
         seccomp_notif_resp response{};
         response.id = call.id;
         const bool isLater = fault.lasts && run.befell && call.data.nr == run.call;
@@ -146,10 +158,8 @@ std::optional<FaultedRun> runWithFault(const SystemCallFault& fault,
     theirs = Descriptor();
     FaultedRun run;
     const Descriptor listener = receiveDescriptor(mine.get());
-    if (listener.valid()) answer(listener.get(), child, fault, run);
-    std::array<char, 4096> buffer;
-    for (ssize_t got = 0; (got = ::recv(mine.get(), buffer.data(), buffer.size(), 0)) > 0;) {
-        run.text.append(buffer.data(), static_cast<std::size_t>(got));
+    if (listener.valid()) answer(listener.get(), mine.get(), child, fault, run);
+    while (receiveText(mine.get(), run.text)) {
     }
     int status = 0;
     ::waitpid(child, &status, 0);

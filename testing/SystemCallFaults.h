@@ -9,11 +9,14 @@ namespace tarnwell::testing {
 
 /// What befalls a process at one of its system calls on files.
 struct SystemCallFault {
-    enum class Kind { none, error, kill };
+    enum class Kind { none, error, kill, act };
     Kind kind = Kind::none;
     std::size_t at = 0;  ///< the how manieth call, from 0
     int code = 0;        ///< the errno of an error; the call is not made
     bool lasts = false;  ///< an error of all later calls of this kind, too
+    /// What somebody else does while the process is about to make the call, which it then makes. Runs in the calling
+    /// process.
+    std::function<void()> act{};
 };
 
 struct FaultedRun {
