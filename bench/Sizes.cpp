@@ -12,6 +12,9 @@ std::optional<Sizes> sizesNamed(std::string_view name) {
                      .lookups = 100'000,
                      .pageSeries = {25'000, 50'000, 100'000},
                      .memorySeries = {10'000, 100'000, 1'000'000},
+                     .operations = 10000,
+                     .imports = 10000,
+                     .largeMebibytes = 1024,
                      .rounds = 5};
     }
     if (name == "small") {
@@ -23,6 +26,9 @@ std::optional<Sizes> sizesNamed(std::string_view name) {
                      .lookups = 10'000,
                      .pageSeries = {5'000, 10'000, 20'000},
                      .memorySeries = {1'000, 10'000, 100'000},
+                     .operations = 3000,
+                     .imports = 3000,
+                     .largeMebibytes = 256,
                      .rounds = 5};
     }
     if (name == "ci") {
@@ -34,6 +40,9 @@ std::optional<Sizes> sizesNamed(std::string_view name) {
                      .lookups = 100,
                      .pageSeries = {250, 500, 1'000},
                      .memorySeries = {250, 1'000},
+                     .operations = 200,
+                     .imports = 100,
+                     .largeMebibytes = 8,
                      .rounds = 2};
     }
     return std::nullopt;

@@ -19,6 +19,9 @@ struct Sizes {
     std::size_t lookups = 0;              ///< identifiers looked up in one round
     std::vector<std::size_t> pageSeries;  ///< entries of the folders whose pages are compared, rising
     std::vector<std::size_t> memorySeries;
+    std::size_t operations = 0;      ///< renames and the like in one round
+    std::size_t imports = 0;         ///< small files imported in one round
+    std::size_t largeMebibytes = 0;  ///< of the one large file
     unsigned rounds = 0;
 
     std::size_t treeFolders() const { return outerFolders * (1 + foldersInEach); }
