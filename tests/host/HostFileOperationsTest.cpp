@@ -55,6 +55,22 @@ protected:
         operations::Context{device_.roots(), device_.store(), device_.log()}, device_.pool());
 };
 
+TEST_F(HostFileOperationsTest, WhatThrowsIsAnErrorAndKeepsNoPlaceAmongTheOperations) {
+    for (std::size_t i = 0; i < 2 * HostFileOperations::kMostAtOnce; ++i) {
+        const std::string document = device_.home() + "/file " + std::to_string(i);
+        writeFile(document, "text");
+        const auto monitor = std::make_shared<operations::TransferMonitor>(
+            [](const operations::TransferProgress&) { throw std::bad_alloc(); });
+        operations_->attachMonitor(device_.roots().urlForRealPath(document), monitor);
+        const auto imported = import(document);
+        ASSERT_FALSE(imported);
+        EXPECT_TRUE(imported.error().is(ErrorDomain::posix, ENOMEM)) << describe(imported.error());
+        operations_->attachMonitor(device_.roots().urlForRealPath(document), {});
+        EXPECT_TRUE(import(document));
+    }
+    operations_.reset();
+}
+
 TEST_F(HostFileOperationsTest, EachOperationGivesTheURLAtWhichTheThingStands) {
     writeFile(device_.home() + "/a.txt", "text");
     EXPECT_EQ(import(device_.home() + "/a.txt").value(), device_.url("a.txt"));

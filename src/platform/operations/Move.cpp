@@ -1,3 +1,5 @@
+#include "platform/operations/Move.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -69,26 +71,35 @@ Result<Place> moveItem(const Context& context, const Place& place, const Place& 
     if (auto valid = checkNewName(name); !valid) return failure(valid.error());
     const auto item = openItem(place);
     if (!item) return failure(item.error());
+    const Place& from = item->folder.place;
+    if (from.root == target.root && from.relative == target.relative) {
+        return moveOpened(context, *item, item->folder, name, options);
+    }
     const auto folder = openFolder(target);
     if (!folder) return failure(folder.error());
-    const std::string path = realPath(place);
-    if (S_ISDIR(item->status.mode)) {
-        const auto inside = isInside(folder->get(), item->status);
+    return moveOpened(context, *item, *folder, name, options);
+}
+
+Result<Place> moveOpened(const Context& context, const OpenItem& item, const OpenFolder& folder,
+                         const std::string& name, const MoveOptions& options) {
+    const std::string path = realPath(item.folder.placeOf(item.name));
+    if (S_ISDIR(item.status.mode)) {
+        const auto inside = isInside(folder.get(), item.status);
         if (!inside) return failure(explained(inside.error(), kCannot, path));
         if (*inside) return failure(posixError(EINVAL, "the folder \"" + path + "\" cannot be moved into itself"));
     }
-    auto named = putUnderName(*folder, name, options.taken,
-                              [&](const std::string& tried) { return put(context, *item, *folder, tried, options); });
+    auto named = putUnderName(folder, name, options.taken,
+                              [&](const std::string& tried) { return put(context, item, folder, tried, options); });
     if (!named && named.error().is(ErrorDomain::posix, EXDEV)) {
-        named = moveByCopying(context, *item, *folder, name, options);
+        named = moveByCopying(context, item, folder, name, options);
     }
-    if (named) return folder->placeOf(*named);
-    Error error = explained(named.error(), kCannot, path, *folder);
+    if (named) return folder.placeOf(*named);
+    Error error = explained(named.error(), kCannot, path, folder);
     const bool isRefusal = error.is(ErrorDomain::generalFile, kWriteNotPermitted);
     if (isRefusal) {
         // It may be the folder that it leaves which does not let it go.
-        const Error leaving = explained(named.error(), kCannot, path, item->folder);
-        const std::string& from = realPath(item->folder.place);
+        const Error leaving = explained(named.error(), kCannot, path, item.folder);
+        const std::string& from = realPath(item.folder.place);
         if (leaving.userInfo.at(kErrorMessage).find("folder \"" + from + "\"") != std::string::npos) error = leaving;
     }
     if (!error.userInfo.contains(kErrorPath)) error.userInfo[kErrorPath] = path;

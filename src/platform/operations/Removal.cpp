@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <limits>
 #include <unordered_set>
 
@@ -188,8 +187,8 @@ Result<void> removeFolder(const Context& context, const OpenItem& item, const st
         }
         return explain(now ? posixError(ESTALE) : now.error());
     }
-    const Emptied emptied = removeTree(*folder, item.folder.get(), scratch->name(), Permissions::asTheyAre,
-                                       std::max(found->newest, now->changed));
+    const Emptied emptied =
+        removeTree(*folder, item.folder.get(), scratch->name(), Permissions::asTheyAre, found->newest);
     if (!emptied.result) return failure(takenBack(item, *scratch, emptied, found->items, path));
     scratch->forget();
     return {};

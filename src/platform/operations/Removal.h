@@ -16,10 +16,11 @@ namespace tarnwell::operations {
 /// there, which the next start ends if this process is killed. If the emptying fails all the same, what is left gets
 /// its name back, and the error says how much that is.
 ///
-/// What lies in the folder when it loses its name goes with it, also if it was put there or written a moment before.
-/// What comes later (by somebody who has a folder in it open) is not ours to remove: what has a change time after that
-/// moment, be it new, written or moved there, ends the removal with EBUSY, and the rest gets its name back. Where
-/// change times say nothing (FAT, some network file systems), and at the start that ends a killed removal, it goes.
+/// What comes into the folder after it was looked at is not ours to remove: what has a later change time than all that
+/// was seen then, be it new, written or moved there, ends the removal with EBUSY, and the rest gets its name back. So a
+/// folder in which a program keeps writing is not removed before that program rests. Where change times say nothing
+/// (FAT, some network file systems), within one tick of the file system's clock, and at the start that ends a killed
+/// removal, it goes.
 /// A folder that somebody moves out while it is being emptied loses what it still holds there; its own folders do not
 /// follow (ESTALE). A file or link is what has the name at that moment.
 Result<void> removeItem(const Context& context, const Place& item);

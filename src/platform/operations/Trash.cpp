@@ -1,4 +1,6 @@
+#include "platform/operations/EntryNames.h"
 #include "platform/operations/KnownObjects.h"
+#include "platform/operations/Move.h"
 #include "platform/operations/OperationErrors.h"
 #include "platform/operations/Operations.h"
 
@@ -32,7 +34,13 @@ Result<Place> trashItem(const Context& context, const Place& place, const Place&
     if (!folder) return failure(folder.error());
 
     std::optional<filesystem::Status> remembered;
-    const KnownObjects there(*folder), here(item->folder);
+    const KnownObjects there(*folder);
+    // Two mounts of one device may be told apart by what they are known by, one mount is one.
+    std::optional<KnownObjects> elsewhere;
+    const bool isOneMount = folder->status.mount != 0 && folder->status.mount == item->folder.status.mount &&
+                            folder->status.device == item->folder.status.device;
+    if (!isOneMount) elsewhere.emplace(item->folder);
+    const KnownObjects& here = isOneMount ? there : *elsewhere;
     options.taken = Taken::freeName;
     // Before the item has the name: a killed process must not leave something that nobody knows the origin of.
     options.aboutToAppear = [&](const filesystem::Status& object, const std::string& name) {
@@ -47,7 +55,7 @@ Result<Place> trashItem(const Context& context, const Place& place, const Place&
                                                      "\" came from is not remembered: " + describe(committed.error()));
         }
     };
-    auto moved = moveItem(context, place, trash, item->name, options);
+    auto moved = moveOpened(context, *item, *folder, item->name, options);
     if (!moved && remembered) forgetOrigin(context, *folder, *remembered);
     return moved;
 }
@@ -68,7 +76,10 @@ Result<Place> moveOutOfTrash(const Context& context, const Place& place, const P
                              const MoveOptions& options) {
     const auto item = openItem(place);
     if (!item) return failure(item.error());
-    auto moved = moveItem(context, place, folder, name, options);
+    if (auto valid = checkNewName(name); !valid) return failure(valid.error());
+    const auto target = openFolder(folder);
+    if (!target) return failure(target.error());
+    auto moved = moveOpened(context, *item, *target, name, options);
     if (moved) forgetOrigin(context, item->folder, item->status);
     return moved;
 }
