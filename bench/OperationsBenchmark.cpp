@@ -6,11 +6,11 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <semaphore>
+#include <mutex>
 
 #include "bench/SampleFiles.h"
 #include "bench/Suite.h"
@@ -50,17 +50,24 @@ public:
     /// Starts each of them when the one `atOnce` before it is done, and waits for all; how many succeeded.
     template <typename Start>
     std::uint64_t forEach(std::size_t count, std::ptrdiff_t atOnce, const Start& start) {
-        std::counting_semaphore<64> places(atOnce);
-        std::atomic<std::uint64_t> done{0};
+        std::mutex mutex;
+        std::condition_variable freed;
+        std::ptrdiff_t running = 0;
+        std::uint64_t done = 0;
+        std::unique_lock lock(mutex);
         for (std::size_t i = 0; i < count; ++i) {
-            places.acquire();
+            freed.wait(lock, [&] { return running < atOnce; });
+            ++running;
+            lock.unlock();
             start(i, [&](const auto& result) {
+                const std::lock_guard locked(mutex);
                 if (isDone(result)) ++done;
-                places.release();
+                --running;
+                freed.notify_one();
             });
+            lock.lock();
         }
-        for (std::ptrdiff_t i = 0; i < atOnce; ++i) places.acquire();
-        device_.pool()->waitUntilQuiet();
+        freed.wait(lock, [&] { return running == 0; });
         return done;
     }
 
@@ -131,6 +138,10 @@ Outcome<double> comparison(Suite& suite, benchmark::State& state, const std::str
     return (*costs)[0].clock;
 }
 
+std::string howMany(std::ptrdiff_t atOnce) {
+    return atOnce == 1 ? ", one by one" : ", " + std::to_string(atOnce) + " at once";
+}
+
 template <typename Call>
 std::uint64_t countOf(std::size_t count, const Call& call) {
     std::uint64_t done = 0;
@@ -138,17 +149,17 @@ std::uint64_t countOf(std::size_t count, const Call& call) {
     return done;
 }
 
-Outcome<double> renames(Suite& suite, benchmark::State& state) {
+Outcome<double> renames(Suite& suite, benchmark::State& state, std::ptrdiff_t atOnce) {
     Bench bench;
     const std::size_t count = suite.sizes().operations;
-    return comparison(suite, state, "rename", count, count,
+    return comparison(suite, state, "rename" + howMany(atOnce), count, count,
                       {{"ours",
                         [&] {
                             clear(bench.ours("from"));
                             return fill(bench.ours("from"), count);
                         },
                         [&] {
-                            return bench.forEach(count, 1, [&](std::size_t i, auto done) {
+                            return bench.forEach(count, atOnce, [&](std::size_t i, auto done) {
                                 bench.operations().renameWithNewName(bench.url("from/" + numbered(i)),
                                                                      "new " + numbered(i), done);
                             });
@@ -167,7 +178,7 @@ Outcome<double> renames(Suite& suite, benchmark::State& state) {
                         }}});
 }
 
-Outcome<double> folders(Suite& suite, benchmark::State& state) {
+Outcome<double> folders(Suite& suite, benchmark::State& state, std::ptrdiff_t atOnce) {
     Bench bench;
     const std::size_t count = suite.sizes().operations;
     const auto emptied = [](const std::string& path) {
@@ -177,10 +188,10 @@ Outcome<double> folders(Suite& suite, benchmark::State& state) {
         };
     };
     return comparison(
-        suite, state, "new folder", count, count,
+        suite, state, "new folder" + howMany(atOnce), count, count,
         {{"ours", emptied(bench.ours("to")),
           [&] {
-              return bench.forEach(count, 1, [&](std::size_t i, auto done) {
+              return bench.forEach(count, atOnce, [&](std::size_t i, auto done) {
                   bench.operations().createSubfolder(bench.url("to"), numbered(i), done);
               });
           }},
@@ -190,7 +201,7 @@ Outcome<double> folders(Suite& suite, benchmark::State& state) {
           }}});
 }
 
-Outcome<double> moves(Suite& suite, benchmark::State& state) {
+Outcome<double> moves(Suite& suite, benchmark::State& state, std::ptrdiff_t atOnce) {
     Bench bench;
     const std::size_t count = suite.sizes().operations;
     const auto ready = [count](const std::string& from, const std::string& to) {
@@ -200,10 +211,10 @@ Outcome<double> moves(Suite& suite, benchmark::State& state) {
             return fill(from, count);
         };
     };
-    return comparison(suite, state, "move", count, count,
+    return comparison(suite, state, "move" + howMany(atOnce), count, count,
                       {{"ours", ready(bench.ours("from"), bench.ours("to")),
                         [&] {
-                            return bench.forEach(count, 1, [&](std::size_t i, auto done) {
+                            return bench.forEach(count, atOnce, [&](std::size_t i, auto done) {
                                 bench.operations().reparentUnderFolder(bench.url("from/" + numbered(i)),
                                                                        bench.url("to"), std::nullopt,
                                                                        hostframework::Bouncing::refused, done);
@@ -421,9 +432,18 @@ void addOperations(Suite& suite) {
         suite.add(std::string("operations/") + name,
                   [&suite, measure](benchmark::State& state) { return measure(suite, state); });
     };
-    add("rename", renames);
-    add("new_folder", folders);
-    add("move", moves);
+    // One by one each waits for a thread to take it and for its answer; together they only wait for the disk.
+    for (const std::ptrdiff_t atOnce : {1, 16}) {
+        const std::string many = atOnce == 1 ? "" : "_at_once";
+        const auto addMany = [&](const char* name,
+                                 Outcome<double> (*measure)(Suite&, benchmark::State&, std::ptrdiff_t)) {
+            suite.add("operations/" + (name + many),
+                      [&suite, measure, atOnce](benchmark::State& state) { return measure(suite, state, atOnce); });
+        };
+        addMany("rename", renames);
+        addMany("new_folder", folders);
+        addMany("move", moves);
+    }
     add("trash", trash);
     add("import_files", imports);
     add("import_folder", folderImport);
