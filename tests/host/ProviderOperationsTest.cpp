@@ -1,8 +1,12 @@
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <chrono>
+#include <functional>
 
+#include "host/Changes.h"
 #include "host/HostFileOperations.h"
+#include "host/Listing.h"
 #include "hostframework/TagCodec.h"
 #include "tests/provider/OperationsFixture.h"
 
@@ -153,6 +157,63 @@ TEST_F(ProviderOperationsTest, ImportCreateRenameMoveAndDeleteOnRealFiles) {
     EXPECT_EQ(deleted.wait(), std::nullopt);
     EXPECT_FALSE(exists(notePath("Folder")));
     EXPECT_FALSE(exists(notePath(".Trash")));
+}
+
+TEST_F(ProviderOperationsTest, WhatAnOperationChangedIsInTheNextReplyOnce) {
+    // With the journal itself.
+    const fs::FSEnvironment journaled{device_.environment(), device_.events(), device_.pool()};
+    provider_ = provider::LocalProvider::create({journaled, context_, real_, real_});
+    makeNote("Folder/inner.txt", "inner");
+    makeNote("a.txt", "text");
+    testing::writeFile(device_.home() + "/letter.txt", "dear");
+    const std::string folder = noteIdentifier("Folder"), item = noteIdentifier("a.txt");
+    struct Row {
+        const char* title;
+        std::function<void(const ItemAnswer&)> operation;
+    };
+    const std::vector<Row> rows{
+        {"rename", [&](const ItemAnswer& answer) { provider_->renameItemWithIdentifier(item, "b.txt", answer); }},
+        {"move", [&](const ItemAnswer& answer) { provider_->reparentItemWithIdentifier(item, folder, {}, answer); }},
+        {"tag",
+         [&](const ItemAnswer& answer) { provider_->setTagData(TagCodec::encode({{"red", {}}}), item, answer); }},
+        {"rank", [&](const ItemAnswer& answer) { provider_->setFavoriteRank(3, item, answer); }},
+        {"used", [&](const ItemAnswer& answer) { provider_->setLastUsedDate(Date{}, item, answer); }},
+        {"trash", [&](const ItemAnswer& answer) { provider_->trashItemWithIdentifier(item, answer); }},
+        {"restore", [&](const ItemAnswer& answer) { provider_->untrashItemWithIdentifier(item, {}, answer); }},
+        {"import",
+         [&](const ItemAnswer& answer) {
+             provider_->importDocumentAtURL(URL::file(device_.home() + "/letter.txt"), folder, answer);
+         }},
+        {"mkdir", [&](const ItemAnswer& answer) { provider_->createDirectoryWithName("new", folder, answer); }},
+    };
+    auto follower = ChangeFollower::create(*provider_, kLibrary);
+    ASSERT_TRUE(follower.has_value()) << describe(follower.error());
+    auto anchor = currentSyncAnchor(*provider_, kLibrary).value().value();
+    const auto reported = [&](const std::string& identifier) {
+        const auto batch = follower->changesSince(anchor).value();
+        EXPECT_FALSE(batch.moreComing);
+        anchor = batch.anchor;
+        std::string text;
+        for (const auto& report : batch.reports) {
+            if (report.updated && report.updated->itemIdentifier() == identifier) text += "+";
+            if (report.deleted) text += *report.deleted == identifier ? "-" : "- of another";
+        }
+        return text;
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.title);
+        ItemAnswer answer;
+        row.operation(answer);
+        EXPECT_EQ(reported(wait(answer)->itemIdentifier()), "+");
+    }
+    DoneAnswer deleted;
+    provider_->deleteItemWithIdentifier(item, deleted);
+    EXPECT_EQ(deleted.wait(), std::nullopt);
+    EXPECT_EQ(reported(item), "-");
+    EXPECT_EQ(reported(item), "");
+    follower = failure(posixError(ECANCELED));
+    provider_.reset();
+    device_.pool()->waitUntilQuiet();
 }
 
 TEST_F(ProviderOperationsTest, ManyOperationsAtOnceEachCompleteOnce) {

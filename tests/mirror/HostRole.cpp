@@ -3,11 +3,11 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <optional>
 
 #include "host/Changes.h"
+#include "host/ItemOperations.h"
 #include "host/Listing.h"
 #include "host/Paths.h"
 #include "host/ProgramContext.h"
@@ -31,7 +31,7 @@ Bytes bytesFrom(const std::string& text) {
 /// The host's side of the provider: one request after the other.
 class Host {
 public:
-    explicit Host(host::ProgramContext& context) : context_(context) {}
+    Host(host::ProgramContext& context, bool isLimited) : context_(context), isLimited_(isLimited) {}
 
     Message answer(const Message& message) {
         const std::string& verb = message.at(0);
@@ -40,6 +40,7 @@ public:
         if (verb == "item") return item(message.at(1));
         if (verb == "identify") return identify(message);
         if (verb == "status") return status();
+        if (verb == "do") return operate(message);
         return changes(message.at(1), message.at(2));
     }
 
@@ -65,10 +66,26 @@ private:
         return url ? host::identifierForURL(context_, *url) : std::nullopt;
     }
 
+    Message operate(const Message& message) {
+        const std::string &verb = message.at(1), &item = message.at(2);
+        const auto told = [](const auto& outcome) { return outcome ? Message{"ok"} : refusal(outcome.error()); };
+        host::ItemOperations operations(context_);
+        if (verb == "mkdir") return told(operations.makeFolder(message.at(3), item));
+        if (verb == "import") return told(operations.import(message.at(3), item));
+        if (verb == "rename") return told(operations.rename(item, message.at(3)));
+        if (verb == "move") return told(operations.move(item, message.at(3), std::nullopt));
+        if (verb == "trash") return told(operations.trash(item));
+        if (verb == "restore") return told(operations.restore(item, std::nullopt));
+        if (verb == "delete") return told(operations.remove(item));
+        if (verb == "tag") return told(operations.setTags(item, {message.at(3)}));
+        return told(operations.setRank(item, std::stoull(message.at(3))));
+    }
+
     Message status() const {
         const auto live = context_.liveStatus();
-        if (!live) return {"ok", "0", "0"};
-        return {"ok", std::to_string(live->overflows), std::to_string(live->polledFolders)};
+        const std::string limited = isLimited_ ? "limited" : "";
+        if (!live) return {"ok", "0", "0", limited};
+        return {"ok", std::to_string(live->overflows), std::to_string(live->polledFolders), limited};
     }
 
     Message item(const std::string& path) {
@@ -112,6 +129,7 @@ private:
     }
 
     host::ProgramContext& context_;
+    const bool isLimited_;
     std::map<std::string, host::ChangeFollower> followers_;
 };
 
@@ -127,20 +145,22 @@ private:
     }
 };
 
-/// Leaves this process a few watches, of whichever kind. Where a machine does not let it, all folders are watched.
-void limitWatches() {
+/// Leaves this process a few watches, of whichever kind; false where a machine does not let it.
+bool limitWatches() {
     constexpr const char* kFew = "12";
-    if (testing::becomeOwnerOfUserNamespace()) return;
+    constexpr ssize_t kLength = 2;
+    if (testing::becomeOwnerOfUserNamespace()) return false;
     for (const char* limit : {"/proc/sys/user/max_fanotify_marks", "/proc/sys/user/max_inotify_watches"}) {
         const Descriptor file(::open(limit, O_WRONLY | O_CLOEXEC));
-        if (file.valid()) (void)!::write(file.get(), kFew, std::strlen(kFew));
+        if (!file.valid() || ::write(file.get(), kFew, kLength) != kLength) return false;
     }
+    return true;
 }
 
 }  // namespace
 
 int hostProvider(const std::string& home, const std::string& finding) {
-    if (finding == kLimited) limitWatches();
+    const bool isLimited = finding == kLimited && limitWatches();
     // The types of this device, not of whoever runs the test.
     ::setenv("XDG_DATA_HOME", (home + "/.local/share").c_str(), 1);
     ErrorLog log;
@@ -152,7 +172,7 @@ int hostProvider(const std::string& home, const std::string& finding) {
     (*context)->prepareForRequests();
     // Where the kernel offers nothing, comparing it is.
     if (finding != kComparing) (void)(*context)->watchForChanges();
-    Host host(**context);
+    Host host(**context, isLimited);
     while (const auto message = receive(STDIN_FILENO)) {
         if (!send(STDOUT_FILENO, host.answer(*message))) return 1;
     }

@@ -24,7 +24,9 @@ inline constexpr const char* kChangerRole = "--change-files";
 /// | list, container              | ok, the items of it and of the folders below it                                   |
 /// | item, path                   | ok, the item that stands there; ok alone where none does                          |
 /// | identify, paths              | ok, the identifier of what stands at each, "" where none does                     |
-/// | status                       | ok, how often the kernel dropped events, how many folders are polled              |
+/// | do, verb, its arguments      | ok; the verbs are those of the program, an item is its identifier                 |
+/// | status                       | ok, how often the kernel dropped events, how many folders are polled, "limited"   |
+/// |                              | where few can be watched                                                          |
 /// | changes, container, anchor   | ok, anchor, "more" or "", then each report: "-", identifier or "+", item          |
 ///
 /// A failure is answered with "error", its domain, its code and a text.
