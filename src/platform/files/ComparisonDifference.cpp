@@ -167,8 +167,7 @@ void ComparisonRun::placeUnknown(Folder& folder, const DiskEntry& entry, ObjectR
         return;
     }
     if (there && heritage && heritage->displaced == displaced->fileID && !left && row->kind == displaced->kind &&
-        row->documentID &&
-        there->first == displaced->identity.inode && there->second == displaced->identity.birth &&
+        row->documentID && there->first == displaced->identity.inode && there->second == displaced->identity.birth &&
         exchange(folder, entry, *displaced, *row)) {
         return;
     }

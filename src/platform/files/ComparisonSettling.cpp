@@ -103,8 +103,8 @@ void ComparisonRun::settleTakeover(const store::Takeover& takeover) {
     const bool isThere = successor->parent == takeover.folder && successor->name == takeover.name;
     // In a ring of documents that changed places one has its predecessor's by now.
     // What clients see keeps its ID rather than give it to what they do not: the successor may be hidden by now.
-    bool replaced = isThere && displaced && displaced->documentID == takeover.documentID &&
-                    successor->isDocument() && (successor->visible || !displaced->visible) &&
+    bool replaced = isThere && displaced && displaced->documentID == takeover.documentID && successor->isDocument() &&
+                    (successor->visible || !displaced->visible) &&
                     (displaced->state == ObjectState::missing || takeover.isRecent ||
                      (displaced->state == ObjectState::live && displaced->parent == successor->parent &&
                       isBackupName(successor->name, displaced->name)));
