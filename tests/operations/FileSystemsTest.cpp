@@ -140,6 +140,37 @@ TEST(OtherFileSystems, AMoveOfWhatChangesMeanwhileIsUndone) {
     }));
 }
 
+TEST(OtherFileSystems, WhatHasToStayIsToldAsTheCopyOfItsCopies) {
+    const testing::TemporaryDirectory directory;
+    EXPECT_NOTHING_WRONG(withOther(directory.path(), "", [](Workplace& at) -> std::string {
+        at.file("folder/inner/a.txt", "a");
+        at.file("single", "s");
+        for (const char* name : {"folder", "single"}) {
+            const std::string changed = std::string(name) == "folder" ? "folder/inner/a.txt" : "single";
+            using Object = std::pair<std::uint64_t, std::uint64_t>;
+            std::vector<std::pair<Object, Object>> told;
+            MoveOptions options;
+            options.copied = [&](const CopiedObject& copied) {
+                const auto copy = filesystem::statusOf(copied.copy.get()).value();
+                told.push_back({{copied.source.device, copied.source.inode}, {copy.device, copy.inode}});
+                // Too late for the copy.
+                if (told.size() == 1) testing::writeFile(at.path(changed), "written meanwhile");
+            };
+            const auto moved = moveItem(*at.context, at.place(name), at.place("other"), name, options);
+            if (moved) return "moved";
+            if (at.read(changed) != "written meanwhile") return "lost";
+            if (!treeOf(at.path("other")).empty()) return "a copy is left";
+            const std::size_t objects = std::string(name) == "folder" ? 3 : 1;
+            if (told.size() != 2 * objects) return "told of " + std::to_string(told.size());
+            for (std::size_t i = 0; i < objects; ++i) {
+                const auto& [source, copy] = told[i];
+                if (told[objects + i] != std::pair(copy, source)) return "not told back";
+            }
+        }
+        return "";
+    }));
+}
+
 TEST(OtherFileSystems, WhatHasNoCopyStays) {
     const testing::TemporaryDirectory directory;
     EXPECT_NOTHING_WRONG(withOther(directory.path(), "", [](Workplace& at) -> std::string {

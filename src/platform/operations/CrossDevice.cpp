@@ -15,6 +15,13 @@
 namespace tarnwell::operations {
 namespace {
 
+Result<Descriptor> openAnyhow(int folder, const std::string& name, std::uint32_t mode) {
+    return filesystem::openBeneath(folder, name,
+                                   S_ISDIR(mode)   ? O_RDONLY | O_DIRECTORY
+                                   : S_ISREG(mode) ? O_RDONLY
+                                                   : O_PATH | O_NOFOLLOW);
+}
+
 /// Goes through source and copy side by side: tells of the pairs, and what the source looks like now.
 class Pairs : public TreeVisitor {
 public:
@@ -36,7 +43,7 @@ public:
     Result<void> entry(int, const std::string& name, const filesystem::Status& status) override {
         now.add(parents_.back(), name, status);
         if (!told_) return {};
-        auto copy = filesystem::openBeneath(at_.get(), name, S_ISREG(status.mode) ? O_RDONLY : O_PATH | O_NOFOLLOW);
+        auto copy = openAnyhow(at_.get(), name, status.mode);
         if (!copy) return failure(copy.error());
         tell(status, *copy);
         return {};
@@ -62,14 +69,28 @@ private:
 
 Error changedError() { return posixError(EBUSY, "it is being changed; it was not moved"); }
 
+/// The sources stay: what was told of the copies is of them again. What is not found on both sides is passed over by
+/// ending early; that is the price of a change in this moment.
+void tellBack(const OpenItem& item, const OpenFolder& folder, const Copied& copied, const MoveOptions& options) {
+    if (!options.copied) return;
+    auto source = openAnyhow(item.folder.get(), item.name, item.status.mode);
+    const auto copy = openAnyhow(folder.get(), copied.name, item.status.mode);
+    const auto status = copy ? filesystem::statusOf(copy->get()) : Result<filesystem::Status>(failure(copy.error()));
+    if (!source || !status || !isSameObject(*status, copied.status)) return;
+    if (!S_ISDIR(item.status.mode)) {
+        options.copied({*status, *source});
+        return;
+    }
+    Pairs pairs(std::move(*source), *status, options.copied);
+    TreeWalk walk(pairs);
+    (void)walk.run(*copy);
+}
+
 /// What the source is now, if that is still what was copied.
 Result<TreeSurvey> comparePairs(const OpenItem& item, const Descriptor& source, const OpenFolder& folder,
                                 const Copied& copied, const MoveOptions& options) {
-    const bool isFolder = S_ISDIR(item.status.mode), isFile = S_ISREG(item.status.mode);
-    auto copy = filesystem::openBeneath(folder.get(), copied.name,
-                                        isFolder ? O_RDONLY | O_DIRECTORY
-                                        : isFile ? O_RDONLY
-                                                 : O_PATH | O_NOFOLLOW);
+    const bool isFolder = S_ISDIR(item.status.mode);
+    auto copy = openAnyhow(folder.get(), copied.name, item.status.mode);
     if (!copy) return failure(copy.error());
     const auto now = filesystem::statusAt(item.folder.get(), item.name.c_str());
     if (!now) return failure(now.error());
@@ -125,6 +146,7 @@ Result<std::string> moveByCopying(const Context& context, const OpenItem& item, 
         gone = found ? removeAfterMove(context, item.folder, item.name, item.status, *found) : failure(found.error());
     }
     if (gone) return copied->name;
+    tellBack(item, folder, *copied, options);
     // The copy is no longer wanted, as long as it is still the copy that has the name.
     const auto standing = filesystem::statusAt(folder.get(), copied->name.c_str());
     if (standing && isSameObject(*standing, copied->status)) {

@@ -42,7 +42,8 @@ struct MoveOptions {
     Taken taken = Taken::refused;
     TransferMonitor* monitor = nullptr;  ///< of a move to another file system
     /// Told of every copied object, folders before what they hold, when all of them are in place and none of the
-    /// sources is gone. So identities can be carried over.
+    /// sources is gone. So identities can be carried over. Where the sources have to stay after all, it is told of them
+    /// as copies of the copies, which are about to go.
     std::function<void(const CopiedObject&)> copied;
     /// Told of what is about to have which name (the copy, if it is copied).
     std::function<void(const filesystem::Status&, const std::string&)> aboutToAppear;
