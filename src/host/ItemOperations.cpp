@@ -119,11 +119,16 @@ std::optional<ItemOperations::Identifier> ItemOperations::rememberedParent(const
     if (items::valueOfAttribute(context_.environment(), items::LocalItem::xattrTrashPutBackName, place)) {
         return std::nullopt;
     }
+    // What lies in no library has the storage root where its folder is gone, as others have their library.
+    const bool isOwn = context_.providerManager().relationshipToDocumentStorage(place) == Relationship::contains;
+    const auto top = isOwn ? std::optional(hostframework::kRootContainer) : std::nullopt;
     const auto origin = context_.fileOperations().trashOriginOf(place);
-    if (!origin || !origin->folder) return std::nullopt;
+    if (!origin || !origin->folder) return top;
     const auto folder =
         items::TWPFileObjectIdentifier(context_.environment()).fileURLWithFileIdentifier(raw(*origin->folder));
-    return folder ? identifierForURL(context_, *folder) : std::nullopt;
+    if (!folder || items::liesInTrash(folder->path())) return top;
+    const auto parent = identifierForURL(context_, *folder);
+    return parent ? parent : top;
 }
 
 Result<std::string> ItemOperations::remove(const Identifier& item) {

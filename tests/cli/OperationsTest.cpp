@@ -187,16 +187,21 @@ TEST_F(OperationsTest, RestoreGoesWhereItIsTold) {
               "restored  " + identifier + "  " + device_.note("a.txt"));
 }
 
-TEST_F(OperationsTest, RestoreTellsThatTheFolderIsGoneAndLeavesTheItemInTheTrash) {
-    const std::string identifier = device_.idOf(device_.document("Folder/a.txt"));
-    succeed({"trash", identifier});
-    succeed({"delete", device_.document("Folder")});
-    EXPECT_EQ(complaint({"restore", identifier}),
-              "cannot restore \"" + identifier +
-                  "\": the folder that it came from is not known or not there any more; name one with --to");
-    EXPECT_EQ(readFile(trashed("a.txt")), "a");
-    succeed({"restore", identifier, "--to", device_.document("Many")});
-    EXPECT_EQ(readFile(device_.document("Many/a.txt")), "a");
+TEST_F(OperationsTest, RestorePutsAnOwnDocumentAtTheTopWhereItsFolderIsGone) {
+    for (const std::string verb : {"delete", "trash"}) {
+        SCOPED_TRACE(verb);
+        make(verb + "/a.txt", "a");
+        const std::string identifier = device_.idOf(device_.document(verb + "/a.txt"));
+        succeed({"trash", identifier});
+        succeed({verb, device_.document(verb)});
+        EXPECT_EQ(succeed({"restore", identifier}).front(),
+                  "restored  " + identifier + "  " + device_.document("a.txt"));
+        succeed({"delete", identifier});
+    }
+    // Whatever else lies in the trash, and nobody remembers where it came from.
+    make(".Trash/found.txt", "found");
+    succeed({"restore", trashed("found.txt")});
+    EXPECT_EQ(readFile(device_.document("found.txt")), "found");
 }
 
 TEST_F(OperationsTest, RestorePutsALibrarysItemIntoTheLibraryWhereTheFolderIsGone) {
