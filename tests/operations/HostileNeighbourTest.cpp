@@ -212,6 +212,8 @@ bool isNoLink(const Rig& rig, std::initializer_list<const char*> places) {
         struct stat status{};
         if (::lstat(rig.at.path(place).c_str(), &status) != 0 || S_ISLNK(status.st_mode)) return false;
     }
+    // Then something else comes first, as in any program that has more to do.
+    ::usleep(50);
     return true;
 }
 
