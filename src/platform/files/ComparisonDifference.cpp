@@ -291,7 +291,9 @@ void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& en
     // What becomes visible came in: before that no listing counted it.
     const bool cameIn = !sameFolder || old.state == ObjectState::gone || (row.visible && !old.visible);
     if (cameIn) row.position = session().numbers().nextPosition();
-    if (entry.status.links > 1 && !sameFolder && old.state != ObjectState::missing) distrust(FileID{old.parent});
+    // Missing and unseen, it went out of sight with its folder, in which nobody looked for it.
+    const bool wasLookedFor = old.state == ObjectState::missing && old.visible;
+    if (entry.status.links > 1 && !sameFolder && !wasLookedFor) distrust(FileID{old.parent});
     if (row.isDocument() != old.isDocument() && row.documentID) {
         // A folder that is no package any more is known by its file ID again.
         if (toldOf) session().journal().recordDeparture(row.fileID, row.documentID, old.parent, oldPath);
