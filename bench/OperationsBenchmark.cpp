@@ -96,6 +96,14 @@ void clear(const std::string& folder) {
     std::filesystem::create_directories(folder);
 }
 
+/// Empties the folder before each time.
+std::function<Outcome<void>()> emptied(const std::string& path) {
+    return [path]() -> Outcome<void> {
+        clear(path);
+        return {};
+    };
+}
+
 /// What is timed, with what has to be done before each time and is not.
 struct Way {
     std::string name;
@@ -181,12 +189,6 @@ Outcome<double> renames(Suite& suite, benchmark::State& state, std::ptrdiff_t at
 Outcome<double> folders(Suite& suite, benchmark::State& state, std::ptrdiff_t atOnce) {
     Bench bench;
     const std::size_t count = suite.sizes().operations;
-    const auto emptied = [](const std::string& path) {
-        return [path]() -> Outcome<void> {
-            clear(path);
-            return {};
-        };
-    };
     return comparison(
         suite, state, "new folder" + howMany(atOnce), count, count,
         {{"ours", emptied(bench.ours("to")),
@@ -295,12 +297,6 @@ Outcome<double> imports(Suite& suite, benchmark::State& state) {
     Bench bench;
     const std::size_t count = suite.sizes().imports;
     if (auto filled = fill(bench.source("many"), count); !filled) return std::unexpected(filled.error());
-    const auto emptied = [&](const std::string& path) {
-        return [path]() -> Outcome<void> {
-            clear(path);
-            return {};
-        };
-    };
     const auto import = [&](std::ptrdiff_t atOnce) {
         return bench.forEach(count, atOnce, [&](std::size_t i, auto done) {
             bench.operations().importUnderFolder(bench.urlOf(bench.source("many/" + numbered(i))), bench.url("to"),
@@ -331,12 +327,6 @@ Outcome<double> folderImport(Suite& suite, benchmark::State& state) {
     Bench bench;
     const std::size_t count = suite.sizes().imports;
     if (auto filled = fill(bench.source("many"), count); !filled) return std::unexpected(filled.error());
-    const auto emptied = [&](const std::string& path) {
-        return [path]() -> Outcome<void> {
-            clear(path);
-            return {};
-        };
-    };
     const auto copied = [&](bool isWritten) -> std::uint64_t {
         if (!runs({"cp", "-a", bench.source("many"), bench.bare("to")})) return 0;
         const Descriptor to(::open(bench.bare("to").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -363,12 +353,6 @@ Outcome<double> largeFile(Suite& suite, benchmark::State& state) {
         for (std::size_t i = 0; i < suite.sizes().largeMebibytes; ++i) file << block;
         if (!file.flush()) return std::unexpected("no room for the large file");
     }
-    const auto emptied = [&](const std::string& path) {
-        return [path]() -> Outcome<void> {
-            clear(path);
-            return {};
-        };
-    };
     const auto copied = [&](bool isWritten) -> std::uint64_t {
         if (!runs({"cp", "--reflink=auto", "-p", source, bench.bare("to/large")})) return 0;
         const Descriptor copy(::open(bench.bare("to/large").c_str(), O_RDONLY | O_CLOEXEC));

@@ -12,9 +12,6 @@ using hostframework::noSuchItem;
 
 class ItemCreationTest : public OperationsTest {
 protected:
-    static inline const std::string kOpen = "[DEBUG] ┏ ";
-    static inline const std::string kClose = "[DEBUG] ┗";
-
     /// A document outside of the roots.
     URL source(const std::string& name, std::string_view content = "imported") {
         const std::string path = device_.home() + "/" + name;

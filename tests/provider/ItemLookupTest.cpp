@@ -16,8 +16,6 @@ using hostframework::noSuchItem;
 class ItemLookupTest : public ProviderTest {
 protected:
     static inline const Error kInvalidIdentifier = items::makeError(items::TarnwellError::invalidItemIdentifier);
-    static inline const std::string kOpen = "[DEBUG] ┏ ";
-    static inline const std::string kClose = "[DEBUG] ┗";
 
     static Error noSuchFile() { return {ErrorDomain::generalFile, kNoSuchFileOnRead, {}}; }
     /// What `itemForURL` says of the library "notes" when its folder is gone.

@@ -14,6 +14,10 @@ namespace tarnwell::provider {
 /// A device with app libraries on it, whose file events a test plays.
 class ProviderTest : public fs::FSTest {
 protected:
+    /// How the lines begin that open and close a section of the log, its number left out.
+    static inline const std::string kOpen = "[DEBUG] ┏ ";
+    static inline const std::string kClose = "[DEBUG] ┗";
+
     using Lines = std::vector<std::string>;
     using Application = testing::FakeAppRegistry::Application;
 

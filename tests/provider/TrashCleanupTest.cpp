@@ -15,8 +15,6 @@ using items::LocalItem;
 
 class TrashCleanupTest : public OperationsTest {
 protected:
-    static inline const std::string kOpen = "[DEBUG] ┏ ";
-    static inline const std::string kClose = "[DEBUG] ┗";
     static inline const Date kReference{1'700'000'000'123'456'789ns};
 
     TrashCleanupTest() {

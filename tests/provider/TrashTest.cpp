@@ -45,9 +45,6 @@ private:
 
 class TrashTest : public OperationsTest {
 protected:
-    static inline const std::string kOpen = "[DEBUG] ┏ ";
-    static inline const std::string kClose = "[DEBUG] ┗";
-
     hostframework::ProviderItemPtr itemOf(const ItemAnswer& answer) {
         auto outcome = answer.wait();
         if (!outcome) ADD_FAILURE() << describe(outcome.error());

@@ -22,8 +22,6 @@ using Operation = testing::FaultyFileSystem::Operation;
 
 class UserMetadataTest : public OperationsTest {
 protected:
-    static inline const std::string kOpen = "[DEBUG] ┏ ";
-    static inline const std::string kClose = "[DEBUG] ┗";
     static inline const Date kDate{1'700'000'000'123'456'789ns};
 
     UserMetadataTest() {
