@@ -27,21 +27,6 @@ bool InterruptGuard::wasInterrupted() const {
     return poll(&asked, 1, 0) > 0;
 }
 
-InterruptWatch::InterruptWatch(const InterruptGuard& interrupts, std::function<void()> onInterrupt)
-    : end_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      thread_([interrupt = interrupts.descriptor(), end = end_.get(), onInterrupt = std::move(onInterrupt)] {
-          std::array<pollfd, 2> waited{{{interrupt, POLLIN, 0}, {end, POLLIN, 0}}};
-          while (poll(waited.data(), waited.size(), -1) < 0 && errno == EINTR) {
-          }
-          if (waited[0].revents != 0 && waited[1].revents == 0) onInterrupt();
-      }) {}
-
-InterruptWatch::~InterruptWatch() {
-    const std::uint64_t one = 1;
-    (void)!write(end_.get(), &one, sizeof one);
-    thread_.join();
-}
-
 namespace {
 
 /// True when the counter came, false when the interrupt did.
@@ -64,6 +49,16 @@ void Wakeup::signal() const {
 
 Wakeup::Woken Wakeup::wait(const InterruptGuard& interrupts) const {
     return waitForEither(counter_, interrupts) ? Woken::bySignal : Woken::byInterrupt;
+}
+
+InterruptWatch::InterruptWatch(const InterruptGuard& interrupts, std::function<void()> onInterrupt)
+    : thread_([this, &interrupts, onInterrupt = std::move(onInterrupt)] {
+          if (end_.wait(interrupts) == Wakeup::Woken::byInterrupt) onInterrupt();
+      }) {}
+
+InterruptWatch::~InterruptWatch() {
+    end_.signal();
+    thread_.join();
 }
 
 ChangeSignal::ChangeSignal(HostProviderManager& manager)

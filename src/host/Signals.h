@@ -22,20 +22,6 @@ private:
     Descriptor descriptor_;
 };
 
-/// Tells of the process having been asked to end, once, on a thread of its own.
-class InterruptWatch {
-public:
-    InterruptWatch(const InterruptGuard& interrupts, std::function<void()> onInterrupt);
-    /// After it returned nothing is told any more.
-    ~InterruptWatch();
-    InterruptWatch(const InterruptWatch&) = delete;
-    InterruptWatch& operator=(const InterruptWatch&) = delete;
-
-private:
-    Descriptor end_;
-    std::thread thread_;
-};
-
 /// Wakes one thread that waits for one thing.
 class Wakeup {
 public:
@@ -48,6 +34,20 @@ public:
 
 private:
     Descriptor counter_;
+};
+
+/// Tells of the process having been asked to end, once, on a thread of its own. The guard outlives it.
+class InterruptWatch {
+public:
+    InterruptWatch(const InterruptGuard& interrupts, std::function<void()> onInterrupt);
+    /// After it returned nothing is told any more.
+    ~InterruptWatch();
+    InterruptWatch(const InterruptWatch&) = delete;
+    InterruptWatch& operator=(const InterruptWatch&) = delete;
+
+private:
+    Wakeup end_;
+    std::thread thread_;
 };
 
 /// Wakes a thread when the provider says that something changed, without waking it for anything else.
