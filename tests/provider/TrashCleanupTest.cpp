@@ -232,8 +232,9 @@ TEST_F(TrashCleanupTest, WhatWasPutBackMeanwhileIsNotDeletedWhereItIsNow) {
     newLines();
     clean();
     EXPECT_TRUE(exists(notePath("wanted.txt")));
-    const auto lines = newLines();
-    EXPECT_TRUE(lines.back().starts_with("[ERROR] can't remove item did=")) << lines.back();
+    // The last line is this one or the end of the section: the deletion completes on a thread of its own.
+    EXPECT_TRUE(std::ranges::any_of(
+        newLines(), [](const std::string& line) { return line.starts_with("[ERROR] can't remove item did="); }));
 }
 
 TEST_F(TrashCleanupTest, AnotherNameOfATrashedDocumentStays) {
