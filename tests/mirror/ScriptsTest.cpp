@@ -117,6 +117,34 @@ TEST_F(Scripts, AFolderLeavesOneThatGoesAndChangesAfterwards) {
     expectEqual();
 }
 
+/// Between two batches of one client another one asks, so that each step is recorded as it is.
+TEST_F(Scripts, AFolderLeavesOneThatIsGoneForOneBatchOnly) {
+    Client& other = begin(hostframework::kWorkingSetContainer);
+    for (const bool goesAgain : {false, true}) {
+        SCOPED_TRACE(goesAgain);
+        const std::string top = goesAgain ? "Documents/second" : "Documents/first";
+        makeFolder(top);
+        makeFolder(top + "/a");
+        makeFolder(top + "/a/b");
+        write(top + "/a/b/file");
+        Client& client = begin(hostframework::kRootContainer);
+        move(top + "/a/b", top + "/b");
+        move(top + "/a", top + "/.a");
+        catchUp(other);
+        makeFolder(top + "/many");
+        for (int i = 0; i < 250; ++i) write(top + "/many/" + std::to_string(i));
+        catchUp(other);
+        ASSERT_EQ(::chmod(path(top + "/b").c_str(), 0700), 0);  // moves its record behind the others
+        ASSERT_EQ(client.step(device_), Client::Outcome::more) << client.problem();
+        move(top + "/.a", top + "/a");
+        if (goesAgain) {
+            catchUp(other);
+            move(top + "/a", top + "/.a");
+        }
+        expectEqual();
+    }
+}
+
 TEST_F(Scripts, AFileAndAPackageChangePlaces) {
     if (!device_.packageSuffix()) GTEST_SKIP() << "this machine cannot declare package types";
     const std::string package = "Documents/a" + *device_.packageSuffix();

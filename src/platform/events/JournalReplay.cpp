@@ -42,6 +42,7 @@ std::optional<std::string> JournalReplay::pathBelowFolders(store::Session& sessi
 Result<JournalReplay::Batch> JournalReplay::batchAfter(EventID since, EventID upTo) {
     Batch batch;
     batch.reached = upTo;
+    goesOn_ = raw(since) > begunAt();
     // Not in the middle of a comparison: what it has not found yet looks as if it were nowhere, and its record, once
     // passed over, is not told again.
     const auto rest = comparer_.atRest();
@@ -87,14 +88,16 @@ std::optional<FileEvent> JournalReplay::eventForObject(store::Session& session, 
     return FileEvent{event, flags, std::move(path), row.fileID, row.documentID};
 }
 
-/// True when the reader was told, since the folder left another one, that this one or one above it is gone: he drops
-/// what hung under it, and the folder came out of it only now to him.
+/// True when the reader may have been told, since the folder left another one, that this one or one above it is gone:
+/// he drops what hung under it, and the folder came out of it only now to him. What he was told in earlier batches is
+/// not known any more: what left then may be back, or have left once more. Then this may be true without need, never
+/// false.
 bool JournalReplay::wasDropped(store::Session& session, FileID folder, std::uint64_t before, std::set<FileID>& asked) {
     if (!asked.insert(folder).second) return false;
     for (const store::Departure& departure : session.journal().departuresOf(folder, begunAt())) {
         for (std::uint64_t above = departure.folder; above != 0;) {
             for (const store::Departure& end : session.journal().departuresOf(FileID{above}, begunAt())) {
-                if (end.event < before && !isAlive(session, end)) return true;
+                if (goesOn_ || (end.event < before && !isAlive(session, end))) return true;
             }
             if (wasDropped(session, FileID{above}, before, asked)) return true;
             const auto row = session.index().byFileID(FileID{above});

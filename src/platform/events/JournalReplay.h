@@ -52,6 +52,7 @@ private:
     store::Store& store_;
     const StreamOptions& options_;
     Scope scope_;
+    bool goesOn_ = false;  ///< the batch at hand is not the reader's first
 };
 
 }  // namespace tarnwell::events
