@@ -38,13 +38,14 @@ struct ProgramContext::Parts {
     files::LocalFileSystem files{roots, *store, comparer, *types};
     files::IndexGenerationStore generationStore{roots, *store, comparer, files};
     std::unique_ptr<events::ComparingEventService> events;
-    std::unique_ptr<registry::AppRegistry> registry;
+    std::unique_ptr<registry::LinuxAppRegistry> registry;
     std::unique_ptr<HostProviderManager> providerManager;
     std::optional<items::Environment> environment;
     std::optional<fs::FSEnvironment> fsEnvironment;
     std::unique_ptr<applibraries::AppLibraryContext> appLibraries;
     hostframework::ObjectRuntime objectRuntime;
     std::shared_ptr<provider::LocalProvider> provider;
+    std::unique_ptr<registry::RegistryWatch> registryWatch;
 };
 
 namespace {
@@ -146,6 +147,7 @@ Result<std::unique_ptr<ProgramContext>> ProgramContext::create(const Settings& s
 ProgramContext::ProgramContext(std::unique_ptr<Parts> parts) : parts_(std::move(parts)) {}
 
 ProgramContext::~ProgramContext() {
+    parts_->registryWatch.reset();
     parts_->provider.reset();
     // What enumerators and readers put on their queues when they ended still uses the services below.
     parts_->pool->waitUntilQuiet();
@@ -171,7 +173,19 @@ void ProgramContext::prepareForRequests() {
     if (upgraded) parts_->providerManager->signalEnumeratorForContainer(hostframework::kWorkingSetContainer, {});
 }
 
-Result<void> ProgramContext::watchForChanges() { return parts_->events->watch(); }
+Result<void> ProgramContext::watchForChanges() {
+    const auto refresh = [weak = std::weak_ptr(parts_->provider)] {
+        if (const auto provider = weak.lock()) provider->refreshInstalledAppsWithCompletionHandler({});
+    };
+    if (auto watch = parts_->registry->watch(refresh)) {
+        parts_->registryWatch = std::move(*watch);
+        refresh();  // what changed since they were met
+    } else {
+        parts_->programLog.error("applications that come and go are found at the next start; " +
+                                 describe(watch.error()));
+    }
+    return parts_->events->watch();
+}
 std::optional<events::LiveIndex::Status> ProgramContext::liveStatus() const { return parts_->events->liveStatus(); }
 
 void ProgramContext::giveUp() { parts_->comparer.giveUp(); }

@@ -44,8 +44,9 @@ public:
     void prepareForRequests();
 
     /// For a program that stays: from now on the kernel tells what changes, as far as it can, instead of looking at
-    /// everything from time to time. Begins in the background with one look at everything. To be called before the
-    /// first enumerator; fails where the kernel offers nothing, and everything works as before.
+    /// everything from time to time, and applications that come and go are met by themselves. Begins in the background
+    /// with one look at everything. To be called before the first enumerator; fails where the kernel offers nothing,
+    /// and everything works as before.
     Result<void> watchForChanges();
     /// How that is done; nothing as long as comparing is the source.
     std::optional<events::LiveIndex::Status> liveStatus() const;

@@ -289,6 +289,58 @@ TEST(Changes, FollowedSinceAnAnchorBeginWithWhatWasMissed) {
     EXPECT_EQ(refused.status, 3);
 }
 
+/// Reads objects until one tells that the identifier is gone.
+bool followToDeletionOf(ChildProgram& program, const std::string& identifier) {
+    for (int i = 0; i < 1000; ++i) {
+        const auto line = program.readLine();
+        if (!line) return false;
+        const auto object = json::parse(*line, nullptr, false);
+        if (object.is_discarded()) return false;
+        if (object.contains("delete") && object["delete"] == identifier) return true;
+    }
+    return false;
+}
+
+TEST(Changes, FollowApplicationsThatComeAndGoWithWhatTheyHold) {
+    const std::string entry = "home/.local/share/applications/net.example.Charts.desktop";
+    for (const std::string container : {"root", "workingset"}) {
+        SCOPED_TRACE(container);
+        Device device;
+        makeDirectories(device.path("home/Charts/Documents/folder"));
+        writeFile(device.path("home/Charts/Documents/folder/Old.txt"), "text");
+        auto program = device.start({"--json", "changes", container, "--follow"});
+        ASSERT_TRUE(program.readLine());
+        writeFile(device.path(entry),
+                  "[Desktop Entry]\nType=Application\nName=Charts\nX-Tarnwell-DataContainer=~/Charts\n"
+                  "X-Tarnwell-SupportsDocumentBrowser=true\n");
+        if (container == "root") followTo(program, "Charts");
+        if (container == "workingset") followTo(program, "Old.txt");
+        // The new library is watched as the others are.
+        writeFile(device.path("home/Charts/Documents/folder/New.txt"), "text");
+        followTo(program, "New.txt");
+        disk::remove(device.path(entry));
+        EXPECT_TRUE(followToDeletionOf(program, "#net.example.Charts"));
+        program.sendSignal(SIGTERM);
+        EXPECT_EQ(program.finish().status, 0);
+    }
+}
+
+TEST(Changes, FollowDocumentsFoldersThatAreMadeLater) {
+    Device device;
+    makeDirectories(device.path("home/Charts"));
+    writeFile(device.path("home/.local/share/applications/net.example.Charts.desktop"),
+              "[Desktop Entry]\nType=Application\nName=Charts\nX-Tarnwell-DataContainer=~/Charts\n"
+              "X-Tarnwell-SupportsDocumentBrowser=true\n");
+    auto program = device.start({"--json", "changes", "root", "--follow"});
+    ASSERT_TRUE(program.readLine());
+    makeDirectories(device.path("home/Charts/Documents"));
+    followTo(program, "Charts");
+    writeFile(device.path("home/Charts/Documents/First.txt"), "text");
+    followTo(program, "First.txt");
+    program.sendSignal(SIGTERM);
+    EXPECT_EQ(program.finish().status, 0);
+}
+
 TEST(Changes, FollowedAreToldToPeopleToo) {
     Device device;
     auto program = device.start({"changes", "workingset", "--follow"});

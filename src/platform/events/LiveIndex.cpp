@@ -81,6 +81,7 @@ Result<void> LiveIndex::apply() {
         // Whatever is gone was so at that time already, and nothing has been heard of it since.
         if (auto purged = comparer_.purgeGone(); !purged) return purged;
     }
+    if (auto compared = comparer_.compareNewRoots(); !compared) return compared;
     Pending pending = std::exchange(carried_, {});
     for (int attempt = 0;; ++attempt) {
         if (!takeHints(pending)) knowsNothing_ = true;

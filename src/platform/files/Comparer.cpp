@@ -23,6 +23,7 @@ Comparer::Comparer(const Roots& roots, store::Store& store, mime::TypeDatabase& 
 Result<void> Comparer::compare(const std::vector<Place>& folders, Detail detail) {
     std::lock_guard running(runMutex_);
     ComparisonRun run(*this);
+    const std::size_t rootsNow = roots_.count();
     if (folders.empty()) {
         if (auto result = run.compareRoots(detail); !result) return result;
     }
@@ -31,6 +32,20 @@ Result<void> Comparer::compare(const std::vector<Place>& folders, Detail detail)
     }
     auto finished = run.finish();
     if (finished && run.isComplete() && coverStorage(folders)) store_.noteCompared();
+    if (finished && folders.empty()) rootsCompared_ = rootsNow;
+    return finished;
+}
+
+Result<void> Comparer::compareNewRoots() {
+    std::lock_guard running(runMutex_);
+    if (roots_.count() == rootsCompared_) return {};
+    const auto roots = roots_.all();
+    ComparisonRun run(*this);
+    for (std::size_t i = rootsCompared_; i < roots.size(); ++i) {
+        if (auto result = run.compareBelow({roots[i], ""}, Detail::everything); !result) return result;
+    }
+    auto finished = run.finish();
+    if (finished) rootsCompared_ = roots.size();
     return finished;
 }
 

@@ -54,6 +54,8 @@ public:
 
     /// Compares the folders and everything below them; all roots when the list is empty.
     Result<void> compare(const std::vector<Place>& folders, Detail detail);
+    /// Compares the roots that were added since the last comparison of all of them.
+    Result<void> compareNewRoots();
     /// Compares the names in one folder only, if they changed.
     Result<void> compareFolder(const Place& folder);
     /// The same for a folder whose row is at hand; nothing happens if another object stands at the place by now. With a
@@ -163,8 +165,9 @@ private:
     std::mutex runMutex_;  ///< held by the comparison under way
     /// Missing objects may wait to be settled: an earlier program may have been cut off. Under runMutex_.
     bool unsettled_ = true;
-    bool takeoversLeft_ = true;     ///< the same for takeovers, also after a comparison that failed
-    FolderWatch* watch_ = nullptr;  ///< under runMutex_
+    std::size_t rootsCompared_ = 0;  ///< under runMutex_: how many were there at the last comparison of all roots
+    bool takeoversLeft_ = true;      ///< the same for takeovers, also after a comparison that failed
+    FolderWatch* watch_ = nullptr;   ///< under runMutex_
     /// Under runMutex_: folders of whose contents no hint will tell, to be read with all below them: such as were given
     /// up when the folder became hidden or went, or were there before it was watched.
     std::set<FileID> unread_;

@@ -219,6 +219,11 @@ std::shared_ptr<const Root> Roots::storage() const {
     return roots_.front();
 }
 
+std::size_t Roots::count() const {
+    const std::lock_guard lock(mutex_);
+    return roots_.size();
+}
+
 std::vector<std::shared_ptr<const Root>> Roots::all() const {
     const std::lock_guard lock(mutex_);
     return roots_;

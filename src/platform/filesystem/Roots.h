@@ -68,6 +68,7 @@ public:
     std::shared_ptr<const Root> storage() const;
     /// All roots, the storage first, then in the order of adding.
     std::vector<std::shared_ptr<const Root>> all() const;
+    std::size_t count() const;
     /// True for the descriptor that holds a root open.
     bool isRoot(int descriptor) const;
 

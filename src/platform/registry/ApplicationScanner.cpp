@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 
 #include "platform/log/LineText.h"
 #include "platform/registry/BundleIdentifier.h"
@@ -91,6 +92,15 @@ void collectDesktopFiles(const std::string& folder, const std::string& prefix, i
     }
 }
 
+/// The folder and its sub-folders, as far as desktop files are looked for in them.
+void forEachDesktopFolder(const std::string& folder, int depth, const std::function<void(const std::string&)>& body) {
+    body(folder);
+    if (depth == kMaxDesktopFolderDepth) return;
+    for (const FolderEntry& entry : entriesOf(folder)) {
+        if (entry.isFolder) forEachDesktopFolder(folder + "/" + entry.name, depth + 1, body);
+    }
+}
+
 }  // namespace
 
 ApplicationScanner::ApplicationScanner(RegistrySources sources, ProblemLog& problems)
@@ -118,6 +128,40 @@ ApplicationPtr ApplicationScanner::application(const std::string& identifier, st
         }
     }
     return nullptr;
+}
+
+WatchedFolders ApplicationScanner::watchedFolders() {
+    WatchedFolders watched;
+    const auto addDesktopFiles = [&watched](const std::string& folder) {
+        watched.addContents(folder);
+        for (const FolderEntry& entry : entriesOf(folder)) {
+            // Exported entries are links, which lead through the version that is installed.
+            if (!entry.isFolder && stemOf(entry.name)) watched.add(folder + "/" + entry.name);
+        }
+    };
+    std::vector<std::string> installations = sources_.flatpakSystemDirs;
+    if (!sources_.flatpakUserDir.empty()) installations.push_back(sources_.flatpakUserDir);
+    for (const std::string& installation : installations) {
+        // Touched at the end of whatever is done to the installation.
+        watched.add(installation + "/.changed");
+        watched.addContents(installation + "/overrides");
+        addDesktopFiles(installation + "/exports/share/applications");
+    }
+    for (const std::string& folder : sources_.snapDesktopDirs) addDesktopFiles(folder);
+    std::vector<std::string> folders = sources_.systemDesktopDirs;
+    if (!sources_.userDesktopDir.empty()) folders.push_back(sources_.userDesktopDir);
+    for (const std::string& folder : folders) forEachDesktopFolder(folder, 0, addDesktopFiles);
+
+    for (const ApplicationType type : {ApplicationType::user, ApplicationType::system}) {
+        for (const auto& [identifier, application] : scan({.type = type})) {
+            watched.add(application.containerPath + "/Documents");
+            if (application.origin != Origin::flatpak) continue;
+            for (const std::string& installation : installations) {
+                watched.add(installation + "/app/" + identifier + "/current/active/metadata");
+            }
+        }
+    }
+    return watched;
 }
 
 /// std::map::merge keeps what is there already, so what is scanned first counts.

@@ -13,6 +13,7 @@
 #include "platform/registry/ParsedFileCache.h"
 #include "platform/registry/ProblemLog.h"
 #include "platform/registry/RegistrySources.h"
+#include "platform/registry/WatchedFolders.h"
 
 namespace tarnwell::registry {
 
@@ -48,6 +49,9 @@ public:
     /// The user's application of that identifier, else the system's; null if there is none. With an origin, only those
     /// found there.
     ApplicationPtr application(const std::string& identifier, std::optional<Origin> origin = std::nullopt);
+    /// Where something has to change before either of the two can give another answer, the coming and going of
+    /// Documents folders included.
+    WatchedFolders watchedFolders();
 
 private:
     using Found = std::map<std::string, Application>;

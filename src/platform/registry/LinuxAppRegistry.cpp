@@ -193,4 +193,8 @@ BundleRecordPtr LinuxAppRegistry::recordFromArchive(const ArchivedBundleRecord& 
     return std::make_shared<ArchivedRecord>(state_, archived);
 }
 
+Result<std::unique_ptr<RegistryWatch>> LinuxAppRegistry::watch(std::function<void()> changed) {
+    return RegistryWatch::create([state = state_] { return state->scanner.watchedFolders(); }, std::move(changed));
+}
+
 }  // namespace tarnwell::registry

@@ -6,6 +6,7 @@
 #include "platform/log/Log.h"
 #include "platform/registry/AppRegistry.h"
 #include "platform/registry/RegistrySources.h"
+#include "platform/registry/RegistryWatch.h"
 
 namespace tarnwell::registry {
 
@@ -28,6 +29,9 @@ public:
     AppWorkspace* defaultWorkspace() override { return this; }
     BundleRecordPtr recordForBundleIdentifier(const std::string& bundleIdentifier) override;
     BundleRecordPtr recordFromArchive(const ArchivedBundleRecord& archived) override;
+
+    /// Tells soon after something changed of which the registry tells, as long as the watch lives. See RegistryWatch.
+    Result<std::unique_ptr<RegistryWatch>> watch(std::function<void()> changed);
 
     /// What records share with the registry.
     struct State;
