@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <map>
 
-#include "testing/LongRun.h"
 #include "tests/mirror/Layout.h"
 #include "tests/mirror/Message.h"
 #include "tests/mirror/Roles.h"
@@ -11,10 +10,7 @@
 namespace tarnwell::mirror {
 
 testing::RandomChanges::Options changesBelow(const std::string& links, const std::string& finding) {
-    // Files with several names, and folders that become packages and folders again while somebody asks, still go wrong
-    // in some of the long runs: it is looked for there.
-    testing::RandomChanges::Options options{
-        .mostNames = 600, .outside = links, .makesHardLinks = testing::isLongRun(), .areas = {}, .isWide = true};
+    testing::RandomChanges::Options options{.mostNames = 600, .outside = links, .areas = {}, .isWide = true};
     // A name that a file gets outside of the storage, and what is written under it, is hinted at by nothing.
     if (finding != kComparing) options.areaWithoutHardLinks = kOutside;
     for (const RootFolder& root : kRoots) options.areas.emplace_back(root.path);

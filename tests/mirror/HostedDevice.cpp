@@ -42,13 +42,13 @@ bool declarePackages(const std::string& home, const std::string& suffix) {
 
 }  // namespace
 
-HostedDevice::HostedDevice(Finding finding, Packages packages) : finding_(finding) {
+HostedDevice::HostedDevice(Finding finding) : finding_(finding) {
     for (const RootFolder& root : kRoots) testing::makeDirectories(path(root.path));
     testing::makeDirectories(path(kOutside));
     testing::makeDirectories(path(".local/share/applications"));
     installApplication(home_, "Notes");
     installApplication(home_, "Sketches");
-    if (packages == Packages::declared && declarePackages(home_, testing::RandomChanges::kPackageSuffix)) {
+    if (declarePackages(home_, testing::RandomChanges::kPackageSuffix)) {
         packageSuffix_ = testing::RandomChanges::kPackageSuffix;
     }
     start();

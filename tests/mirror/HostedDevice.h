@@ -16,9 +16,7 @@ class HostedDevice {
 public:
     /// How its host finds changes: comparing when it is asked, or told by the kernel of all folders, or of some.
     enum class Finding { comparing, watching, limited };
-    /// Without packages, folders are folders whatever their names.
-    enum class Packages { declared, none };
-    explicit HostedDevice(Finding finding = Finding::comparing, Packages packages = Packages::declared);
+    explicit HostedDevice(Finding finding = Finding::comparing);
 
     static const char* nameOf(Finding finding);
     Finding finding() const { return finding_; }
