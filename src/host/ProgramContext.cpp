@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <future>
 #include <mutex>
 #include <optional>
@@ -73,8 +74,11 @@ Result<void> meetApplications(const Roots& roots, registry::AppRegistry& registr
     const std::string storage = roots.storage()->realPath;
     const auto meet = [&](const registry::BundleRecordPtr& record) {
         if (!record || record->dataContainerURL()) return;
-        const auto container = record->archived().dataContainerPath;
-        if (!container || conflict) return;
+        const auto path = record->archived().dataContainerPath;
+        if (!path || conflict) return;
+        std::error_code error;
+        const std::optional<std::string> container = std::filesystem::weakly_canonical(*path, error).string();
+        if (error) return;
         const bool containerHoldsStorage = relationship(*container, storage) != Relationship::other;
         if (!containerHoldsStorage && relationship(storage, *container) == Relationship::other) return;
         conflict = posixError(EXDEV, "the storage root \"" + storage + "\" " +

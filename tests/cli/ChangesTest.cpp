@@ -341,6 +341,40 @@ TEST(Changes, FollowDocumentsFoldersThatAreMadeLater) {
     EXPECT_EQ(program.finish().status, 0);
 }
 
+TEST(Changes, FollowASnapFromRevisionToRevision) {
+    Device device;
+    const std::string snap = device.path("home/snap/scanner");
+    const auto goTo = [&](const std::string& revision) {
+        disk::create_symlink(revision, snap + "/next");
+        disk::rename(snap + "/next", snap + "/current");
+    };
+    const auto copy = [&](const std::string& from, const std::string& to) {
+        ASSERT_EQ(std::system(("cp -a '" + snap + "/" + from + "' '" + snap + "/" + to + "'").c_str()), 0);
+    };
+    const std::string receipt = snap + "/current/Documents/Receipt.pdf";
+    const auto identifier = device.idOf(receipt);
+    const auto since = anchorOf(device);
+
+    copy("7", "8");
+    goTo("8");
+    EXPECT_EQ(device.idOf(receipt), identifier);
+    EXPECT_EQ(device.run({"path", identifier}).output, receipt + "\n");
+    const auto told = changesSince(device, "root", since);
+    EXPECT_TRUE(told.deletions.empty()) << told.deletions.front();
+
+    auto program = device.start({"--json", "changes", "root", "--follow"});
+    ASSERT_TRUE(program.readLine());
+    copy("8", "9");
+    writeFile(snap + "/9/Documents/Invoice.pdf", "%PDF-1.4");
+    goTo("9");
+    followTo(program, "Invoice.pdf");
+    writeFile(snap + "/9/Documents/Later.pdf", "%PDF-1.4");
+    followTo(program, "Later.pdf");
+    program.sendSignal(SIGTERM);
+    EXPECT_EQ(program.finish().status, 0);
+    EXPECT_EQ(device.idOf(receipt), identifier);
+}
+
 TEST(Changes, FollowedAreToldToPeopleToo) {
     Device device;
     auto program = device.start({"changes", "workingset", "--follow"});

@@ -186,6 +186,65 @@ TEST(Roots, GivesTheSameURLForAContainerThatIsAddedAgain) {
     EXPECT_EQ(roots.addContainer(sandbox.path("app")), first);
 }
 
+TEST(Roots, AVersionGivesWayToTheNextUnderTheNameOfTheLink) {
+    for (const std::string home : {"home", "Documents/home"}) {  // with a name of its own, and with one made up
+        SCOPED_TRACE(home);
+        const Sandbox sandbox;
+        sandbox.folder(home + "/app/1/Documents");
+        sandbox.folder(home + "/app/2/Documents");
+        sandbox.folder(home + "/app/3");
+        sandbox.link(home + "/app/current", "1");
+        Roots roots;
+        const auto lead = [&](const std::string& version) {
+            std::filesystem::remove(sandbox.path(home + "/app/current"));
+            sandbox.link(home + "/app/current", version);
+            return roots.addVersionedContainer(sandbox.path(home + "/app/current"));
+        };
+        const auto first = lead("1");
+        ASSERT_TRUE(first);
+        const std::string name = first->appending("Documents").path();
+        const auto former = roots.locate(name)->root;
+        EXPECT_TRUE(former->isVersion);
+        EXPECT_EQ(former->realPath, sandbox.path(home + "/app/1/Documents"));
+        std::uint64_t generation = roots.generation();
+        EXPECT_EQ(lead("1"), first);
+        EXPECT_EQ(roots.generation(), generation);
+
+        EXPECT_EQ(lead("2"), first);
+        EXPECT_GT(roots.generation(), generation);
+        const auto next = roots.locate(name + "/file")->root;
+        EXPECT_EQ(next->realPath, sandbox.path(home + "/app/2/Documents"));
+        EXPECT_NE(next->inode, former->inode);
+        EXPECT_EQ(roots.all(), (std::vector{next}));
+        EXPECT_TRUE(roots.isRoot(next->directory.get()));
+        EXPECT_EQ(roots.urlForRealPath(sandbox.path(home + "/app/2/Documents/file")).path(), name + "/file");
+
+        generation = roots.generation();
+        EXPECT_FALSE(lead("3")) << "it has no Documents";
+        EXPECT_EQ(roots.generation(), generation);
+        EXPECT_EQ(lead("1"), first);
+        EXPECT_EQ(roots.locate(name)->root->realPath, sandbox.path(home + "/app/1/Documents"));
+        EXPECT_EQ(roots.all().size(), 1U);
+    }
+}
+
+TEST(Roots, AVersionMayLieInNoOtherRoot) {
+    const Sandbox sandbox;
+    sandbox.folder("app/1/Documents");
+    sandbox.folder("Documents/2/Documents");
+    sandbox.link("app/current", "1");
+    Roots roots;
+    ASSERT_TRUE(roots.addStorage(sandbox.path("Documents")));
+    const auto first = roots.addVersionedContainer(sandbox.path("app/current"));
+    ASSERT_TRUE(first);
+    std::filesystem::remove(sandbox.path("app/current"));
+    sandbox.link("app/current", "../Documents/2");
+    const auto refused = roots.addVersionedContainer(sandbox.path("app/current"));
+    ASSERT_FALSE(refused);
+    EXPECT_TRUE(refused.error().is(ErrorDomain::posix, EXDEV));
+    EXPECT_EQ(roots.locate(first->appending("Documents").path())->root->realPath, sandbox.path("app/1/Documents"));
+}
+
 TEST(Roots, WantsARealDocumentsFolderInAContainer) {
     const Sandbox sandbox;
     sandbox.folder("none");

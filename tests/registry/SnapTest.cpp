@@ -33,13 +33,33 @@ TEST_F(SnapTest, KeepsItsDataWhereItsCurrentRevisionLeads) {
     const std::string current = device_.path("home/snap/scanner/current");
     std::filesystem::create_symlink("7", current);
     const BundleRecordPtr before = device_.record("snap.scanner");
-    EXPECT_EQ(before->dataContainerURL(), URL::file(device_.path("home/snap/scanner/7")));
-    EXPECT_EQ(before->archived().dataContainerPath, device_.path("home/snap/scanner/7"));
+    EXPECT_EQ(before->dataContainerURL(), URL::file(current));
+    EXPECT_EQ(before->archived().dataContainerPath, current);
+    const auto realPath = [&] { return device_.roots.all().front()->realPath; };
+    EXPECT_EQ(realPath(), device_.path("home/snap/scanner/7/Documents"));
 
     std::filesystem::remove(current);
     std::filesystem::create_symlink("8", current);
-    EXPECT_EQ(before->dataContainerURL(), URL::file(device_.path("home/snap/scanner/7")));
-    EXPECT_EQ(device_.record("snap.scanner")->dataContainerURL(), URL::file(device_.path("home/snap/scanner/8")));
+    // The library is the same one, and its folder the one that belongs to the revision.
+    EXPECT_EQ(device_.record("snap.scanner")->dataContainerURL(), URL::file(current));
+    EXPECT_EQ(realPath(), device_.path("home/snap/scanner/8/Documents"));
+    EXPECT_EQ(device_.registry().recordFromArchive(before->archived())->dataContainerURL(), URL::file(current));
+    EXPECT_EQ(device_.roots.all().size(), 1u);
+
+    // Nothing to go to yet.
+    std::filesystem::remove(current);
+    EXPECT_EQ(device_.record("snap.scanner")->dataContainerURL(), std::nullopt);
+    EXPECT_EQ(device_.record("snap.scanner")->archived().dataContainerPath, std::nullopt);
+}
+
+TEST_F(SnapTest, IsFoundByTheRevisionThatAnArchiveOfFormerTimesHolds) {
+    install("scanner_scanner.desktop", RegistryDevice::entry("Scanner", "X-SnapInstanceName=scanner\n"));
+    device_.makeFolder("home/snap/scanner/7/Documents");
+    std::filesystem::create_symlink("7", device_.path("home/snap/scanner/current"));
+    const auto now = device_.record("snap.scanner")->dataContainerURL();
+    ArchivedBundleRecord archived = device_.record("snap.scanner")->archived();
+    archived.dataContainerPath = device_.path("home/snap/scanner/7");
+    EXPECT_EQ(device_.registry().recordFromArchive(archived)->dataContainerURL(), now);
 }
 
 struct SnapRow {

@@ -23,7 +23,8 @@ Comparer::Comparer(const Roots& roots, store::Store& store, mime::TypeDatabase& 
 Result<void> Comparer::compare(const std::vector<Place>& folders, Detail detail) {
     std::lock_guard running(runMutex_);
     ComparisonRun run(*this);
-    const std::size_t rootsNow = roots_.count();
+    const std::uint64_t generation = roots_.generation();
+    const auto roots = folders.empty() ? roots_.all() : std::vector<std::shared_ptr<const Root>>();
     if (folders.empty()) {
         if (auto result = run.compareRoots(detail); !result) return result;
     }
@@ -32,20 +33,27 @@ Result<void> Comparer::compare(const std::vector<Place>& folders, Detail detail)
     }
     auto finished = run.finish();
     if (finished && run.isComplete() && coverStorage(folders)) store_.noteCompared();
-    if (finished && folders.empty()) rootsCompared_ = rootsNow;
+    if (finished && folders.empty()) noteCompared(roots, generation);
     return finished;
+}
+
+void Comparer::noteCompared(const std::vector<std::shared_ptr<const Root>>& roots, std::uint64_t generation) {
+    for (const auto& root : roots) rootsCompared_.insert(root.get());  // they live as long as `roots_`
+    rootsGeneration_ = generation;
 }
 
 Result<void> Comparer::compareNewRoots() {
     std::lock_guard running(runMutex_);
-    if (roots_.count() == rootsCompared_) return {};
+    const std::uint64_t generation = roots_.generation();
+    if (generation == rootsGeneration_) return {};
     const auto roots = roots_.all();
     ComparisonRun run(*this);
-    for (std::size_t i = rootsCompared_; i < roots.size(); ++i) {
-        if (auto result = run.compareBelow({roots[i], ""}, Detail::everything); !result) return result;
+    for (const auto& root : roots) {
+        if (rootsCompared_.contains(root.get())) continue;
+        if (auto result = run.compareBelow({root, ""}, Detail::everything); !result) return result;
     }
     auto finished = run.finish();
-    if (finished) rootsCompared_ = roots.size();
+    if (finished) noteCompared(roots, generation);
     return finished;
 }
 

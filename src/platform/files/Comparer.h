@@ -139,6 +139,7 @@ private:
         bool keepsChangeTimes = false;
     };
     bool coverStorage(const std::vector<Place>& folders) const;
+    void noteCompared(const std::vector<std::shared_ptr<const Root>>& roots, std::uint64_t generation);
     std::optional<FileSystemEntry> knownFileSystem(std::uint64_t device);
     Result<FileSystemEntry> fileSystemOf(std::uint64_t device, int descriptor);
     Result<void> meetFileSystem(const Place& place, const filesystem::Status& status);
@@ -165,9 +166,11 @@ private:
     std::mutex runMutex_;  ///< held by the comparison under way
     /// Missing objects may wait to be settled: an earlier program may have been cut off. Under runMutex_.
     bool unsettled_ = true;
-    std::size_t rootsCompared_ = 0;  ///< under runMutex_: how many were there at the last comparison of all roots
-    bool takeoversLeft_ = true;      ///< the same for takeovers, also after a comparison that failed
-    FolderWatch* watch_ = nullptr;   ///< under runMutex_
+    /// Under runMutex_: the roots that a comparison of all of them looked at, and their generation then.
+    std::set<const Root*> rootsCompared_;
+    std::uint64_t rootsGeneration_ = 0;
+    bool takeoversLeft_ = true;     ///< the same for takeovers, also after a comparison that failed
+    FolderWatch* watch_ = nullptr;  ///< under runMutex_
     /// Under runMutex_: folders of whose contents no hint will tell, to be read with all below them: such as were given
     /// up when the folder became hidden or went, or were there before it was watched.
     std::set<FileID> unread_;

@@ -94,6 +94,12 @@ Result<ObjectRow> ComparisonRun::rootRow(const std::shared_ptr<const Root>& root
         session().index().update(*row);
         return *row;
     }
+    if (root->isVersion) {
+        auto former = succeed(*root, *identity);
+        if (!former) return failure(former.error());
+        if (*former) return **former;
+        write();
+    }
     ObjectRow fresh;
     fresh.identity = *identity;
     fresh.name = root->name;
@@ -103,6 +109,60 @@ Result<ObjectRow> ComparisonRun::rootRow(const std::shared_ptr<const Root>& root
     fresh.changed = status->changed;
     session().index().insert(fresh);
     return fresh;
+}
+
+/// A new version of a folder was copied from the one before: what has the same name and content in it is what was
+/// there, and so is the folder itself, which comes last: whoever is cut off begins again. The row of the folder, unless
+/// none of its name is known.
+Result<std::optional<ObjectRow>> ComparisonRun::succeed(const Root& root, const store::ObjectIdentity& identity) {
+    const auto former = session().index().childNamed(FileID{0}, root.name);
+    if (!former) return std::optional<ObjectRow>();
+    std::vector<std::pair<FileID, std::string>> pending{{former->fileID, ""}};
+    while (!pending.empty()) {
+        const auto [folder, relative] = std::move(pending.back());
+        pending.pop_back();
+        if (auto done = succeedBelow(root, folder, relative, pending); !done) return failure(done.error());
+    }
+    auto row = session().index().byFileID(former->fileID);
+    if (!row) return std::optional<ObjectRow>();
+    write();
+    row->identity = identity;
+    row->listed = 0;
+    session().index().update(*row);
+    if (comparer_.watch_ != nullptr) comparer_.watch_->forget(row->fileID);
+    return row;
+}
+
+Result<void> ComparisonRun::succeedBelow(const Root& root, FileID folder, const std::string& relative,
+                                         std::vector<std::pair<FileID, std::string>>& pending) {
+    const auto handle = filesystem::openBeneath(root.directory.get(), relative, O_PATH | O_DIRECTORY);
+    if (!handle) return {};  // what was there is not in this version
+    for (std::uint64_t position = 0;;) {
+        auto children = session().index().allChildren(folder, position, kKnownAtOnce);
+        if (auto checked = session().check(); !checked) return checked;
+        if (children.empty()) return {};
+        position = children.back().position;
+        for (ObjectRow& child : children) {
+            if (child.state != ObjectState::live) continue;
+            const auto status = filesystem::statusAt(handle->get(), child.name.c_str());
+            if (!status) continue;
+            const bool isSame = child.isDirectory()
+                                    ? S_ISDIR(status->mode)
+                                    : S_ISREG(status->mode) && child.kind == FileKind::regular &&
+                                          status->size == child.size && status->modified == child.modified;
+            const auto fileSystem = comparer_.knownFileSystem(status->device);
+            if (!isSame || !fileSystem) continue;
+            if (child.isDirectory()) pending.emplace_back(child.fileID, joined(relative, child.name));
+            const store::ObjectIdentity identity{fileSystem->number, status->inode, status->birth};
+            if (session().index().byIdentity(identity)) continue;
+            write();
+            child.identity = identity;
+            child.listed = 0;
+            session().index().update(child);
+            if (child.isDirectory() && comparer_.watch_ != nullptr) comparer_.watch_->forget(child.fileID);
+        }
+        if (auto result = breathe(); !result) return result;
+    }
 }
 
 /// True when clients may be told of what lies in the folder, by what is known of it.

@@ -91,6 +91,9 @@ private:
     FolderContext contextOf(const store::EntryRow& folder);
     static bool showsContents(const store::EntryRow& folder);
     Result<store::ObjectRow> rootRow(const std::shared_ptr<const Root>& root);
+    Result<std::optional<store::ObjectRow>> succeed(const Root& root, const store::ObjectIdentity& identity);
+    Result<void> succeedBelow(const Root& root, FileID folder, const std::string& relative,
+                              std::vector<std::pair<FileID, std::string>>& pending);
     Result<void> drain(std::vector<Job> jobs, Detail detail, bool below);
     Result<bool> processFolder(Job job, Detail detail, std::vector<Job>* jobs);
     enum class HintOutcome { done, stale };

@@ -144,23 +144,37 @@ Result<std::shared_ptr<const Root>> Roots::addStorage(const std::string& realPat
 }
 
 Result<URL> Roots::addContainer(const std::string& realContainer) {
-    auto container = resolveFolder(realContainer);
-    if (!container) return failure(container.error());
-    std::string realPath = joined(container->path, kDocuments);
-    std::string name = nameForRealPath(realPath);
-    const URL url = URL::file(parentOf(name));
-    const Root* known = find(name);
-    if (known != nullptr && known->kind == Root::Kind::library) return url;
+    return addLibrary(realContainer, realContainer, false);
+}
 
-    auto documents = openFolder(container->directory.get(), kDocuments.data(), RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS);
+Result<URL> Roots::addVersionedContainer(const std::string& link) {
+    const std::size_t slash = link.rfind('/');
+    if (slash == std::string::npos || slash == 0) return addContainer(link);
+    const auto above = resolveFolder(link.substr(0, slash));
+    if (!above) return failure(above.error());
+    return addLibrary(link, joined(above->path, link.substr(slash + 1)), true);
+}
+
+/// `namedContainer` is what the name is made of where that is not the resolved path.
+Result<URL> Roots::addLibrary(const std::string& container, const std::string& namedContainer, bool isVersion) {
+    auto resolved = resolveFolder(container);
+    if (!resolved) return failure(resolved.error());
+    std::string realPath = joined(resolved->path, kDocuments);
+    std::string name = nameForRealPath(isVersion ? joined(namedContainer, kDocuments) : realPath);
+    const Root* known = find(name);
+    const bool isKnown = known != nullptr && known->kind == Root::Kind::library;
+    if (isKnown && (!isVersion || known->realPath == realPath)) return URL::file(parentOf(name));
+
+    auto documents = openFolder(resolved->directory.get(), kDocuments.data(), RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS);
     if (!documents) {
         if (!documents.error().is(ErrorDomain::posix, ELOOP)) return failure(documents.error());
         return failure(posixError(ENOTDIR, "a link stands where a folder is needed: " + realPath));
     }
-    auto root =
-        insert(Root{Root::Kind::library, std::move(name), std::move(realPath), std::move(*documents)}, container->path);
-    if (!root) return failure(root.error());
-    return url;
+    Root root{Root::Kind::library, std::move(name), std::move(realPath), std::move(*documents)};
+    root.isVersion = isVersion;
+    const auto added = insert(std::move(root), resolved->path);
+    if (!added) return failure(added.error());
+    return URL::file(parentOf((*added)->name));
 }
 
 /// `territory` is all that belongs to the new root: the storage root itself, a library's whole container.
@@ -196,19 +210,32 @@ Result<std::shared_ptr<const Root>> Roots::insert(Root root, const std::string& 
     auto node = std::make_unique<Node>(Node{added, nullptr});
     for (;;) {
         // The comparison asks the kernel, so it runs outside of the lock, again if a root came in between.
+        const std::uint64_t generation = this->generation();
         const auto before = all();
+        const auto isFormer = [&](const std::shared_ptr<const Root>& other) {
+            return added->isVersion && other->isVersion && other->name == added->name;
+        };
         for (const auto& other : before) {
             if (other->kind == added->kind && other->realPath == added->realPath) return other;
+            if (isFormer(other)) continue;
             auto fits = compatible(*added, territory, *other);
             if (!fits) return failure(fits.error());
         }
         const std::lock_guard lock(mutex_);
-        if (roots_.size() != before.size()) continue;
-        roots_.insert(added->kind == Root::Kind::storage ? roots_.begin() : roots_.end(), added);
+        if (generation != this->generation()) continue;
+        const auto former = std::ranges::find_if(roots_, isFormer);
+        if (former != roots_.end()) {
+            byRealPath_.erase((*former)->realPath);
+            *former = added;
+        } else {
+            roots_.insert(added->kind == Root::Kind::storage ? roots_.begin() : roots_.end(), added);
+        }
         byRealPath_.emplace(added->realPath, added);
+        // In front, so that it is found before the one that it takes the place of.
         auto& bucket = byName_[TextHash{}(added->name) % kBuckets];
         node->next = bucket.load(std::memory_order_relaxed);
         bucket.store(node.release(), std::memory_order_release);
+        generation_.fetch_add(1, std::memory_order_release);
         return added;
     }
 }
@@ -217,11 +244,6 @@ std::shared_ptr<const Root> Roots::storage() const {
     const std::lock_guard lock(mutex_);
     if (roots_.empty() || roots_.front()->kind != Root::Kind::storage) return nullptr;
     return roots_.front();
-}
-
-std::size_t Roots::count() const {
-    const std::lock_guard lock(mutex_);
-    return roots_.size();
 }
 
 std::vector<std::shared_ptr<const Root>> Roots::all() const {

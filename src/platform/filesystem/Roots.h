@@ -20,7 +20,7 @@ namespace tarnwell {
 /// One monitored folder: the storage root or a library's Documents. Resolved once, then held open; never changes.
 struct Root {
     enum class Kind { storage, library };
-    Kind kind;
+    Kind kind = Kind::storage;
     /// The path that names the root inside the program: its first component "Documents" is its last.
     std::string name;
     /// Where it really is, links resolved.
@@ -30,6 +30,9 @@ struct Root {
     /// Which folder it is: another one may have had its name at an earlier start.
     std::uint64_t inode = 0;
     std::int64_t birth = 0;
+    /// True where the name is that of a link to versions of a folder: another folder of the name is the next version,
+    /// and what lies in it is what lay in the one before.
+    bool isVersion = false;
 };
 
 /// A place below a root (or the root itself, with an empty relative path).
@@ -42,9 +45,10 @@ struct Place {
 /// take no lock.
 ///
 /// R1: no two roots have the same name or are the same folder, none lies in another, none is dropped or changed once
-///     added (a folder that is removed and made again stays unavailable).
+///     added (a folder that is removed and made again stays unavailable). Only a version gives way to another one.
 /// R2: a root's name holds the component "Documents" exactly once, at its end. Where the real path is such a path, it
-///     is the name; elsewhere the name is "/.tarnwell/<real path with % and / escaped>/Documents".
+///     is the name; elsewhere the name is "/.tarnwell/<real path with % and / escaped>/Documents". For the real path of
+///     a version stands that of the link and what is below it.
 /// R3: no real path of a root lies in "/.tarnwell", so that made-up names meet no real ones.
 class Roots {
 public:
@@ -64,11 +68,15 @@ public:
     /// Documents folder, ENOTDIR where it is a link or no folder, EXDEV where the container lies in the storage root or
     /// the other way round, or its Documents and another library's lie in one another, EINVAL as for `addStorage`.
     Result<URL> addContainer(const std::string& realContainer);
+    /// The same for a container whose path ends in a link that leads to another version of it from time to time. The
+    /// URL names the link, and the version that it leads to now takes the place of the one before.
+    Result<URL> addVersionedContainer(const std::string& link);
 
     std::shared_ptr<const Root> storage() const;
     /// All roots, the storage first, then in the order of adding.
     std::vector<std::shared_ptr<const Root>> all() const;
-    std::size_t count() const;
+    /// Grows when a root is added or gives way to another.
+    std::uint64_t generation() const { return generation_.load(std::memory_order_acquire); }
     /// True for the descriptor that holds a root open.
     bool isRoot(int descriptor) const;
 
@@ -97,10 +105,12 @@ private:
     const Root* find(std::string_view name, const std::shared_ptr<const Root>** holder = nullptr) const;
     /// Adds the root unless R1 forbids it or another of its name came first, which is given then.
     Result<std::shared_ptr<const Root>> insert(Root root, const std::string& territory);
+    Result<URL> addLibrary(const std::string& container, const std::string& namedContainer, bool isVersion);
     static Result<void> compatible(const Root& root, const std::string& territory, const Root& other);
 
     /// Chains of nodes that are only ever added to, at their front (R1), so that readers need no lock.
     std::array<std::atomic<const Node*>, kBuckets> byName_{};
+    std::atomic<std::uint64_t> generation_{0};  ///< changed under mutex_
     mutable std::mutex mutex_;
     std::vector<std::shared_ptr<const Root>> roots_;
     std::unordered_map<std::string, std::shared_ptr<const Root>, TextHash, std::equal_to<>> byRealPath_;

@@ -24,7 +24,8 @@ std::string_view nameOf(Origin origin);
 /// What the cache files keep of a record; names and icons are read live.
 struct ArchivedBundleRecord {
     std::optional<std::string> bundleIdentifier;
-    std::optional<std::string> dataContainerPath;  ///< the real path, links resolved
+    /// The real path, links resolved, but for the one that leads to a Snap's revision.
+    std::optional<std::string> dataContainerPath;
     Origin origin = Origin::desktopEntry;
     ApplicationType type = ApplicationType::user;
     friend bool operator==(const ArchivedBundleRecord&, const ArchivedBundleRecord&) = default;

@@ -33,14 +33,15 @@ std::string canonicalPath(const std::string& path) {
 /// A data container by real path, and the URL that names it once its Documents folder is there.
 class Container {
 public:
-    Container(std::string identifier, std::string path) : identifier_(std::move(identifier)), path_(std::move(path)) {}
+    Container(std::string identifier, std::string path, Origin origin)
+        : identifier_(std::move(identifier)), path_(std::move(path)), isVersioned_(origin == Origin::snap) {}
 
     std::optional<URL> url(State& state) const {
         {
             std::lock_guard lock(mutex_);
             if (!name_.empty()) return URL::file(name_);
         }
-        const auto added = state.roots.addContainer(path_);
+        const auto added = isVersioned_ ? state.roots.addVersionedContainer(path_) : state.roots.addContainer(path_);
         if (!added) {
             state.problems.report(path_, "no documents of \"" + log::asOneLine(identifier_) + "\" in \"" +
                                              log::asOneLine(path_) + "\"; " + describe(added.error()));
@@ -52,7 +53,7 @@ public:
         return URL::file(name_);
     }
 
-    /// Links resolved; nothing where there is no such folder.
+    /// Links resolved, but for the one to a revision; nothing where there is no such folder.
     std::optional<std::string> realPath(State& state) const {
         if (const auto named = url(state)) {
             std::string documents = state.roots.realPath(named->appending("Documents").path());
@@ -60,6 +61,12 @@ public:
                 documents.resize(documents.size() - kDocumentsSuffix.size());
                 return documents;
             }
+        }
+        const std::size_t slash = path_.rfind('/');
+        if (isVersioned_ && slash != std::string::npos && slash > 0) {
+            const std::string above = canonicalPath(path_.substr(0, slash));
+            if (!above.empty() && !canonicalPath(path_).empty()) return above + path_.substr(slash);
+            return std::nullopt;
         }
         std::string resolved = canonicalPath(path_);
         if (resolved.empty()) return std::nullopt;
@@ -71,6 +78,7 @@ public:
 private:
     std::string identifier_;
     std::string path_;
+    bool isVersioned_;  ///< a link to one of several revisions, which change places
     mutable std::mutex mutex_;
     /// The path of the URL, once it is known. Each caller gets a URL with a cache of its own: the container's values
     /// are to be read afresh.
@@ -96,7 +104,7 @@ public:
     InstalledRecord(std::shared_ptr<State> state, ApplicationPtr application)
         : state_(std::move(state)),
           application_(std::move(application)),
-          container_(application_->identifier, application_->containerPath) {}
+          container_(application_->identifier, application_->containerPath, application_->origin) {}
 
     std::optional<std::string> bundleIdentifier() const override { return application_->identifier; }
     std::optional<URL> dataContainerURL() const override { return container_.url(*state_); }
@@ -127,7 +135,8 @@ public:
     ArchivedRecord(std::shared_ptr<State> state, ArchivedBundleRecord archived)
         : state_(std::move(state)),
           archived_(std::move(archived)),
-          container_(archived_.bundleIdentifier.value_or("(null)"), archived_.dataContainerPath.value_or("")) {}
+          container_(archived_.bundleIdentifier.value_or("(null)"), archived_.dataContainerPath.value_or(""),
+                     archived_.origin) {}
 
     std::optional<std::string> bundleIdentifier() const override { return archived_.bundleIdentifier; }
     std::optional<URL> dataContainerURL() const override {
