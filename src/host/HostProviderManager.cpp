@@ -2,8 +2,11 @@
 
 namespace tarnwell::host {
 
-HostProviderManager::HostProviderManager(const std::shared_ptr<dispatch::ThreadPool>& pool, URL storage)
-    : queue_(dispatch::SerialQueue::create(pool, "tarnwell.provider-manager")), storagePath_(storage.path()) {}
+HostProviderManager::HostProviderManager(const std::shared_ptr<dispatch::ThreadPool>& pool, URL storage,
+                                         std::shared_ptr<SearchIndex> index)
+    : queue_(dispatch::SerialQueue::create(pool, "tarnwell.provider-manager")),
+      storagePath_(storage.path()),
+      index_(std::move(index)) {}
 
 HostProviderManager::HandlerID HostProviderManager::addSignalHandler(SignalHandler handler) {
     const std::lock_guard lock(state_->mutex);
@@ -32,10 +35,11 @@ void HostProviderManager::signalEnumeratorForContainer(const hostframework::Item
     });
 }
 
-void HostProviderManager::deleteSearchableItemsWithDomainIdentifiers(const std::vector<std::string>& /*domains*/,
+void HostProviderManager::deleteSearchableItemsWithDomainIdentifiers(const std::vector<std::string>& domains,
                                                                      hostframework::Completion completion) {
-    queue_->async([completion = std::move(completion)] {
-        if (completion) completion(std::nullopt);
+    queue_->async([index = index_, domains, completion = std::move(completion)] {
+        const auto removed = index ? index->removeDomains(domains) : Result<void>();
+        if (completion) completion(removed ? std::nullopt : std::optional(removed.error()));
     });
 }
 

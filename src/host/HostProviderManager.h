@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "host/SearchIndex.h"
 #include "hostframework/ProviderManager.h"
 #include "platform/dispatch/SerialQueue.h"
 
@@ -20,8 +21,9 @@ public:
     using SignalHandler = std::function<void(const hostframework::ItemIdentifier& container)>;
     enum class HandlerID : std::uint64_t {};
 
-    /// `storage` is the URL of the storage root.
-    HostProviderManager(const std::shared_ptr<dispatch::ThreadPool>& pool, URL storage);
+    /// `storage` is the URL of the storage root. Without an index nothing is searchable.
+    HostProviderManager(const std::shared_ptr<dispatch::ThreadPool>& pool, URL storage,
+                        std::shared_ptr<SearchIndex> index = nullptr);
 
     /// From now on the handler is told of every container that is signalled.
     HandlerID addSignalHandler(SignalHandler handler);
@@ -31,7 +33,7 @@ public:
     /// Tells the handlers, then completes without an error; no handler at all is no error either.
     void signalEnumeratorForContainer(const hostframework::ItemIdentifier& container,
                                       hostframework::Completion completion) override;
-    /// Nothing is indexed, so nothing is left of any domain: completes without an error.
+    /// Completes when nothing of the domains is in the index, or with the reason why something still is.
     void deleteSearchableItemsWithDomainIdentifiers(const std::vector<std::string>& domains,
                                                     hostframework::Completion completion) override;
     URL documentStorageURL() const override;
@@ -47,6 +49,7 @@ private:
     std::shared_ptr<State> state_ = std::make_shared<State>();
     std::shared_ptr<dispatch::SerialQueue> queue_;
     const std::string storagePath_;
+    const std::shared_ptr<SearchIndex> index_;
 };
 
 }  // namespace tarnwell::host

@@ -40,6 +40,7 @@ struct ProgramContext::Parts {
     files::IndexGenerationStore generationStore{roots, *store, comparer, files};
     std::unique_ptr<events::ComparingEventService> events;
     std::unique_ptr<registry::LinuxAppRegistry> registry;
+    std::shared_ptr<SearchIndex> searchIndex;
     std::unique_ptr<HostProviderManager> providerManager;
     std::optional<items::Environment> environment;
     std::optional<fs::FSEnvironment> fsEnvironment;
@@ -134,8 +135,9 @@ Result<std::unique_ptr<ProgramContext>> ProgramContext::create(const Settings& s
     parts->fileOperations.cleanUp();
     parts->events = std::make_unique<events::ComparingEventService>(
         parts->roots, *parts->store, parts->comparer, parts->pool, events::ComparingEventService::Options{});
+    parts->searchIndex = std::make_shared<SearchIndex>(settings.cacheDirectory, parts->store->uuid(), log);
     parts->providerManager =
-        std::make_unique<HostProviderManager>(parts->pool, URL::file(parts->roots.storage()->name));
+        std::make_unique<HostProviderManager>(parts->pool, URL::file(parts->roots.storage()->name), parts->searchIndex);
     parts->environment.emplace(
         items::Environment{parts->programLog, parts->files, parts->generationStore, *parts->providerManager});
     parts->fsEnvironment.emplace(fs::FSEnvironment{*parts->environment, *parts->events, parts->pool});
@@ -203,6 +205,7 @@ registry::AppRegistry& ProgramContext::registry() { return *parts_->registry; }
 hostframework::ObjectRuntime& ProgramContext::objectRuntime() { return parts_->objectRuntime; }
 applibraries::AppLibraryContext& ProgramContext::appLibraries() { return *parts_->appLibraries; }
 HostProviderManager& ProgramContext::providerManager() { return *parts_->providerManager; }
+SearchIndex& ProgramContext::searchIndex() { return *parts_->searchIndex; }
 HostFileOperations& ProgramContext::fileOperations() { return parts_->fileOperations; }
 provider::LocalProvider& ProgramContext::provider() { return *parts_->provider; }
 

@@ -7,6 +7,7 @@
 #include "applibraries/AppLibraryContext.h"
 #include "host/HostFileOperations.h"
 #include "host/HostProviderManager.h"
+#include "host/SearchIndex.h"
 #include "host/Settings.h"
 #include "hostframework/ObjectRuntime.h"
 #include "items/Environment.h"
@@ -64,6 +65,8 @@ public:
     hostframework::ObjectRuntime& objectRuntime();
     applibraries::AppLibraryContext& appLibraries();
     HostProviderManager& providerManager();
+    /// Nothing is opened or made before it is used.
+    SearchIndex& searchIndex();
     HostFileOperations& fileOperations();
     provider::LocalProvider& provider();
 

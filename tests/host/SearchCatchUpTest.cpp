@@ -1,0 +1,275 @@
+#include "host/SearchCatchUp.h"
+
+#include <sys/wait.h>
+
+#include <csignal>
+#include <filesystem>
+#include <future>
+#include <random>
+
+#include "hostframework/HostError.h"
+#include "tests/host/SearchFixture.h"
+
+namespace tarnwell::host {
+namespace {
+
+namespace files = std::filesystem;
+
+TEST_F(SearchTest, FindsWhatTheFirstFillFound) {
+    make(document("Annual-Report.txt"));
+    make(note("Sub/Deep/Été.md"));
+    make(document(".hidden/secret.txt"));
+    make(note("Inbox/inbox letter.txt"));
+    make(document(".Trash/old report.txt"));
+    make(document(".Trash/Folder/older report.txt"));
+    catchUp();
+    EXPECT_EQ(found("report"), Texts{"Annual-Report.txt"});
+    EXPECT_EQ(found("report", {.withTrashed = true}),
+              (Texts{"Annual-Report.txt", "old report.txt", "older report.txt"}));
+    EXPECT_EQ(found("ete"), Texts{"Été.md"});
+    EXPECT_EQ(found("notes"), Texts{"Notes"});
+    EXPECT_EQ(found("type:file", {.below = {"#Notes"}}), Texts{"Été.md"});
+    EXPECT_EQ(found("secret"), Texts{});
+    EXPECT_EQ(found("inbox"), Texts{});
+    EXPECT_EQ(found("trash", {.withTrashed = true}), Texts{});
+    expectEqualToTheDisk();
+}
+
+TEST_F(SearchTest, FillsFoldersOfManyPages) {
+    for (int i = 0; i < 1450; ++i) make(document("Many/file " + std::to_string(i) + ".txt"));
+    std::vector<std::size_t> told;
+    ASSERT_TRUE(tryToCatchUp([&](std::size_t count) { told.push_back(count); }));
+    EXPECT_EQ(told, (std::vector<std::size_t>{1453}));
+    EXPECT_EQ(found("file").size(), 1450u);
+    end();
+    // Only what changed is looked at.
+    make(document("Many/file 7.txt"), "other");
+    told.clear();
+    ASSERT_TRUE(tryToCatchUp([&](std::size_t count) { told.push_back(count); }));
+    EXPECT_TRUE(told.empty());
+    expectEqualToTheDisk();
+}
+
+TEST_F(SearchTest, FollowsWhatHappensToSingleItems) {
+    make(note("one.txt"));
+    make(note("two.txt"));
+    catchUp();
+    ItemOperations operations(context());
+    ASSERT_TRUE(operations.setTags(identifierOf(note("one.txt")), {"Red", "in work"}));
+    ASSERT_EQ(std::rename(note("two.txt").c_str(), document("renamed.md").c_str()), 0);
+    make(document("new.txt"));
+    EXPECT_EQ(found("tag:red"), Texts{});
+    catchUp();
+    EXPECT_EQ(found("tag:red"), Texts{"one.txt"});
+    EXPECT_EQ(found("two"), Texts{});
+    EXPECT_EQ(found("renamed"), Texts{"renamed.md"});
+    EXPECT_EQ(found("new"), Texts{"new.txt"});
+    ASSERT_TRUE(operations.setTags(identifierOf(note("one.txt")), {}));
+    std::remove(document("new.txt").c_str());
+    end();
+    catchUp();
+    EXPECT_EQ(found("tag:*"), Texts{});
+    EXPECT_EQ(found("new"), Texts{});
+    expectEqualToTheDisk();
+}
+
+TEST_F(SearchTest, WhatAFolderHoldsGoesWithItIntoTheTrashAndAnotherLibrary) {
+    make(note("Album/Inner/photo.txt"));
+    catchUp();
+    ItemOperations operations(context());
+    const auto album = identifierOf(note("Album"));
+    ASSERT_TRUE(operations.trash(album));
+    catchUp();
+    EXPECT_EQ(found("photo"), Texts{});
+    EXPECT_EQ(found("photo", {.withTrashed = true}), Texts{"photo.txt"});
+    expectEqualToTheDisk();
+    ASSERT_TRUE(operations.restore(album, std::nullopt));
+    ASSERT_TRUE(operations.move(album, "#Maps", std::nullopt));
+    catchUp();
+    EXPECT_EQ(found("photo", {.below = {"#Maps"}}), Texts{"photo.txt"});
+    expectEqualToTheDisk();
+    // By somebody who knows nothing of trashes.
+    makeDirectories(maps_ + "/.Trash");
+    make(maps_ + "/.Trash/Box/thrown.txt");
+    catchUp();
+    ASSERT_EQ(std::rename((maps_ + "/.Trash").c_str(), (maps_ + "/NoTrash").c_str()), 0);
+    catchUp();
+    EXPECT_EQ(found("thrown"), Texts{"thrown.txt"});
+    expectEqualToTheDisk();
+}
+
+TEST_F(SearchTest, ARemovedApplicationsItemsLeaveAndComeBackWithIt) {
+    make(note("Sub/note.txt"));
+    make(maps_ + "/map.txt");
+    catchUp();
+    EXPECT_EQ(found("type:file"), (Texts{"map.txt", "note.txt"}));
+    end();
+    uninstall("Notes");
+    catchUp();
+    EXPECT_EQ(found("type:file"), Texts{"map.txt"});
+    EXPECT_EQ(found("notes"), Texts{});
+    expectEqualToTheDisk();
+    end();
+    install("Notes");
+    install("Third");
+    make(home_ + "/Apps/Third/Documents/third.txt");
+    catchUp();
+    EXPECT_EQ(found("type:file"), (Texts{"map.txt", "note.txt", "third.txt"}));
+    expectEqualToTheDisk();
+}
+
+TEST_F(SearchTest, AnotherClientsLookRemovesARemovedApplicationThroughTheProviderManager) {
+    make(note("note.txt"));
+    make(maps_ + "/map.txt");
+    catchUp();
+    end();
+    uninstall("Notes");
+    auto follower = ChangeFollower::create(context().provider(), hostframework::kWorkingSetContainer);
+    ASSERT_TRUE(follower);
+    const auto anchor = context().searchIndex().anchor();
+    ASSERT_TRUE(anchor && *anchor);
+    ASSERT_TRUE(follower->changesSince(**anchor));
+    EXPECT_EQ(found("type:file"), Texts{"map.txt"});
+    catchUp();
+    expectEqualToTheDisk();
+}
+
+TEST_F(SearchTest, AnAnchorThatExpiredFillsAnewAndFindsMeanwhile) {
+    make(note("kept.txt"));
+    make(note("gone.txt"));
+    catchUp();
+    end();
+    std::remove(note("gone.txt").c_str());
+    make(note("new.txt"));
+    // As if the journal remembered less.
+    const auto anchor = context().searchIndex().anchor();
+    ASSERT_TRUE(anchor && *anchor);
+    ASSERT_TRUE(context().searchIndex().apply({.reports = {}, .anchor = Bytes{1, 2, 3}, .moreComing = false}));
+    int fills = 0;
+    ASSERT_TRUE(tryToCatchUp([&](std::size_t) {
+        ++fills;
+        EXPECT_EQ(found("kept"), Texts{"kept.txt"});
+        EXPECT_EQ(found("gone"), Texts{"gone.txt"});
+    }));
+    EXPECT_EQ(fills, 1);
+    EXPECT_EQ(found("gone"), Texts{});
+    EXPECT_EQ(found("new"), Texts{"new.txt"});
+    expectEqualToTheDisk();
+}
+
+TEST_F(SearchTest, AFolderThatMovesDuringTheFillIsNotLost) {
+    // The first fill asks the root before it lists anything below; what moves then is where nobody looks any more.
+    make(document("A/Moving/Deep/inside.txt"));
+    for (int i = 0; i < 1000; ++i) make(document("B/file " + std::to_string(i)));
+    bool isMoved = false;
+    ASSERT_TRUE(tryToCatchUp([&](std::size_t) {
+        if (!isMoved) std::rename(document("A/Moving").c_str(), document("B/Moving").c_str());
+        isMoved = true;
+    }));
+    EXPECT_TRUE(isMoved);
+    EXPECT_EQ(found("inside"), Texts{"inside.txt"});
+    expectEqualToTheDisk();
+}
+
+TEST_F(SearchTest, ADamagedCutForeignOrMissingDatabaseIsFilledAnew) {
+    make(note("note.txt"));
+    for (int i = 0; i < 50; ++i) make(document("f" + std::to_string(i) + ".txt"));
+    catchUp();
+    end();
+    const std::string good = testing::readFile(databasePath());
+    std::mt19937 random(11);
+    for (int round = 0; round < 24; ++round) {
+        SCOPED_TRACE(round);
+        std::string bad = good;
+        if (round % 3 == 0) {
+            bad.resize(random() % bad.size());
+        } else if (round % 3 == 1) {
+            for (int i = 0; i < 1 << (round % 10); ++i)
+                bad[random() % bad.size()] ^= static_cast<char>(1 + random() % 255);
+        } else {
+            bad = "something else, " + std::string(random() % 9000, 'x');
+        }
+        for (const char* suffix : {"-wal", "-shm"}) std::remove((databasePath() + suffix).c_str());
+        testing::writeFile(databasePath(), bad);
+        const auto done = tryToCatchUp();
+        EXPECT_TRUE(done) << describe(done.error());
+        const auto lines = context().searchIndex().lines();
+        EXPECT_TRUE(lines) << describe(lines.error());
+        end();
+    }
+    std::remove(databasePath().c_str());
+    for (const char* suffix : {"-wal", "-shm"}) std::remove((databasePath() + suffix).c_str());
+    catchUp();
+    expectEqualToTheDisk();
+    end();
+    // Another store's: its anchors say nothing to this one.
+    files::remove_all(home_ + "/.local/state/tarnwell");
+    catchUp();
+    expectEqualToTheDisk();
+}
+
+TEST_F(SearchTest, DomainsAreRemovedUnderEitherNameAndWithoutAnIndexThatIsASuccess) {
+    make(note("Sub/note.txt"));
+    make(maps_ + "/map.txt");
+    ASSERT_TRUE(context().searchIndex().removeDomains({"#Notes"}));
+    EXPECT_FALSE(files::exists(databasePath()));
+    const auto status = context().searchIndex().status();
+    ASSERT_TRUE(status);
+    EXPECT_FALSE(*status);
+    catchUp();
+    const auto remove = [&](const Texts& domains) {
+        std::promise<std::optional<Error>> done;
+        context().providerManager().deleteSearchableItemsWithDomainIdentifiers(
+            domains, [&](const std::optional<Error>& error) { done.set_value(error); });
+        return done.get_future().get();
+    };
+    EXPECT_EQ(remove({"#Notes", "#unknown"}), std::nullopt);
+    EXPECT_EQ(found("type:file"), Texts{"map.txt"});
+    EXPECT_EQ(found("notes"), Texts{});
+    EXPECT_EQ(remove({"Maps"}), std::nullopt);
+    EXPECT_EQ(found("type:file"), Texts{});
+    end();
+    // What cannot be opened cannot be emptied.
+    std::remove(databasePath().c_str());
+    for (const char* suffix : {"-wal", "-shm"}) std::remove((databasePath() + suffix).c_str());
+    makeDirectories(databasePath() + "/in the way");
+    EXPECT_NE(remove({"Maps"}), std::nullopt);
+}
+
+/// Kills a child in the middle of its catching up, by its own hand at the n-th transaction or by ours at any moment.
+TEST_F(SearchTest, AKillAtAnyMomentLeavesAnIndexThatGoesOn) {
+    std::mt19937 random(5);
+    for (int round = 0; round < 12; ++round) {
+        SCOPED_TRACE(round);
+        for (int i = 0; i < 300; ++i) {
+            const std::string folder = "F" + std::to_string(random() % 8);
+            const std::string path = document(folder + "/" + std::to_string(random() % 200) + ".txt");
+            if (random() % 3 == 0) {
+                std::remove(path.c_str());
+            } else {
+                make(path, std::to_string(i));
+            }
+        }
+        end();
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            (void)tryToCatchUp();
+            ::_exit(0);
+        }
+        ::usleep(static_cast<useconds_t>(random() % 120'000));
+        ::kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        catchUp();
+        expectEqualToTheDisk();
+        if (round % 4 == 3) {
+            end();
+            std::remove(databasePath().c_str());
+            std::remove((databasePath() + "-wal").c_str());
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tarnwell::host
