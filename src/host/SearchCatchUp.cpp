@@ -110,9 +110,9 @@ Result<void> SearchCatchUp::addTrashOf(const hostframework::ProviderItem& root, 
     const auto identifier = provider_.persistentIdentifierForItemAtURL(url);
     if (!identifier) return {};
     auto item = provider_.itemForIdentifier(*identifier);
-    if (!item || !(*item)->isFolder()) return {};
+    if (!item) return {};
     pending_.push_back(*item);
-    folders.push_back(*identifier);
+    if ((*item)->isFolder()) folders.push_back(*identifier);
     return {};
 }
 

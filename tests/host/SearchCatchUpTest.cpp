@@ -3,11 +3,14 @@
 #include <sys/wait.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <random>
 
+#include "host/Listing.h"
 #include "hostframework/HostError.h"
+#include "testing/RandomChanges.h"
 #include "tests/host/SearchFixture.h"
 
 namespace tarnwell::host {
@@ -158,16 +161,27 @@ TEST_F(SearchTest, AnAnchorThatExpiredFillsAnewAndFindsMeanwhile) {
 }
 
 TEST_F(SearchTest, AFolderThatMovesDuringTheFillIsNotLost) {
-    // The first fill asks the root before it lists anything below; what moves then is where nobody looks any more.
-    make(document("A/Moving/Deep/inside.txt"));
+    // Whichever is listed first: something moves from where nobody has looked yet to where nobody looks any more.
+    constexpr int kSources = 16;
+    const auto moving = [&](const std::string& folder, int i) { return document(folder + "/M" + std::to_string(i)); };
+    Texts names;
+    for (int i = 0; i < kSources; ++i) {
+        names.push_back("inside" + std::to_string(i) + ".txt");
+        make(moving("A" + std::to_string(i), i) + "/Deep/" + names.back());
+    }
     for (int i = 0; i < 1000; ++i) make(document("B/file " + std::to_string(i)));
+    std::ranges::sort(names);
     bool isMoved = false;
     ASSERT_TRUE(tryToCatchUp([&](std::size_t) {
-        if (!isMoved) std::rename(document("A/Moving").c_str(), document("B/Moving").c_str());
+        for (int i = 0; !isMoved && i < kSources; ++i) {
+            std::rename(moving("A" + std::to_string(i), i).c_str(), moving("B", i).c_str());
+        }
+        // Another client's look sees each move as one, so that nothing is told of what the folder holds.
+        EXPECT_TRUE(currentSyncAnchor(context().provider(), hostframework::kWorkingSetContainer));
         isMoved = true;
     }));
     EXPECT_TRUE(isMoved);
-    EXPECT_EQ(found("inside"), Texts{"inside.txt"});
+    EXPECT_EQ(found("inside"), names);
     expectEqualToTheDisk();
 }
 
@@ -234,6 +248,46 @@ TEST_F(SearchTest, DomainsAreRemovedUnderEitherNameAndWithoutAnIndexThatIsASucce
     for (const char* suffix : {"-wal", "-shm"}) std::remove((databasePath() + suffix).c_str());
     makeDirectories(databasePath() + "/in the way");
     EXPECT_NE(remove({"Maps"}), std::nullopt);
+}
+
+TEST_F(SearchTest, EndsEqualToTheDiskAfterRandomChanges) {
+    const auto given = std::getenv("TARNWELL_DEEP_SEED");
+    const std::uint64_t seed = given != nullptr ? std::strtoull(given, nullptr, 10) : std::random_device()();
+    SCOPED_TRACE("TARNWELL_DEEP_SEED=" + std::to_string(seed));
+    makeDirectories(documents_ + "/.Trash");
+    makeDirectories(notes_ + "/.Trash");
+    testing::RandomChanges::Options options;
+    options.areas = {"Documents",           "Documents/.Trash", "Apps/Notes/Documents", "Apps/Notes/Documents/.Trash",
+                     "Apps/Maps/Documents", "outside"};
+    options.mostNames = 150;
+    makeDirectories(home_ + "/outside");
+    testing::RandomChanges changes(home_, seed, options);
+    bool hasThird = false;
+    for (int round = 0; round < 25; ++round) {
+        SCOPED_TRACE(round);
+        std::string account;
+        for (std::uint64_t i = 0, steps = 1 + changes.below(60); i < steps; ++i) account += changes.step() + "\n";
+        if (changes.below(4) == 0) {
+            end();
+            if (hasThird) {
+                uninstall("Third");
+            } else {
+                install("Third");
+                make(home_ + "/Apps/Third/Documents/Sub/third.txt");
+            }
+            hasThird = !hasThird;
+        } else if (changes.below(3) == 0) {
+            end();
+        }
+        const auto tagged = changes.anyPath();
+        const auto url =
+            tagged.empty() ? failure(posixError(ENOENT)) : urlForPath(context().roots(), home_ + "/" + tagged);
+        const auto item = url ? identifierForURL(context(), *url) : std::nullopt;
+        if (item) (void)ItemOperations(context()).setTags(*item, {"label " + std::to_string(round)});
+        catchUp();
+        expectEqualToTheDisk();
+        if (HasFailure()) FAIL() << account;
+    }
 }
 
 /// Kills a child in the middle of its catching up, by its own hand at the n-th transaction or by ours at any moment.
