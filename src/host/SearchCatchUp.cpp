@@ -30,6 +30,7 @@ Result<void> SearchCatchUp::run() {
 }
 
 Result<void> SearchCatchUp::runOnce() {
+    pending_.clear();
     for (int fills = 0;; ++fills) {
         auto anchor = index_.anchor();
         if (!anchor) return failure(anchor.error());
@@ -83,7 +84,6 @@ Result<SyncAnchor> SearchCatchUp::anchorOfNow() {
 
 Result<void> SearchCatchUp::fill() {
     found_ = 0;
-    pending_.clear();
     const auto before = anchorOfNow();
     if (!before) return failure(before.error());
     if (auto begun = index_.beginFill(); !begun) return begun;

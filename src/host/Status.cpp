@@ -58,6 +58,9 @@ Result<Status> statusOf(ProgramContext& context) {
     status.departures = session.journal().departureCount();
     if (const auto when = context.store().lastCompared()) status.lastCompared = Date(std::chrono::seconds(*when));
     if (auto checked = session.check(); !checked) return failure(checked.error());
+    const auto search = context.searchIndex().status();
+    if (!search) return failure(search.error());
+    status.search = *search;
     return status;
 }
 

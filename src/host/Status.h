@@ -29,6 +29,7 @@ struct Status {
     std::uint64_t databaseBytes = 0;
     std::uint64_t journalBegin = 0, journalEnd = 0;  ///< the positions that can be asked for
     std::uint64_t departures = 0;                    ///< records of what left or went
+    std::optional<SearchStatus> search;              ///< nothing while nobody has searched
     std::optional<Date> lastCompared;  ///< the storage root with all below it, by this program or one before
 };
 

@@ -128,6 +128,7 @@ int runCommandLine(int argumentCount, const char* const* arguments) {
     std::vector<std::unique_ptr<Verb>> verbs;
     verbs.push_back(makeAppsVerb());
     verbs.push_back(makeLsVerb());
+    verbs.push_back(makeSearchVerb());
     verbs.push_back(makeInfoVerb());
     verbs.push_back(makeIdVerb());
     verbs.push_back(makePathVerb());

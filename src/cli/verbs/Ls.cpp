@@ -2,14 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <clocale>
-#include <cstring>
-#include <memory>
 #include <nlohmann/json.hpp>
-#include <type_traits>
 
 #include "cli/output/ItemJson.h"
 #include "cli/output/ItemText.h"
+#include "cli/output/NameOrder.h"
 #include "cli/output/Progress.h"
 #include "cli/output/Text.h"
 #include "cli/verbs/ItemArgument.h"
@@ -18,37 +15,6 @@
 
 namespace tarnwell::cli {
 namespace {
-
-/// Names in the order of the session's language; equal ones by their bytes.
-class NameOrder {
-public:
-    NameOrder() {
-        if (const locale_t locale = ::newlocale(LC_COLLATE_MASK, "", nullptr)) locale_.reset(locale, ::freelocale);
-    }
-
-    /// Component by component, so that what a folder holds stays together.
-    bool operator()(const host::ListedItem& a, const host::ListedItem& b) const {
-        std::string_view first = a.path, second = b.path;
-        while (!first.empty() && !second.empty()) {
-            const std::string left(first.substr(0, first.find('/')));
-            const std::string right(second.substr(0, second.find('/')));
-            if (const int order = compare(left, right); order != 0) return order < 0;
-            first.remove_prefix(std::min(first.size(), left.size() + 1));
-            second.remove_prefix(std::min(second.size(), right.size() + 1));
-        }
-        return first.empty() && !second.empty();
-    }
-
-private:
-    int compare(const std::string& a, const std::string& b) const {
-        if (locale_) {
-            if (const int order = ::strcoll_l(a.c_str(), b.c_str(), locale_.get()); order != 0) return order;
-        }
-        return a.compare(b);
-    }
-
-    std::shared_ptr<std::remove_pointer_t<locale_t>> locale_;
-};
 
 class LsVerb : public Verb {
 public:
@@ -75,7 +41,7 @@ public:
         auto items = list(**ready, *container);
         if (!items) return std::unexpected(failureOf("cannot list", item_, items.error()));
         if (sort_ == "name") {
-            std::ranges::stable_sort(*items, NameOrder());
+            std::ranges::stable_sort(*items, NameOrder(), &host::ListedItem::path);
         } else if (sort_ == "date") {
             std::ranges::stable_sort(*items, std::ranges::greater(),
                                      [](const auto& listed) { return listed.item->contentModificationDate(); });

@@ -41,18 +41,34 @@ private:
             if (!isUtf8(root.path)) json["rootBytes"] = base64(bytesOf(root.path));
             output.line(jsonLine(json));
         }
-        output.line(
-            jsonLine({{"watches", status.watches},
-                      {"polledFolders", status.polledFolders},
-                      {"queueLimit", status.queueLimit},
-                      {"overflows", status.overflows},
-                      {"objects", status.objects},
-                      {"databaseBytes", status.databaseBytes},
-                      {"journalBegin", status.journalBegin},
-                      {"journalEnd", status.journalEnd},
-                      {"departures", status.departures},
-                      {"lastCompared", status.lastCompared ? nlohmann::ordered_json(iso8601(*status.lastCompared))
-                                                           : nlohmann::ordered_json(nullptr)}}));
+        output.line(jsonLine({{"watches", status.watches},
+                              {"polledFolders", status.polledFolders},
+                              {"queueLimit", status.queueLimit},
+                              {"overflows", status.overflows},
+                              {"objects", status.objects},
+                              {"databaseBytes", status.databaseBytes},
+                              {"journalBegin", status.journalBegin},
+                              {"journalEnd", status.journalEnd},
+                              {"departures", status.departures},
+                              {"lastCompared", dateOrNull(status.lastCompared)},
+                              {"search", searchJson(status.search)}}));
+    }
+
+    static nlohmann::ordered_json dateOrNull(const std::optional<Date>& date) {
+        return date ? nlohmann::ordered_json(iso8601(*date)) : nlohmann::ordered_json(nullptr);
+    }
+
+    static nlohmann::ordered_json searchJson(const std::optional<host::SearchStatus>& search) {
+        if (!search) return nullptr;
+        return {{"items", search->items},
+                {"databaseBytes", search->databaseBytes},
+                {"caughtUp", dateOrNull(search->caughtUp)}};
+    }
+
+    static std::string searchText(const std::optional<host::SearchStatus>& search) {
+        if (!search) return "not made yet; the first \"tarnwell search\" makes it";
+        return grouped(search->items) + " items, " + humanSize(search->databaseBytes) + ", " +
+               (search->caughtUp ? "up to date at " + localTime(*search->caughtUp) : "not complete yet");
     }
 
     static void writeText(Output& output, const host::Status& status) {
@@ -73,6 +89,7 @@ private:
                     grouped(status.departures) + " records of what left"}});
         facts.add(
             {{"last compared"}, {status.lastCompared ? localTime(*status.lastCompared) : std::string("never yet")}});
+        facts.add({{"search index"}, {searchText(status.search)}});
         facts.add({{"watches"},
                    {grouped(status.watches) + " directories, " + grouped(status.polledFolders) + " only polled"}});
         facts.add({{"kernel queue"},

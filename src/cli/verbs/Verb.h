@@ -38,6 +38,7 @@ std::unique_ptr<Verb> makeCleanTrashVerb();
 std::unique_ptr<Verb> makeTagVerb();
 std::unique_ptr<Verb> makeRankVerb();
 std::unique_ptr<Verb> makeUsedVerb();
+std::unique_ptr<Verb> makeSearchVerb();
 std::unique_ptr<Verb> makeStatusVerb();
 std::unique_ptr<Verb> makeDoctorVerb();
 
