@@ -101,8 +101,9 @@ public:
         invocation.ignoreInLog("need to restart from scratch");
         invocation.ignoreInLog("can't create change token from anchor data");
         if (auto placed = resolvePlaces(invocation, **ready, search); !placed) return placed;
-        if (auto caughtUp = catchUp(**ready); !caughtUp) return std::unexpected(failureOf(caughtUp.error()));
-        const auto hits = (*ready)->searchIndex().find(search);
+        auto hits = find(**ready, search);
+        // The index has begun a new file.
+        if (!hits && host::isDamagedIndex(hits.error())) hits = find(**ready, search);
         if (!hits && hits.error().is(ErrorDomain::posix, EINVAL)) return wrongQuery(messageOf(hits.error()));
         if (!hits) return std::unexpected(failureOf(hits.error()));
         show(invocation, **ready, *hits);
@@ -176,12 +177,14 @@ private:
         return {};
     }
 
-    static Result<void> catchUp(host::ProgramContext& context) {
+    /// In what is there now.
+    static Result<std::vector<search::Hit>> find(host::ProgramContext& context, const search::Search& search) {
         Progress progress;
         host::SearchCatchUp catchUp(context.provider(), context.searchIndex());
         catchUp.reportTo(
             [&](std::size_t count) { progress.show("making the search index: " + grouped(count) + " items"); });
-        return catchUp.run();
+        if (auto caughtUp = catchUp.run(); !caughtUp) return failure(caughtUp.error());
+        return context.searchIndex().find(search);
     }
 
     /// Each is looked up again: nothing is shown as the index remembers it.
