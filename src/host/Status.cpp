@@ -59,8 +59,8 @@ Result<Status> statusOf(ProgramContext& context) {
     if (const auto when = context.store().lastCompared()) status.lastCompared = Date(std::chrono::seconds(*when));
     if (auto checked = session.check(); !checked) return failure(checked.error());
     const auto search = context.searchIndex().status();
-    if (!search) return failure(search.error());
-    status.search = *search;
+    if (search) status.search = *search;
+    if (!search) status.searchProblem = search.error();
     return status;
 }
 

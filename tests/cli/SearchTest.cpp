@@ -178,6 +178,16 @@ TEST_F(SearchVerbTest, TheStatusSaysWhatTheIndexHolds) {
     EXPECT_NE(device_.run({"status"}).output.find("up to date at"), std::string::npos);
 }
 
+TEST_F(SearchVerbTest, AnIndexThatCannotBeMadeIsSaidAndKeepsNothingElseFromWorking) {
+    makeDirectories(database() + "/in the way");
+    const std::string said = complaint({"search", "a.txt"});
+    EXPECT_NE(said.find(database()), std::string::npos) << said;
+    const auto status = device_.run({"--json", "status"});
+    EXPECT_EQ(status.status, 0) << status.error;
+    EXPECT_NE(status.json().back()["search"]["problem"].get<std::string>().find(database()), std::string::npos);
+    EXPECT_EQ(device_.run({"ls"}).status, 0);
+}
+
 TEST_F(SearchVerbTest, AppsSayWhereTheyComeFrom) {
     const auto finished = device_.run({"--json", "apps"});
     std::map<std::string, nlohmann::json> apps;

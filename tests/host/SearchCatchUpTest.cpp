@@ -11,6 +11,7 @@
 
 #include "host/Listing.h"
 #include "hostframework/HostError.h"
+#include "platform/store/Store.h"
 #include "testing/RandomChanges.h"
 #include "tests/host/SearchFixture.h"
 
@@ -221,6 +222,43 @@ TEST_F(SearchTest, ADamagedCutForeignOrMissingDatabaseIsFilledAnew) {
     files::remove_all(home_ + "/.local/state/tarnwell");
     catchUp();
     expectEqualToTheDisk();
+}
+
+TEST_F(SearchTest, DamageThatIsMetLaterIsFilledAnewAsWell) {
+    make(note("note.txt"));
+    const std::string origin = context().store().uuid().text();
+    end();
+    // Too large to be checked as a whole when it is opened.
+    makeDirectories(home_ + "/.cache/tarnwell");
+    {
+        auto table = search::EntryTable::open(databasePath(), origin);
+        ASSERT_TRUE(table);
+        (*table)->begin();
+        for (int i = 0; i < 25'000; ++i) {
+            search::Entry entry;
+            entry.key = "did=" + std::to_string(1'000'000 + i);
+            entry.parent = "RootContainer";
+            entry.name = "a rather long name of file number " + std::to_string(i) + ".txt";
+            entry.type = "text/plain";
+            (*table)->put(entry);
+        }
+        ASSERT_TRUE((*table)->commit());
+    }
+    const std::string good = testing::readFile(databasePath());
+    ASSERT_GT(good.size(), 5u << 20);
+    std::mt19937 random(3);
+    for (int round = 0; round < 5; ++round) {
+        SCOPED_TRACE(round);
+        std::string bad = good;
+        for (int i = 0; i < 2000; ++i) bad[4096 + random() % (bad.size() - 4096)] = static_cast<char>(random());
+        for (const char* suffix : {"-wal", "-shm"}) std::remove((databasePath() + suffix).c_str());
+        testing::writeFile(databasePath(), bad);
+        (void)context().searchIndex().find({});
+        catchUp();
+        EXPECT_EQ(found("note.txt"), Texts{"note.txt"});
+        expectEqualToTheDisk();
+        end();
+    }
 }
 
 TEST_F(SearchTest, DomainsAreRemovedUnderEitherNameAndWithoutAnIndexThatIsASuccess) {

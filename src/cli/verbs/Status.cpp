@@ -51,21 +51,25 @@ private:
                               {"journalEnd", status.journalEnd},
                               {"departures", status.departures},
                               {"lastCompared", dateOrNull(status.lastCompared)},
-                              {"search", searchJson(status.search)}}));
+                              {"search", searchJson(status)}}));
     }
 
     static nlohmann::ordered_json dateOrNull(const std::optional<Date>& date) {
         return date ? nlohmann::ordered_json(iso8601(*date)) : nlohmann::ordered_json(nullptr);
     }
 
-    static nlohmann::ordered_json searchJson(const std::optional<host::SearchStatus>& search) {
+    static nlohmann::ordered_json searchJson(const host::Status& status) {
+        if (status.searchProblem) return {{"problem", failureOf(*status.searchProblem).message}};
+        const auto& search = status.search;
         if (!search) return nullptr;
         return {{"items", search->items},
                 {"databaseBytes", search->databaseBytes},
                 {"caughtUp", dateOrNull(search->caughtUp)}};
     }
 
-    static std::string searchText(const std::optional<host::SearchStatus>& search) {
+    static std::string searchText(const host::Status& status) {
+        if (status.searchProblem) return failureOf(*status.searchProblem).message;
+        const auto& search = status.search;
         if (!search) return "not made yet; the first \"tarnwell search\" makes it";
         return grouped(search->items) + " items, " + humanSize(search->databaseBytes) + ", " +
                (search->caughtUp ? "up to date at " + localTime(*search->caughtUp) : "not complete yet");
@@ -89,7 +93,7 @@ private:
                     grouped(status.departures) + " records of what left"}});
         facts.add(
             {{"last compared"}, {status.lastCompared ? localTime(*status.lastCompared) : std::string("never yet")}});
-        facts.add({{"search index"}, {searchText(status.search)}});
+        facts.add({{"search index"}, {searchText(status)}});
         facts.add({{"watches"},
                    {grouped(status.watches) + " directories, " + grouped(status.polledFolders) + " only polled"}});
         facts.add({{"kernel queue"},
