@@ -69,6 +69,7 @@ int run(const Options& options, const Sizes& sizes) {
     addPages(suite);
     addTree(suite);
     addLookups(suite);
+    addSearch(suite);
     addOperations(suite);
     benchmark::AddCustomContext("size", sizes.name);
     benchmark::AddCustomContext("rounds", std::to_string(sizes.rounds));
