@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <future>
+#include <mutex>
 #include <random>
 
 #include "host/Listing.h"
@@ -327,6 +328,43 @@ TEST_F(SearchTest, EndsEqualToTheDiskAfterRandomChanges) {
         expectEqualToTheDisk();
         if (HasFailure()) FAIL() << account;
     }
+}
+
+TEST_F(SearchTest, OneThatStaysFollowsWhileTheKernelTells) {
+    make(note("note.txt"));
+    make(maps_ + "/map.txt");
+    makeDirectories(documents_ + "/.Trash");
+    if (auto watching = context().watchForChanges(); !watching) GTEST_SKIP() << describe(watching.error());
+    SearchCatchUp staying(context().provider(), context().searchIndex());
+    const auto catchUp = [&] {
+        const auto done = staying.run();
+        ASSERT_TRUE(done) << describe(done.error());
+    };
+    catchUp();
+    const std::uint64_t seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    testing::RandomChanges::Options options;
+    options.areas = {"Documents", "Documents/.Trash", "Apps/Notes/Documents", "Apps/Maps/Documents"};
+    options.mostNames = 100;
+    testing::RandomChanges changes(home_, seed, options);
+    for (int round = 0; round < 10; ++round) {
+        SCOPED_TRACE(round);
+        for (std::uint64_t i = 0, steps = 1 + changes.below(40); i < steps; ++i) changes.step();
+        catchUp();
+        expectEqualToTheDisk();
+        if (HasFailure()) return;
+    }
+    uninstall("Maps");
+    std::promise<void> looked;
+    std::once_flag once;
+    context().provider().refreshInstalledAppsWithCompletionHandler(
+        [&] { std::call_once(once, [&] { looked.set_value(); }); });
+    looked.get_future().wait();
+    catchUp();
+    EXPECT_EQ(found("type:file", {.below = {"#Maps"}}), Texts{});
+    EXPECT_EQ(found("maps", {.withTrashed = true}), Texts{});
+    expectEqualToTheDisk();
+    end();
 }
 
 /// Whether the process ended by our signal, and not before it.
