@@ -161,6 +161,9 @@ void ComparisonRun::placeUnknown(Folder& folder, const DiskEntry& entry, ObjectR
             // It is shown where clients may see it.
             further = {row->fileID, row->parent, row->name, 0};
             moveHere(folder, *row, entry, false);
+        } else {
+            // It may have been written to under this name, and no hint is of the other.
+            noteIfChanged(*row, entry.status);
         }
         session().index().addLink(further);
         countNames(*row, entry.status);
