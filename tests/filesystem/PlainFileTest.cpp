@@ -68,6 +68,18 @@ TEST(WriteFileAtomically, CreatesAndReplaces) {
     EXPECT_EQ(namesIn(sandbox.path()), (std::set<std::string>{"file"}));
 }
 
+TEST(WriteFileAtomically, IsAsWholeWithoutDurability) {
+    const Sandbox sandbox;
+    const std::string path = sandbox.path("file");
+    for (const std::string& content : {std::string("one"), std::string(300'000, 'x'), std::string()}) {
+        ASSERT_TRUE(writeFileAtomically(path, bytesOf(content), Durability::none));
+        EXPECT_EQ(textOfFile(path), content);
+        EXPECT_EQ(namesIn(sandbox.path("")), std::set<std::string>{"file"});
+    }
+    EXPECT_EQ(writeFileAtomically(sandbox.path("missing/file"), bytesOf("x"), Durability::none).error(),
+              posixError(ENOENT));
+}
+
 TEST(WriteFileAtomically, ReplacesALinkInsteadOfItsTarget) {
     const Sandbox sandbox;
     sandbox.file("target", "old");

@@ -78,7 +78,7 @@ def third_party_name(header):
         return "system"
     if "/" in header:
         return first
-    if header in ("sqlite3.h", "glib.h"):
+    if header in ("sqlite3.h", "glib.h", "cairo.h", "png.h", "seccomp.h"):
         return header.removesuffix(".h") if header == "glib.h" else header
     return "system"
 

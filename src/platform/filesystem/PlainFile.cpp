@@ -54,12 +54,13 @@ Result<TemporaryFile> makeTemporaryFile(const std::string& path) {
     }
 }
 
-Result<void> writeAll(int descriptor, ByteView bytes) {
+Result<void> writeAll(int descriptor, ByteView bytes, Durability durability) {
     while (!bytes.empty()) {
         const ssize_t count = untilNotInterrupted([&] { return ::write(descriptor, bytes.data(), bytes.size()); });
         if (count < 0) return failedCall();
         bytes = bytes.subspan(static_cast<std::size_t>(count));
     }
+    if (durability == Durability::none) return {};
     if (untilNotInterrupted([&] { return ::fsync(descriptor); }) != 0) return failedCall();
     return {};
 }
@@ -101,15 +102,16 @@ Result<Bytes> readFile(const std::string& path, std::size_t limit) {
     return bytes;
 }
 
-Result<void> writeFileAtomically(const std::string& path, ByteView bytes) {
+Result<void> writeFileAtomically(const std::string& path, ByteView bytes, Durability durability) {
     auto temporary = makeTemporaryFile(path);
     if (!temporary) return failure(temporary.error());
-    auto written = writeAll(temporary->descriptor.get(), bytes);
+    auto written = writeAll(temporary->descriptor.get(), bytes, durability);
     if (written && ::rename(temporary->path.c_str(), path.c_str()) != 0) written = failedCall();
     if (!written) {
         ::unlink(temporary->path.c_str());
         return written;
     }
+    if (durability == Durability::none) return {};
     return synchronizeFolder(folderOf(path));
 }
 
