@@ -1,5 +1,6 @@
 #include "testing/FakeAppRegistry.h"
 
+#include <cerrno>
 #include <mutex>
 #include <utility>
 
@@ -70,6 +71,11 @@ public:
     bool isFileSharingEnabled() const override {
         const auto application = current();
         return application && application->fileSharing;
+    }
+    Result<icons::IconData> iconData(int variant) const override {
+        const auto application = current();
+        if (application && application->icon) return application->icon(variant);
+        return failure(posixError(ENOENT, "no icon was set"));
     }
     Origin origin() const override { return archived_.origin; }
     ApplicationType type() const override { return archived_.type; }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,6 +27,8 @@ public:
         bool opensInPlace = false;
         bool fileSharing = false;
         registry::ApplicationType type = registry::ApplicationType::user;
+        /// Answers for each variant, on the thread that asks; unset, there is no icon of any.
+        std::function<Result<icons::IconData>(int variant)> icon = nullptr;
     };
     explicit FakeAppRegistry(Roots& roots);
     void setApplications(std::vector<std::optional<Application>> applications);  ///< nothing = a null record

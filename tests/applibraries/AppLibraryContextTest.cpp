@@ -156,6 +156,7 @@ private:
         }
         bool supportsOpeningDocumentsInPlace() const override { return inner_->supportsOpeningDocumentsInPlace(); }
         bool isFileSharingEnabled() const override { return inner_->isFileSharingEnabled(); }
+        Result<icons::IconData> iconData(int variant) const override { return inner_->iconData(variant); }
         registry::Origin origin() const override { return inner_->origin(); }
         registry::ApplicationType type() const override { return inner_->type(); }
         registry::ArchivedBundleRecord archived() const override { return inner_->archived(); }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/base/Ids.h"
+#include "platform/icons/IconData.h"
 #include "platform/url/URL.h"
 
 namespace tarnwell::registry {
@@ -46,6 +47,9 @@ public:
     virtual std::optional<std::map<std::string, bool>> infoValues(const std::set<std::string>& keys) const = 0;
     virtual bool supportsOpeningDocumentsInPlace() const = 0;
     virtual bool isFileSharingEnabled() const = 0;
+    /// The application's icon for a variant (see iconVariant), read from the disk now. Fails where it has none;
+    /// variants 0 and 1 exist always, since a generic icon stands in for one that is missing.
+    virtual Result<icons::IconData> iconData(int variant) const = 0;
     virtual Origin origin() const = 0;
     virtual ApplicationType type() const = 0;
     virtual ArchivedBundleRecord archived() const = 0;

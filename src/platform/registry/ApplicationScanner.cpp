@@ -67,6 +67,12 @@ std::string reasonOf(const Error& error) {
     return message != error.userInfo.end() ? message->second : describe(error);
 }
 
+/// How the application presents itself is up to its main desktop file.
+void beMain(Application& application, const DesktopEntry& entry) {
+    application.localizedName = entry.localizedName;
+    application.icon = entry.icon;
+}
+
 /// Adds what one more desktop file of the same application says.
 void add(Application& application, const DesktopEntry& entry) {
     application.opensDocuments = application.opensDocuments || entry.opensDocuments;
@@ -203,9 +209,11 @@ ApplicationScanner::Found ApplicationScanner::scanFlatpaks(const std::string& in
                           .type = query.type,
                           .containerPath = sources_.varApp + "/" + identifier,
                           .localizedName = entry->localizedName,
-                          .sharesFiles = keepsDocuments(installation, identifier)};
+                          .sharesFiles = keepsDocuments(installation, identifier),
+                          .icon = entry->icon,
+                          .iconDirs = {installation + "/exports/share/icons"}};
         }
-        if (*stem == identifier) at->second.localizedName = entry->localizedName;
+        if (*stem == identifier) beMain(at->second, *entry);
         add(at->second, *entry);
         problems_.settle(path);
     }
@@ -236,10 +244,12 @@ ApplicationScanner::Found ApplicationScanner::scanSnaps(const std::string& folde
                           .type = query.type,
                           .containerPath = sources_.snapHome + "/" + name + "/current",
                           .localizedName = entry->localizedName,
-                          .sharesFiles = true};
+                          .sharesFiles = true,
+                          .icon = entry->icon,
+                          .iconDirs = {folder + "/../icons"}};
         }
         const std::string snap(withoutKey(name));
-        if (stem->ends_with("_" + snap)) at->second.localizedName = entry->localizedName;
+        if (stem->ends_with("_" + snap)) beMain(at->second, *entry);
         add(at->second, *entry);
         problems_.settle(path);
     }
@@ -291,7 +301,8 @@ std::optional<Application> ApplicationScanner::desktopApplication(const std::str
                             .origin = Origin::desktopEntry,
                             .type = type,
                             .containerPath = std::move(container),
-                            .localizedName = entry->localizedName};
+                            .localizedName = entry->localizedName,
+                            .icon = entry->icon};
     add(application, *entry);
     problems_.settle(path);
     return application;

@@ -30,6 +30,9 @@ struct Application {
     std::optional<bool> supportsDocumentBrowser = std::nullopt;
     bool opensDocuments = false;
     bool sharesFiles = false;
+    std::optional<std::string> icon = std::nullopt;  ///< the name of an icon, or its path
+    /// Folders of icon themes that this application's installation has for itself; they come first.
+    std::vector<std::string> iconDirs = {};
 };
 using ApplicationPtr = std::shared_ptr<const Application>;
 
@@ -37,7 +40,8 @@ using ApplicationPtr = std::shared_ptr<const Application>;
 /// file, is no application or has an unusable identifier is left out, with a debug line where that is a fault of the
 /// file.
 ///
-/// Several desktop files of one Flatpak or Snap make one application: its name is that of the main one ("<ID>.desktop",
+/// Several desktop files of one Flatpak or Snap make one application: its name and its icon are those of the main one
+/// ("<ID>.desktop",
 /// "<snap>_<snap>.desktop", else the first by name), and it declares and opens what any of them does.
 class ApplicationScanner {
 public:

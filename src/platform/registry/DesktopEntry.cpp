@@ -12,8 +12,8 @@ namespace {
 
 const std::string kGroup = "Desktop Entry";
 
-bool isUsableName(const std::string& name) {
-    return !name.empty() && name.size() <= kMaxDisplayNameBytes && log::asOneLine(name) == name;
+bool isUsableText(const std::string& text, std::size_t limit) {
+    return !text.empty() && text.size() <= limit && log::asOneLine(text) == text;
 }
 
 std::vector<std::string> variantsOf(const std::string& language) {
@@ -26,7 +26,7 @@ std::vector<std::string> variantsOf(const std::string& language) {
 
 std::optional<std::string> usableName(const KeyFile& file, const std::string& key) {
     auto name = file.text(kGroup, key);
-    if (name && isUsableName(*name)) return name;
+    if (name && isUsableText(*name, kMaxDisplayNameBytes)) return name;
     return std::nullopt;
 }
 
@@ -67,6 +67,8 @@ Result<DesktopEntry> parseDesktopEntry(std::string_view content, const std::vect
     entry.dataContainer = file->text(kGroup, "X-Tarnwell-DataContainer");
     entry.flatpakIdentifier = file->text(kGroup, "X-Flatpak");
     entry.snapInstanceName = file->text(kGroup, "X-SnapInstanceName");
+    entry.icon = file->text(kGroup, "Icon");
+    if (entry.icon && !isUsableText(*entry.icon, kMaxIconTextBytes)) entry.icon.reset();
     return entry;
 }
 

@@ -10,6 +10,7 @@
 namespace tarnwell::registry {
 
 inline constexpr std::size_t kMaxDisplayNameBytes = 1024;
+inline constexpr std::size_t kMaxIconTextBytes = 4095;
 
 /// What the registry takes from one desktop file. "NoDisplay" is not among it: an application that a menu leaves out
 /// still keeps documents.
@@ -26,6 +27,8 @@ struct DesktopEntry {
     std::optional<std::string> dataContainer;      ///< "X-Tarnwell-DataContainer" as it is written
     std::optional<std::string> flatpakIdentifier;  ///< "X-Flatpak"
     std::optional<std::string> snapInstanceName;   ///< "X-SnapInstanceName"
+    /// "Icon": the name of an icon, or its path. UTF-8 of 1 to 4,095 bytes without control characters.
+    std::optional<std::string> icon;
 };
 
 /// Reads a desktop file. `languages` are in the order of preference; each may carry territory, codeset and modifier

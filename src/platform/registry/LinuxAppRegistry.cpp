@@ -6,15 +6,17 @@
 
 #include "platform/log/LineText.h"
 #include "platform/registry/ApplicationScanner.h"
+#include "platform/registry/IconFinder.h"
 #include "platform/registry/ProblemLog.h"
 
 namespace tarnwell::registry {
 
 struct LinuxAppRegistry::State {
     State(RegistrySources sources, Roots& sharedRoots, log::Log& log)
-        : roots(sharedRoots), problems(log), scanner(std::move(sources), problems) {}
+        : roots(sharedRoots), problems(log), icons(sources), scanner(std::move(sources), problems) {}
     Roots& roots;
     ProblemLog problems;
+    IconFinder icons;
     ApplicationScanner scanner;
 };
 
@@ -98,6 +100,29 @@ std::string describeRecord(const std::string& identifier, Origin origin, const s
            "\"";
 }
 
+/// Of no application, the generic icon.
+Result<icons::IconData> iconOf(State& state, const Application* application, int number) {
+    const auto variant = icons::iconVariant(number);
+    if (!variant) return failure(posixError(EINVAL, "there is no icon variant " + std::to_string(number)));
+    Result<icons::IconData> found = failure(posixError(ENOENT, "it is not installed"));
+    if (application != nullptr) {
+        if (application->icon) {
+            found = state.icons.find(*application->icon, application->iconDirs, *variant);
+        } else {
+            found = failure(posixError(ENOENT, "it names no icon"));
+        }
+        const std::string thing = "icon of " + application->identifier;
+        if (found) {
+            state.problems.settle(thing);
+            return found;
+        }
+        state.problems.report(thing, "no icon of \"" + log::asOneLine(application->identifier) + "\"; " +
+                                         log::asOneLine(describe(found.error())));
+    }
+    if (variant->scale == 1) return icons::genericIcon(variant->pixels());
+    return found;
+}
+
 /// An application as it was when the registry looked.
 class InstalledRecord final : public BundleRecord {
 public:
@@ -114,6 +139,9 @@ public:
     }
     bool supportsOpeningDocumentsInPlace() const override { return application_->opensDocuments; }
     bool isFileSharingEnabled() const override { return application_->sharesFiles; }
+    Result<icons::IconData> iconData(int variant) const override {
+        return iconOf(*state_, application_.get(), variant);
+    }
     Origin origin() const override { return application_->origin; }
     ApplicationType type() const override { return application_->type; }
     ArchivedBundleRecord archived() const override {
@@ -160,6 +188,7 @@ public:
         const ApplicationPtr application = installed();
         return application && application->sharesFiles;
     }
+    Result<icons::IconData> iconData(int variant) const override { return iconOf(*state_, installed().get(), variant); }
     Origin origin() const override { return archived_.origin; }
     ApplicationType type() const override { return archived_.type; }
     ArchivedBundleRecord archived() const override { return archived_; }

@@ -18,7 +18,7 @@ namespace tarnwell::registry {
 ///
 /// A record made from an archive keeps identifier, container, origin and type of the archive. Its name, values and
 /// flags are those of the application that is installed under its identifier and origin when it is asked; with none
-/// there is no name, no value, and the flags are false.
+/// there is no name, no value, the flags are false, and the icon is the generic one.
 ///
 /// Records may outlive the registry, but neither outlives `roots` and `log`.
 class LinuxAppRegistry final : public AppRegistry, private AppWorkspace {

@@ -96,9 +96,15 @@ RegistrySources RegistrySources::from(const Lookup& variable) {
     for (const std::string& installation : sources.flatpakSystemDirs)
         exports.push_back(installation + "/exports/share");
     exports.push_back(sources.flatpakUserDir + "/exports/share");
+    if (!home.empty()) addOnce(sources.iconDirs, home + "/.icons");
+    if (!dataHome.empty()) addOnce(sources.iconDirs, dataHome + "/icons");
     const auto dirs = variable("XDG_DATA_DIRS");
     for (std::string dir : split(dirs && !dirs->empty() ? *dirs : "/usr/local/share:/usr/share", ':')) {
         dir = withoutTrailingSlashes(dir);
+        if (dir.starts_with('/')) {
+            addOnce(sources.iconDirs, dir + "/icons");
+            addOnce(sources.pixmapDirs, dir + "/pixmaps");
+        }
         if (!dir.starts_with('/') || std::ranges::find(exports, dir) != exports.end()) continue;
         const std::string applications = dir + "/applications";
         if (dir.ends_with("/snapd/desktop")) {
@@ -106,6 +112,13 @@ RegistrySources RegistrySources::from(const Lookup& variable) {
         } else if (applications != sources.userDesktopDir) {
             addOnce(sources.systemDesktopDirs, applications);
         }
+    }
+    addOnce(sources.pixmapDirs, "/usr/share/pixmaps");
+    const std::string config = folder(variable, "XDG_CONFIG_HOME", home.empty() ? std::string() : home + "/.config");
+    if (!config.empty()) {
+        sources.themeSettings = {{config + "/gtk-4.0/settings.ini", "Settings", "gtk-icon-theme-name"},
+                                 {config + "/gtk-3.0/settings.ini", "Settings", "gtk-icon-theme-name"},
+                                 {config + "/kdeglobals", "Icons", "Theme"}};
     }
     sources.languages = languagesOf(variable);
     return sources;
