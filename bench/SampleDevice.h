@@ -28,7 +28,8 @@ public:
 
     const fs::FSEnvironment& environment() const { return *environment_; }
     provider::ProviderContext providerContext() {
-        return {*environment_, *libraries_, device_.fileOperations(), device_.accessScopes()};
+        return {*environment_,          *libraries_,          device_.fileOperations(),
+                device_.accessScopes(), device_.deviceInfo(), device_.iconRenderer()};
     }
 
 private:

@@ -67,6 +67,8 @@ struct TestDevice::Services {
     items::Environment environment;
     FakeFileOperations fileOperations;
     FakeAccessScopes accessScopes;
+    FakeDeviceInfo deviceInfo;
+    FakeIconRenderer iconRenderer;
 };
 
 TestDevice::TestDevice()
@@ -128,6 +130,8 @@ FakeAppRegistry& TestDevice::registry() { return services_->registry; }
 RecordingProviderManager& TestDevice::providerManager() { return services_->providerManager; }
 FakeFileOperations& TestDevice::fileOperations() { return services_->fileOperations; }
 FakeAccessScopes& TestDevice::accessScopes() { return services_->accessScopes; }
+FakeDeviceInfo& TestDevice::deviceInfo() { return services_->deviceInfo; }
+FakeIconRenderer& TestDevice::iconRenderer() { return services_->iconRenderer; }
 items::ProgramLog& TestDevice::programLog() { return services_->programLog; }
 items::Environment& TestDevice::environment() { return services_->environment; }
 DeviceID TestDevice::device() { return files::kRootsDevice; }

@@ -13,7 +13,9 @@
 #include "platform/watch/KernelWatcher.h"
 #include "testing/CapturingLog.h"
 #include "testing/FakeAppRegistry.h"
+#include "testing/FakeDeviceInfo.h"
 #include "testing/FakeFileOperations.h"
+#include "testing/FakeIconRenderer.h"
 #include "testing/RecordingProviderManager.h"
 #include "testing/TemporaryDirectory.h"
 
@@ -47,6 +49,8 @@ public:
     RecordingProviderManager& providerManager();
     FakeFileOperations& fileOperations();
     FakeAccessScopes& accessScopes();
+    FakeDeviceInfo& deviceInfo();
+    FakeIconRenderer& iconRenderer();
     items::ProgramLog& programLog();
     items::Environment& environment();
     DeviceID device();

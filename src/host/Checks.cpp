@@ -6,10 +6,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 
 #include "platform/filesystem/PlainFile.h"
+#include "platform/icons/RenderProcess.h"
 #include "platform/store/Store.h"
 
 namespace tarnwell::host {
@@ -171,6 +173,23 @@ Check checkFileTypes(const Settings& settings, const Settings::Lookup& variable)
         if (::access(cache.c_str(), R_OK) == 0) return {"file types", State::good, cache, {}};
     }
     return {"file types", State::broken, "there is no database of file types", "install the package shared-mime-info"};
+}
+
+Check checkIconRenderer(const std::string& program) {
+    constexpr unsigned kSide = 48;
+    constexpr std::chrono::seconds kPatience{5};
+    Check check{"icons", State::good, {}, {}};
+    const auto began = std::chrono::steady_clock::now();
+    if (const auto drawn = icons::renderInProcess(program, icons::genericIcon(kSide), kPatience)) {
+        const auto took =
+            std::chrono::ceil<std::chrono::milliseconds>(std::chrono::steady_clock::now() - began).count();
+        check.finding = "drawn in " + std::to_string(took) + " ms";
+    } else {
+        check.state = State::warning;
+        check.finding = "cannot be drawn: " + describe(drawn.error());
+        check.advice = "thumbnails need tarnwell-render-icon beside the program";
+    }
+    return check;
 }
 
 Check checkStore(ProgramContext& context) {

@@ -33,6 +33,8 @@ std::vector<Check> checkWatchLimits(const std::string& procFolder);
 std::vector<Check> checkRegistrySources(const registry::RegistrySources& sources);
 /// The database of file types in the folders of XDG_DATA_HOME and XDG_DATA_DIRS.
 Check checkFileTypes(const Settings& settings, const Settings::Lookup& variable);
+/// Whether icons can be drawn; `program` is the path of tarnwell-render-icon.
+Check checkIconRenderer(const std::string& program);
 /// The open store: how it was found, its identity, how much it knows.
 Check checkStore(ProgramContext& context);
 /// The app libraries, and the attributes of their folders.

@@ -11,8 +11,10 @@
 #include "applibraries/TWPAppLibraryManager.h"
 #include "items/LocalItem.h"
 #include "items/TWPFileObjectIdentifier.h"
+#include "platform/device/LinuxDeviceInfo.h"
 #include "platform/events/ComparingEventService.h"
 #include "platform/files/LocalFileSystem.h"
+#include "platform/icons/ProcessIconRenderer.h"
 #include "platform/mime/TypeDatabase.h"
 #include "platform/registry/LinuxAppRegistry.h"
 #include "platform/store/Store.h"
@@ -26,6 +28,10 @@ struct ProgramContext::Parts {
           store(std::move(openStore)),
           programLog(log, pool),
           fileOperations(operations::Context{roots, *store, log}, pool),
+          device(device::DeviceSources::fromEnvironment(), log),
+          icons({.program = icons::ProcessIconRenderer::programBesideThisOne(),
+                 .cacheFolder = programSettings.cacheDirectory + "/icons"},
+                log),
           comparer(roots, *store, *types, files::KeptAttributes(items::LocalItem::keptAttributeNames(), &log)) {}
 
     const Settings settings;
@@ -34,6 +40,8 @@ struct ProgramContext::Parts {
     Roots roots;
     items::ProgramLog programLog;
     HostFileOperations fileOperations;
+    device::LinuxDeviceInfo device;
+    icons::ProcessIconRenderer icons;
     const std::shared_ptr<mime::TypeDatabase> types = mime::TypeDatabase::create();
     files::Comparer comparer;
     files::LocalFileSystem files{roots, *store, comparer, *types};
@@ -45,6 +53,7 @@ struct ProgramContext::Parts {
     std::optional<items::Environment> environment;
     std::optional<fs::FSEnvironment> fsEnvironment;
     std::unique_ptr<applibraries::AppLibraryContext> appLibraries;
+    std::vector<registry::BundleRecordPtr> librariesAtStart;
     hostframework::ObjectRuntime objectRuntime;
     std::shared_ptr<provider::LocalProvider> provider;
     std::unique_ptr<registry::RegistryWatch> registryWatch;
@@ -96,12 +105,10 @@ Result<void> meetApplications(const Roots& roots, registry::AppRegistry& registr
     return {};
 }
 
-/// True when the list in the main cache is what a look at the installed applications gives now.
-bool isMainCacheCurrent(items::ProgramLog& log, applibraries::AppLibraryContext& appLibraries,
-                        registry::AppRegistry& registry) {
+/// True when the list that the main cache had is what a look at the installed applications gives now.
+bool isCurrent(const std::vector<registry::BundleRecordPtr>& cached, items::ProgramLog& log,
+               registry::AppRegistry& registry) {
     const auto found = applibraries::retrieveBundleRecords(log, registry);
-    applibraries::LocalAppLibraryCache& cache = appLibraries.mainCache();
-    const auto cached = cache.queue().sync([&] { return cache.load().records; });
     return std::ranges::equal(
         found, cached, [](const auto& a, const auto& b) { return a->dataContainerURL() == b->dataContainerURL(); });
 }
@@ -145,8 +152,12 @@ Result<std::unique_ptr<ProgramContext>> ProgramContext::create(const Settings& s
                                                                             parts->pool, settings.applicationSupport);
     items::TWPFileObjectIdentifier::registerOperations(parts->objectRuntime, *parts->environment);
     applibraries::TWPAppLibraryManager::registerIn(parts->objectRuntime, parts->appLibraries->directory());
-    parts->provider = provider::LocalProvider::create(provider::ProviderContext{
-        *parts->fsEnvironment, *parts->appLibraries, parts->fileOperations, parts->fileOperations});
+    // Before the provider is there: its first look at the applications may replace the list.
+    auto& cache = parts->appLibraries->mainCache();
+    parts->librariesAtStart = cache.queue().sync([&] { return cache.load().records; });
+    parts->provider = provider::LocalProvider::create(
+        provider::ProviderContext{*parts->fsEnvironment, *parts->appLibraries, parts->fileOperations,
+                                  parts->fileOperations, parts->device, parts->icons});
     return std::unique_ptr<ProgramContext>(new ProgramContext(std::move(parts)));
 }
 
@@ -160,23 +171,29 @@ ProgramContext::~ProgramContext() {
 }
 
 void ProgramContext::prepareForRequests() {
-    if (!isMainCacheCurrent(parts_->programLog, *parts_->appLibraries, *parts_->registry)) {
-        // The completion is called again after every later look, so it must outlive this wait.
-        struct Wait {
-            std::once_flag once;
-            std::promise<void> done;
-        };
-        const auto wait = std::make_shared<Wait>();
-        parts_->provider->refreshInstalledAppsWithCompletionHandler(
-            [wait] { std::call_once(wait->once, [&] { wait->done.set_value(); }); });
-        wait->done.get_future().wait();
-    }
+    if (!isCurrent(parts_->librariesAtStart, parts_->programLog, *parts_->registry)) refreshApplications();
     // Documents are named through the shared manager, which starts with what the search index was last told of.
     const bool upgraded =
         parts_->appLibraries->sharedManager().upgradeFromMainCache(nullptr, applibraries::IndexCleanup::no);
     // The provider's own look will find nothing to upgrade any more, so that whoever follows the working set is told
     // here.
     if (upgraded) parts_->providerManager->signalEnumeratorForContainer(hostframework::kWorkingSetContainer, {});
+}
+
+void ProgramContext::refreshApplications() {
+    // The completion is called again after every later look, so it must outlive this wait.
+    struct Wait {
+        std::once_flag once;
+        std::promise<void> done;
+    };
+    const auto wait = std::make_shared<Wait>();
+    parts_->provider->refreshInstalledAppsWithCompletionHandler(
+        [wait] { std::call_once(wait->once, [&] { wait->done.set_value(); }); });
+    wait->done.get_future().wait();
+}
+
+const std::vector<registry::BundleRecordPtr>& ProgramContext::librariesAtStart() const {
+    return parts_->librariesAtStart;
 }
 
 Result<void> ProgramContext::watchForChanges() {
@@ -208,5 +225,7 @@ HostProviderManager& ProgramContext::providerManager() { return *parts_->provide
 SearchIndex& ProgramContext::searchIndex() { return *parts_->searchIndex; }
 HostFileOperations& ProgramContext::fileOperations() { return parts_->fileOperations; }
 provider::LocalProvider& ProgramContext::provider() { return *parts_->provider; }
+icons::IconRenderer& ProgramContext::icons() { return parts_->icons; }
+device::DeviceInfo& ProgramContext::device() { return parts_->device; }
 
 }  // namespace tarnwell::host

@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "applibraries/AppLibraryContext.h"
 #include "host/HostFileOperations.h"
@@ -11,10 +12,12 @@
 #include "host/Settings.h"
 #include "hostframework/ObjectRuntime.h"
 #include "items/Environment.h"
+#include "platform/device/DeviceInfo.h"
 #include "platform/dispatch/ThreadPool.h"
 #include "platform/events/FileEventService.h"
 #include "platform/events/LiveIndex.h"
 #include "platform/filesystem/Roots.h"
+#include "platform/icons/IconRenderer.h"
 #include "platform/log/Log.h"
 #include "provider/LocalProvider.h"
 
@@ -44,6 +47,12 @@ public:
     /// installed applications only if they are not the ones that the last look left behind.
     void prepareForRequests();
 
+    /// Asks the provider to look at the installed applications, and waits until it has.
+    void refreshApplications();
+    /// The app libraries as the last run of the program left their list: what a look at the applications is compared
+    /// with.
+    const std::vector<registry::BundleRecordPtr>& librariesAtStart() const;
+
     /// For a program that stays: from now on the kernel tells what changes, as far as it can, instead of looking at
     /// everything from time to time, and applications that come and go are met by themselves. Begins in the background
     /// with one look at everything. To be called before the first enumerator; fails where the kernel offers nothing,
@@ -69,6 +78,8 @@ public:
     SearchIndex& searchIndex();
     HostFileOperations& fileOperations();
     provider::LocalProvider& provider();
+    icons::IconRenderer& icons();
+    device::DeviceInfo& device();
 
 private:
     struct Parts;

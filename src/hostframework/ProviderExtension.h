@@ -4,7 +4,9 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "hostframework/Progress.h"
 #include "hostframework/ProviderEnumerator.h"
 #include "hostframework/ProviderManager.h"
 
@@ -12,6 +14,19 @@ namespace tarnwell::hostframework {
 
 /// An item as it is after the operation, or why there is none.
 using ItemCompletion = std::function<void(const Result<ProviderItemPtr>&)>;
+
+/// The thumbnail of one of the items that were asked for: its data, or nothing where it has none.
+using ThumbnailCompletion = std::function<void(const ItemIdentifier& identifier, const std::optional<Bytes>& data,
+                                               const std::optional<Error>& error)>;
+/// The same with the type of the data; both are there, or neither.
+using TypedThumbnailCompletion =
+    std::function<void(const ItemIdentifier& identifier, const std::optional<Bytes>& data,
+                       const std::optional<std::string>& typeIdentifier, const std::optional<Error>& error)>;
+
+/// In pixels.
+struct ThumbnailSize {
+    double width = 0, height = 0;
+};
 
 /// The principal object that a host makes once and calls on threads of its own.
 class ProviderExtension {
@@ -48,6 +63,20 @@ public:
                             ItemCompletion completionHandler) = 0;
     virtual void setFavoriteRank(const std::optional<std::uint64_t>& rank, const ItemIdentifier& forItemIdentifier,
                                  ItemCompletion completionHandler) = 0;
+
+    /// One callback for each identifier, in the order given, then the completion. With untyped callbacks the data is an
+    /// image of any type as it was found, with typed ones it is of the type that is told.
+    virtual ProgressPtr fetchThumbnailsForItemIdentifiers(const std::vector<ItemIdentifier>& identifiers,
+                                                          ThumbnailSize requestedSize,
+                                                          const ThumbnailCompletion& perThumbnailCompletionHandler,
+                                                          const Completion& completionHandler) = 0;
+    virtual ProgressPtr fetchThumbnailsForItemIdentifiers(
+        const std::vector<ItemIdentifier>& identifiers, ThumbnailSize requestedSize,
+        const TypedThumbnailCompletion& perThumbnailCompletionHandlerWithType, const Completion& completionHandler) = 0;
+
+    /// Where an application's documents are kept if nobody says otherwise: its app library.
+    virtual void defaultApplicationContainerForBundleIdentifier(const std::string& bundleIdentifier,
+                                                                const ItemCompletion& completionHandler) = 0;
 
     virtual Result<std::shared_ptr<ProviderEnumerator>> enumeratorForContainerItemIdentifier(
         const ItemIdentifier& identifier) = 0;

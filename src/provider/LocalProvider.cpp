@@ -4,13 +4,19 @@
 
 #include "applibraries/LocalRootEnumerator.h"
 #include "fs/LocalFileEnumerator.h"
+#include "hostframework/HostError.h"
+#include "items/LocalItem.h"
 
 namespace tarnwell::provider {
 
 using hostframework::Completion;
 using hostframework::ItemCompletion;
 using hostframework::ItemIdentifier;
+using hostframework::ProgressPtr;
 using hostframework::ProviderEnumerator;
+using hostframework::ThumbnailCompletion;
+using hostframework::ThumbnailSize;
+using hostframework::TypedThumbnailCompletion;
 using items::LogSection;
 
 namespace {
@@ -39,6 +45,7 @@ LocalProvider::LocalProvider(const ProviderContext& context)
       trash_(context),
       trashCleanup_(context),
       userMetadata_(context),
+      thumbnails_(context),
       appRefreshQueue_(dispatch::SerialQueue::create(context.fs.pool, kRefreshQueueLabel)),
       appRefreshPacer_(std::make_unique<hostframework::Pacer>(kRefreshPacerName, appRefreshQueue_, kRefreshInterval)) {}
 
@@ -138,6 +145,36 @@ void LocalProvider::setTagData(const std::optional<Bytes>& tagData, const ItemId
 void LocalProvider::setFavoriteRank(const std::optional<std::uint64_t>& rank, const ItemIdentifier& forItemIdentifier,
                                     ItemCompletion completionHandler) {
     userMetadata_.setFavoriteRank(rank, forItemIdentifier, completionHandler);
+}
+
+ProgressPtr LocalProvider::fetchThumbnailsForItemIdentifiers(const std::vector<ItemIdentifier>& identifiers,
+                                                             ThumbnailSize /*requestedSize*/,
+                                                             const ThumbnailCompletion& perThumbnailCompletionHandler,
+                                                             const Completion& completionHandler) {
+    return thumbnails_.fetch(identifiers, perThumbnailCompletionHandler, completionHandler);
+}
+
+ProgressPtr LocalProvider::fetchThumbnailsForItemIdentifiers(
+    const std::vector<ItemIdentifier>& identifiers, ThumbnailSize /*requestedSize*/,
+    const TypedThumbnailCompletion& perThumbnailCompletionHandlerWithType, const Completion& completionHandler) {
+    return thumbnails_.fetch(identifiers, perThumbnailCompletionHandlerWithType, completionHandler);
+}
+
+void LocalProvider::defaultApplicationContainerForBundleIdentifier(const std::string& bundleIdentifier,
+                                                                   const ItemCompletion& completionHandler) {
+    auto& log = context_.fs.items.log;
+    const LogSection section(log, "default location for " + bundleIdentifier);
+    const auto record = context_.appLibraries.services().registry.recordForBundleIdentifier(bundleIdentifier);
+    if (!record) {
+        log.error("can't create bundle proxy with '" + bundleIdentifier + "'");
+        return completionHandler(failure(hostframework::invalidParameter("bundleIdentifier", bundleIdentifier)));
+    }
+    const auto item = items::LocalAppLibraryItem::initFrom(context_.fs.items, *record);
+    if (!item) {
+        log.error("can't create an app library item with " + record->description());
+        return completionHandler(failure(hostframework::invalidParameter("bundleIdentifier", bundleIdentifier)));
+    }
+    completionHandler(hostframework::ProviderItemPtr(item));
 }
 
 Result<std::shared_ptr<ProviderEnumerator>> LocalProvider::enumeratorForContainerItemIdentifier(

@@ -10,6 +10,7 @@
 #include "provider/ItemCreation.h"
 #include "provider/ItemLookup.h"
 #include "provider/ProviderContext.h"
+#include "provider/Thumbnails.h"
 #include "provider/TrashCleanup.h"
 #include "provider/UserMetadata.h"
 
@@ -69,6 +70,21 @@ public:
                          const hostframework::ItemIdentifier& forItemIdentifier,
                          hostframework::ItemCompletion completionHandler) override;
 
+    /// See Thumbnails.
+    hostframework::ProgressPtr fetchThumbnailsForItemIdentifiers(
+        const std::vector<hostframework::ItemIdentifier>& identifiers, hostframework::ThumbnailSize requestedSize,
+        const hostframework::ThumbnailCompletion& perThumbnailCompletionHandler,
+        const hostframework::Completion& completionHandler) override;
+    hostframework::ProgressPtr fetchThumbnailsForItemIdentifiers(
+        const std::vector<hostframework::ItemIdentifier>& identifiers, hostframework::ThumbnailSize requestedSize,
+        const hostframework::TypedThumbnailCompletion& perThumbnailCompletionHandlerWithType,
+        const hostframework::Completion& completionHandler) override;
+
+    /// The app library of an installed application, on the calling thread. Fails with the host's "invalid parameter"
+    /// for "bundleIdentifier" where there is no such application, or it keeps no documents.
+    void defaultApplicationContainerForBundleIdentifier(
+        const std::string& bundleIdentifier, const hostframework::ItemCompletion& completionHandler) override;
+
     /// A root enumerator for RootContainer, WorkingSetContainer and AllDirectoriesContainer, else a local file
     /// enumerator of the folder; its live updates are started. Fails with the host's "no such item".
     Result<std::shared_ptr<hostframework::ProviderEnumerator>> enumeratorForContainerItemIdentifier(
@@ -96,6 +112,7 @@ private:
     const Trash trash_;
     const TrashCleanup trashCleanup_;
     const UserMetadata userMetadata_;
+    const Thumbnails thumbnails_;
     /// On `appRefreshQueue_` only. Never emptied.
     std::vector<RefreshCompletion> appRefreshCompletionHandlers_;
     const std::shared_ptr<dispatch::SerialQueue> appRefreshQueue_;

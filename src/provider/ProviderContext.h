@@ -3,6 +3,8 @@
 #include "applibraries/AppLibraryContext.h"
 #include "fs/FSEnvironment.h"
 #include "hostframework/FileOperations.h"
+#include "platform/device/DeviceInfo.h"
+#include "platform/icons/IconRenderer.h"
 
 namespace tarnwell::provider {
 
@@ -13,6 +15,8 @@ struct ProviderContext {
     applibraries::AppLibraryContext& appLibraries;
     hostframework::FileOperations& fileOperations;
     hostframework::AccessScopes& accessScopes;
+    device::DeviceInfo& device;
+    icons::IconRenderer& icons;
 };
 
 }  // namespace tarnwell::provider

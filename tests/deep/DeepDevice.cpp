@@ -77,7 +77,8 @@ void DeepDevice::open() {
                                                                       device_.pool(), device_.applicationSupport());
     appLibraries_->sharedManager();
     provider_ = provider::LocalProvider::create(
-        provider::ProviderContext{*environment_, *appLibraries_, device_.fileOperations(), device_.accessScopes()});
+        provider::ProviderContext{*environment_, *appLibraries_, device_.fileOperations(), device_.accessScopes(),
+                                  device_.deviceInfo(), device_.iconRenderer()});
 }
 
 void DeepDevice::close() {

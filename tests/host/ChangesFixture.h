@@ -75,7 +75,8 @@ protected:
         appLibraries_ = std::make_unique<applibraries::AppLibraryContext>(device_.environment(), device_.registry(),
                                                                           device_.pool(), device_.applicationSupport());
         provider_ = provider::LocalProvider::create(
-            provider::ProviderContext{*environment_, *appLibraries_, device_.fileOperations(), device_.accessScopes()});
+            provider::ProviderContext{*environment_, *appLibraries_, device_.fileOperations(), device_.accessScopes(),
+                                      device_.deviceInfo(), device_.iconRenderer()});
     }
     void close() {
         provider_.reset();

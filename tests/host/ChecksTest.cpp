@@ -87,6 +87,16 @@ TEST(CheckRegistrySources, SaysWhichFoldersAreThere) {
     EXPECT_EQ(checks[1].state, State::note);
 }
 
+TEST(CheckIconRenderer, DrawsOneOrWarns) {
+    EXPECT_EQ(checkIconRenderer(TARNWELL_BINARY_DIR "/tarnwell-render-icon").state, Check::State::good);
+    const Check missing = checkIconRenderer("/nonexistent/tarnwell-render-icon");
+    EXPECT_EQ(missing.state, Check::State::warning);
+    EXPECT_EQ(missing.finding,
+              "cannot be drawn: POSIX ENOENT (No such file or directory): \"/nonexistent/tarnwell-render-icon\" cannot "
+              "be started");
+    EXPECT_NE(missing.advice, "");
+}
+
 TEST(CheckFileTypes, FindsTheDatabaseInAnyDataFolder) {
     TemporaryDirectory directory;
     Settings settings;

@@ -22,7 +22,10 @@ using provider::ItemAnswer;
 /// The provider's operations through the host's own file operations, on real files.
 class ProviderOperationsTest : public provider::OperationsTest {
 protected:
-    ProviderOperationsTest() { provider_ = provider::LocalProvider::create({environment_, context_, real_, real_}); }
+    ProviderOperationsTest() {
+        provider_ = provider::LocalProvider::create(
+            {environment_, context_, real_, real_, device_.deviceInfo(), device_.iconRenderer()});
+    }
     ~ProviderOperationsTest() override {
         provider_.reset();
         device_.pool()->waitUntilQuiet();
@@ -162,7 +165,8 @@ TEST_F(ProviderOperationsTest, ImportCreateRenameMoveAndDeleteOnRealFiles) {
 TEST_F(ProviderOperationsTest, WhatAnOperationChangedIsInTheNextReplyOnce) {
     // With the journal itself.
     const fs::FSEnvironment journaled{device_.environment(), device_.events(), device_.pool()};
-    provider_ = provider::LocalProvider::create({journaled, context_, real_, real_});
+    provider_ = provider::LocalProvider::create(
+        {journaled, context_, real_, real_, device_.deviceInfo(), device_.iconRenderer()});
     makeNote("Folder/inner.txt", "inner");
     makeNote("a.txt", "text");
     testing::writeFile(device_.home() + "/letter.txt", "dear");

@@ -63,6 +63,25 @@ public:
         completion(unknown(item));
     }
 
+    hostframework::ProgressPtr fetchThumbnailsForItemIdentifiers(const std::vector<Identifier>&,
+                                                                 hostframework::ThumbnailSize,
+                                                                 const hostframework::ThumbnailCompletion&,
+                                                                 const hostframework::Completion& completion) override {
+        completion(std::nullopt);
+        return std::make_shared<hostframework::Progress>(0);
+    }
+    hostframework::ProgressPtr fetchThumbnailsForItemIdentifiers(const std::vector<Identifier>&,
+                                                                 hostframework::ThumbnailSize,
+                                                                 const hostframework::TypedThumbnailCompletion&,
+                                                                 const hostframework::Completion& completion) override {
+        completion(std::nullopt);
+        return std::make_shared<hostframework::Progress>(0);
+    }
+    void defaultApplicationContainerForBundleIdentifier(const std::string& bundleIdentifier,
+                                                        const ItemCompletion& completion) override {
+        completion(failure(hostframework::invalidParameter("bundleIdentifier", bundleIdentifier)));
+    }
+
 private:
     static Result<hostframework::ProviderItemPtr> unknown(const Identifier& item) {
         return failure(hostframework::noSuchItem(item));

@@ -313,7 +313,8 @@ protected:
 
 TEST_F(ProviderStartTest, TheFirstEventAndNotTheStartLoadsTheSharedManager) {
     newLines();
-    auto provider = LocalProvider::create({environment_, context_, device_.fileOperations(), device_.accessScopes()});
+    auto provider = LocalProvider::create({environment_, context_, device_.fileOperations(), device_.accessScopes(),
+                                           device_.deviceInfo(), device_.iconRenderer()});
     auto counter = std::make_shared<Counter>();
     provider->refreshInstalledAppsWithCompletionHandler([counter] { counter->increment(); });
     ASSERT_TRUE(counter->waitFor(1));

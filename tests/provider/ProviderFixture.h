@@ -48,9 +48,13 @@ protected:
 
     applibraries::AppLibraryContext context_{device_.environment(), device_.registry(), device_.pool(),
                                              device_.applicationSupport()};
-    ProviderContext providerContext_{environment_, context_, device_.fileOperations(), device_.accessScopes()};
+    ProviderContext providerContext_{
+        environment_,          context_, device_.fileOperations(), device_.accessScopes(), device_.deviceInfo(),
+        device_.iconRenderer()};
     /// The same with faults in the file system.
-    ProviderContext faultyContext_{faultyEnvironment_, context_, device_.fileOperations(), device_.accessScopes()};
+    ProviderContext faultyContext_{faultyEnvironment_,       context_,
+                                   device_.fileOperations(), device_.accessScopes(),
+                                   device_.deviceInfo(),     device_.iconRenderer()};
 };
 
 /// Counts completions; lets a test wait for them.

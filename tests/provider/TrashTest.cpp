@@ -160,7 +160,8 @@ TEST_F(TrashTest, AnItemBelowNoDocumentsFolderIsRefusedAndNothingIsTouched) {
     testing::RecordingProviderManager storage(device_.pool(), URL::file(ElsewhereFileSystem::kElsewhere));
     const items::Environment items{device_.programLog(), elsewhere, device_.generationStore(), storage};
     const fs::FSEnvironment environment{items, events_, device_.pool()};
-    const Trash trash({environment, context_, device_.fileOperations(), device_.accessScopes()});
+    const Trash trash({environment, context_, device_.fileOperations(), device_.accessScopes(), device_.deviceInfo(),
+                       device_.iconRenderer()});
     newLines();
     ItemAnswer answer;
     trash.trashItem(identifier, answer);
