@@ -81,8 +81,9 @@ TEST(Usage, HelpNamesEveryVerbAndEachVerbHelpsWithAnExample) {
     const auto help = run({"--help"});
     EXPECT_EQ(help.status, 0);
     for (const char* verb :
-         {"apps", "ls",    "info",    "id",     "path",        "anchor", "changes", "import", "mkdir",  "rename",
-          "move", "trash", "restore", "delete", "clean-trash", "tag",    "rank",    "used",   "status", "doctor"}) {
+         {"apps",  "ls",     "info",   "id",     "path",      "anchor",  "changes",          "import",
+          "mkdir", "rename", "move",   "trash",  "restore",   "delete",  "clean-trash",      "tag",
+          "rank",  "used",   "status", "doctor", "thumbnail", "refresh", "default-container"}) {
         SCOPED_TRACE(verb);
         EXPECT_NE(help.output.find(std::string("\n  ") + verb + " "), std::string::npos) << help.output;
         const auto finished = run({verb, "--help"});

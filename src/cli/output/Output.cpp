@@ -42,9 +42,13 @@ bool Output::wantsColours(std::FILE* stream) {
 }
 
 void Output::line(std::string_view text) {
+    raw(text);
+    raw("\n");
+}
+
+void Output::raw(std::string_view bytes) {
     if (error_) return;
-    pending_ += text;
-    pending_ += '\n';
+    pending_ += bytes;
     if (pending_.size() >= kKeepBack) flush();
 }
 

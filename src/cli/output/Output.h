@@ -22,6 +22,8 @@ public:
 
     /// Writes the text and a line end.
     void line(std::string_view text);
+    /// Writes the bytes as they are.
+    void raw(std::string_view bytes);
     /// The text in a style, or as it is where nothing is coloured.
     std::string paint(Style style, std::string_view text) const;
     /// Writes what is kept back; true if everything so far has been written.

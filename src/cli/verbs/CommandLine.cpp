@@ -145,6 +145,9 @@ int runCommandLine(int argumentCount, const char* const* arguments) {
     verbs.push_back(makeTagVerb());
     verbs.push_back(makeRankVerb());
     verbs.push_back(makeUsedVerb());
+    verbs.push_back(makeThumbnailVerb());
+    verbs.push_back(makeRefreshVerb());
+    verbs.push_back(makeDefaultContainerVerb());
     verbs.push_back(makeStatusVerb());
     verbs.push_back(makeDoctorVerb());
     for (const auto& verb : verbs) {

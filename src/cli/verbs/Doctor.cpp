@@ -8,6 +8,7 @@
 #include "cli/output/Text.h"
 #include "cli/verbs/Verb.h"
 #include "host/Checks.h"
+#include "platform/icons/ProcessIconRenderer.h"
 
 namespace tarnwell::cli {
 namespace {
@@ -80,6 +81,7 @@ private:
         checks.push_back(host::checkWritable("state", settings->stateDirectory));
         checks.push_back(host::checkFileTypes(*settings, environmentVariable));
         std::ranges::move(host::checkRegistrySources(settings->registrySources), std::back_inserter(checks));
+        checks.push_back(host::checkIconRenderer(icons::ProcessIconRenderer::programBesideThisOne()));
         if (hasStorageRoot) {
             if (auto context = invocation.context()) {
                 checks.push_back(host::checkStore(**context));

@@ -72,6 +72,18 @@ void ItemBatch::add(const std::string& given, const Result<ProviderItemPtr>& out
     output.flush();
 }
 
+void ItemBatch::addLine(const std::string& line) {
+    ++succeeded_;
+    invocation_.output().line(line);
+    invocation_.output().flush();
+}
+
+void ItemBatch::addRaw(std::string_view bytes) {
+    ++succeeded_;
+    invocation_.output().raw(bytes);
+    invocation_.output().flush();
+}
+
 void ItemBatch::addRemoved(const ItemIdentifier& identifier, const std::string& path) {
     ++succeeded_;
     Output& output = invocation_.output();

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "cli/verbs/Invocation.h"
@@ -25,6 +26,10 @@ public:
 
     /// The item as it is afterwards, or why there is none; `given` is what the person wrote for it.
     void add(const std::string& given, const Result<hostframework::ProviderItemPtr>& outcome);
+    /// One that was done, with the line that says so.
+    void addLine(const std::string& line);
+    /// One that was done whose outcome is the output itself.
+    void addRaw(std::string_view bytes);
     void addRemoved(const hostframework::ItemIdentifier& identifier, const std::string& path);
     void addFailure(const std::string& given, const Error& error);
     void addFailure(const std::string& given, Failure failure);

@@ -39,6 +39,9 @@ std::unique_ptr<Verb> makeTagVerb();
 std::unique_ptr<Verb> makeRankVerb();
 std::unique_ptr<Verb> makeUsedVerb();
 std::unique_ptr<Verb> makeSearchVerb();
+std::unique_ptr<Verb> makeThumbnailVerb();
+std::unique_ptr<Verb> makeRefreshVerb();
+std::unique_ptr<Verb> makeDefaultContainerVerb();
 std::unique_ptr<Verb> makeStatusVerb();
 std::unique_ptr<Verb> makeDoctorVerb();
 
