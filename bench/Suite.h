@@ -56,6 +56,7 @@ void addChanges(Suite& suite);
 void addLive(Suite& suite);
 void addOperations(Suite& suite);
 void addSearch(Suite& suite);
+void addIcons(Suite& suite);
 void addMemory(Suite& suite);
 
 /// The part of the memory benchmark that runs in a process of its own, on that person's home: prints one line of

@@ -71,6 +71,7 @@ int run(const Options& options, const Sizes& sizes) {
     addLookups(suite);
     addSearch(suite);
     addOperations(suite);
+    addIcons(suite);
     benchmark::AddCustomContext("size", sizes.name);
     benchmark::AddCustomContext("rounds", std::to_string(sizes.rounds));
 
