@@ -34,7 +34,7 @@ protected:
     void begin() { ASSERT_TRUE(live_->begin()); }
     void catchUp() { ASSERT_TRUE(live_->catchUp()); }
     /// What the index has below the storage root, by the names of the path.
-    std::set<std::string> known() {
+    std::set<std::string> known(bool visibleOnly = false) {
         std::set<std::string> paths;
         store::Session session(device_.store());
         const auto storage = device_.roots().storage();
@@ -48,12 +48,15 @@ protected:
             const auto [folder, path] = folders.back();
             folders.pop_back();
             for (auto& row : session.index().children(folder, 0, 100'000)) {
+                if (visibleOnly && !row.visible) continue;
                 paths.insert(path + row.name);
                 if (row.isDirectory()) folders.emplace_back(row.fileID, path + row.name + "/");
             }
         }
         return paths;
     }
+    /// What of it clients may be told of.
+    std::set<std::string> visible() { return known(true); }
     using Paths = std::set<std::string>;
 
     testing::TestDevice device_;
@@ -70,6 +73,45 @@ TEST_F(LiveIndexTest, BeginsWithWhatIsThere) {
     EXPECT_TRUE(live_->isComplete());
     EXPECT_EQ(known(), (Paths{"a", "a/b", "a/b/c"}));
     EXPECT_EQ(watcher_->watches(), 3u);
+}
+
+TEST_F(LiveIndexTest, ShowsAFileUnderAnotherNameOnceItsFirstIsHidden) {
+    makeDirectories(device_.path("folder"));
+    writeFile(device_.path("a"), "x");
+    begin();
+    for (const std::string other : {"b", "folder/b", ".hidden"}) {
+        std::filesystem::create_hard_link(device_.path("a"), device_.path(other));
+        catchUp();
+        std::filesystem::rename(device_.path("a"), device_.path(".a"));
+        catchUp();
+        if (other == ".hidden") {
+            EXPECT_EQ(visible(), (Paths{"folder"}));
+            break;
+        }
+        EXPECT_EQ(visible(), (Paths{"folder", other}));
+        std::filesystem::remove(device_.path(other));
+        std::filesystem::rename(device_.path(".a"), device_.path("a"));
+        catchUp();
+        EXPECT_EQ(visible(), (Paths{"folder", "a"}));
+    }
+}
+
+TEST_F(LiveIndexTest, KnowsAtOnceWhatWasWrittenUnderANameThatMovedOn) {
+    makeDirectories(device_.path(".hidden"));
+    writeFile(device_.path("a"), "x");
+    writeFile(device_.path("c"), "other");
+    begin();
+    std::filesystem::create_hard_link(device_.path("a"), device_.path("b"));
+    writeFile(device_.path("b"), "longer than before");
+    ASSERT_EQ(::rename(device_.path("b").c_str(), device_.path(".hidden/b").c_str()), 0);
+    ASSERT_EQ(::rename(device_.path("c").c_str(), device_.path("b").c_str()), 0);
+    catchUp();
+    store::Session session(device_.store());
+    const auto root = session.index().childNamed(FileID{0}, device_.roots().storage()->name);
+    ASSERT_TRUE(root);
+    const auto row = session.index().childNamed(root->fileID, "a");
+    ASSERT_TRUE(row);
+    EXPECT_EQ(row->size, std::string("longer than before").size());
 }
 
 TEST_F(LiveIndexTest, KnowsAtOnceWhatHappenedInNewFolders) {

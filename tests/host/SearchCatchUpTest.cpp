@@ -345,7 +345,7 @@ TEST_F(SearchTest, OneThatStaysFollowsWhileTheKernelTells) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     testing::RandomChanges::Options options;
     options.areas = {"Documents", "Documents/.Trash", "Apps/Notes/Documents", "Apps/Maps/Documents"};
-    // With files of several names in folders that come and go some of the runs still end with one too few.
+    // With files of several names one run in a hundred still ends with one too few.
     options.makesHardLinks = false;
     options.mostNames = 100;
     testing::RandomChanges changes(home_, seed, options);

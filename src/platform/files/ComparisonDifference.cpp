@@ -105,6 +105,15 @@ void ComparisonRun::showUnder(const store::LinkRow& link, const FolderContext& c
     session().index().addLink(former);
 }
 
+/// A file went out of the clients' sight where it was: another name that it has may be where they see it.
+void ComparisonRun::showElsewhere(const ObjectRow& row) {
+    for (const store::LinkRow& link : session().index().linksOf(row.fileID)) {
+        const auto folder = session().index().byFileID(FileID{link.parent});
+        if (!folder || folder->state != ObjectState::live || !statusAtLink(row, link)) continue;
+        showUnder(link, contextOf(*folder));
+    }
+}
+
 /// A hint under a name that a file no longer has may have been of the file, and the name may be one elsewhere now.
 void ComparisonRun::noteOtherName(const store::LinkRow& link) {
     if (comparer_.watch_ == nullptr) return;
@@ -321,6 +330,8 @@ void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& en
     if (showsNow && !showedContents && old.state != ObjectState::gone) {
         arrive(row, contextBelow(folder.job.context, row));
     }
+    // Nothing hints at the other names.
+    if (toldOf && !row.visible && !row.isDirectory()) showElsewhere(row);
 }
 
 /// A name that a file with several names is known to have in this folder was not looked at: with a folder above it, it

@@ -103,6 +103,7 @@ private:
     void noteUnwatched(const Job& job, const std::vector<Job>* jobs);
     bool isToBeRead(const store::EntryRow& folder) const;
     void showUnder(const store::LinkRow& link, const FolderContext& context);
+    void showElsewhere(const store::ObjectRow& row);
     void noteOtherName(const store::LinkRow& link);
     void countNames(const store::EntryRow& row, const filesystem::Status& status);
     bool isLive() const { return comparer_.watch_ != nullptr && comparer_.watch_->isLive(); }
