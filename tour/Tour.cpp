@@ -110,27 +110,49 @@ void Tour::changes() {
     if (!told || told->status != 0) failed("the changes were not told");
 }
 
-/// The same while the program runs.
-void Tour::liveChanges() {
-    const std::vector<std::string> words{program_, "changes", "workingset", "--follow"};
+/// Does one thing after the other while the program follows a container, and shows what it tells of each.
+void Tour::follow(const std::string& container, const std::vector<Happening>& happenings) {
+    const std::vector<std::string> words{program_, "changes", container, "--follow"};
     std::cout << "$ " << shellLine(words) << " &" << std::endl;
     auto following = FollowedProgram::start(words, device_.environment());
     if (!following) return failed(describe(following.error()));
     constexpr auto kPatience = std::chrono::seconds(20);
     if (const auto first = following->line(kPatience); !first) return failed("it told no anchor");
-    const std::string file = device_.root + "/home/.var/app/org.example.Notes/Documents/Live.md";
-    std::cout << "$ echo hello > home/.var/app/org.example.Notes/Documents/Live.md" << std::endl;
-    if (auto written = filesystem::writeFileAtomically(file, bytesOf(std::string_view("hello\n"))); !written) {
-        return failed(describe(written.error()));
-    }
-    for (;;) {
-        const auto line = following->line(kPatience);
-        if (!line) return failed("it told nothing of the file");
-        if (line->starts_with("anchor")) continue;
-        std::cout << *line << std::endl;
-        if (line->ends_with("/Live.md")) break;
+    for (const Happening& happening : happenings) {
+        std::cout << "$ " << happening.command << std::endl;
+        const auto done =
+            run({"sh", "-c", "cd " + shellWord(device_.root) + " && " + happening.command}, {}, Output::shown);
+        if (!done || done->status != 0) return failed("the files could not be changed");
+        for (;;) {
+            const auto line = following->line(kPatience);
+            if (!line) return failed("it told nothing of that");
+            if (line->starts_with("anchor") || line->find(happening.about) == std::string::npos) continue;
+            std::cout << *line << std::endl;
+            if (line->ends_with(happening.last)) break;
+        }
     }
     if (const int status = following->end(); status != 0) failed("exit status " + std::to_string(status));
+}
+
+/// The same while the program runs.
+void Tour::liveChanges() {
+    follow("workingset", {{"echo hello > home/.var/app/org.example.Notes/Documents/Live.md", "/Live.md", "/Live.md"}});
+}
+
+void Tour::applications() {
+    const std::string entry = "home/.local/share/applications/net.example.Charts.desktop";
+    const std::string charts = "#net.example.Charts";
+    const std::string documents = device_.root + "/home/Apps/Charts/Documents";
+    std::error_code code;
+    std::filesystem::create_directories(documents, code);
+    const auto made = filesystem::writeFileAtomically(documents + "/Port.txt", bytesOf(std::string_view("54N\n")));
+    if (!made) return failed(describe(made.error()));
+    follow("root",
+           {{"printf '[Desktop Entry]\\nType=Application\\nName=Charts\\nX-Tarnwell-DataContainer=~/Apps/Charts\\n"
+             "X-Tarnwell-SupportsDocumentBrowser=true\\n' > " +
+                 entry,
+             "Charts", "/Port.txt"},
+            {"rm " + entry, charts, charts}});
 }
 
 /// One document on its way: in, through the trash, and out again with all that it had.
@@ -180,10 +202,17 @@ bool Tour::show() {
     many();
     heading("A document that is brought in, tagged, trashed, restored and moved");
     operations();
+    heading("Found by a part of its name, or a tag");
+    command({"search", "tag:urgent", "plan"});
+    command({"search", "grocer"});
+    heading("An application's icon, as large as this screen wants it");
+    command({"thumbnail", "#org.example.Notes", "-o", place("notes.png")});
     heading("What changed since a mark, also while nothing was running");
     changes();
     heading("Changes as they happen");
     liveChanges();
+    heading("An application is installed, and removed again");
+    applications();
     next();
     return everythingWorked_;
 }

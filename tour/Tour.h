@@ -26,6 +26,12 @@ private:
     void operations();
     void changes();
     void liveChanges();
+    void applications();
+    /// What is done in a shell while changes are followed, which lines about it are shown, and how the last one ends.
+    struct Happening {
+        std::string command, about, last;
+    };
+    void follow(const std::string& container, const std::vector<Happening>& happenings);
     void failed(const std::string& reason);
     void next() const;
     std::string place(const std::string& relative) const { return folder_ + "/" + relative; }
