@@ -60,7 +60,7 @@ TEST_F(SampleDeviceTest, ItsEnvironmentLeadsTheRegistryToItsApplications) {
     for (const Row& row : std::vector<Row>{
              {"org.example.Notes", "Notizen", "home/.var/app/org.example.Notes", ApplicationType::user, true},
              {"org.example.Sketches", "Skizzen", "home/.var/app/org.example.Sketches", ApplicationType::system, true},
-             {"snap.scanner", "Scanner", "home/snap/scanner/7", ApplicationType::system, true},
+             {"snap.scanner", "Scanner", "home/snap/scanner/current", ApplicationType::system, true},
              {"net.example.Maps", "Karten", "home/Apps/Maps", ApplicationType::user, true},
              {"org.example.Viewer", "Betrachter", "home/.var/app/org.example.Viewer", ApplicationType::user, false}}) {
         SCOPED_TRACE(row.identifier);
