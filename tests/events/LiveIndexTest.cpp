@@ -96,6 +96,33 @@ TEST_F(LiveIndexTest, ShowsAFileUnderAnotherNameOnceItsFirstIsHidden) {
     }
 }
 
+TEST_F(LiveIndexTest, ShowsAFileInAFolderThatMovesWhileItsFirstNameIsHidden) {
+    makeDirectories(device_.path("folder"));
+    writeFile(device_.path("a"), "x");
+    std::filesystem::create_hard_link(device_.path("a"), device_.path("folder/b"));
+    begin();
+    EXPECT_EQ(visible(), (Paths{"a", "folder"}));
+    std::filesystem::rename(device_.path("a"), device_.path(".a"));
+    std::filesystem::rename(device_.path("folder"), device_.path("moved"));
+    catchUp();
+    EXPECT_EQ(visible(), (Paths{"moved", "moved/b"}));
+}
+
+TEST_F(LiveIndexTest, OfTheNamesThatAreLeftTheOneThatIsSeenIsShown) {
+    makeDirectories(device_.path(".before"));
+    makeDirectories(device_.path("folder"));
+    makeDirectories(device_.path(".then"));
+    writeFile(device_.path("a"), "x");
+    begin();
+    for (const std::string name : {".before/b", "folder/b", ".then/b"}) {
+        std::filesystem::create_hard_link(device_.path("a"), device_.path(name));
+        catchUp();
+    }
+    std::filesystem::remove(device_.path("a"));
+    catchUp();
+    EXPECT_EQ(visible(), (Paths{"folder", "folder/b"}));
+}
+
 TEST_F(LiveIndexTest, KnowsAtOnceWhatWasWrittenUnderANameThatMovedOn) {
     makeDirectories(device_.path(".hidden"));
     writeFile(device_.path("a"), "x");

@@ -109,8 +109,12 @@ void ComparisonRun::showUnder(const store::LinkRow& link, const FolderContext& c
 void ComparisonRun::showElsewhere(const ObjectRow& row) {
     for (const store::LinkRow& link : session().index().linksOf(row.fileID)) {
         const auto folder = session().index().byFileID(FileID{link.parent});
-        if (!folder || folder->state != ObjectState::live || !statusAtLink(row, link)) continue;
-        showUnder(link, contextOf(*folder));
+        if (!folder) continue;
+        if (folder->state == ObjectState::live && statusAtLink(row, link)) {
+            showUnder(link, contextOf(*folder));
+        } else {
+            distrust(folder->fileID);  // with a folder above it, it may have moved on
+        }
     }
 }
 

@@ -174,32 +174,41 @@ std::optional<filesystem::Status> ComparisonRun::statusAtLink(const ObjectRow& r
     return isIt ? status : std::nullopt;
 }
 
+/// Shows a file that is not where it was known to be under another name of it: one that clients see, if there is any.
 bool ComparisonRun::promoteLink(ObjectRow& row) {
     if (row.isDirectory()) return false;
+    struct Candidate {
+        store::LinkRow link;
+        filesystem::Status status;
+        bool visible;
+    };
+    std::optional<Candidate> best;
     for (const store::LinkRow& link : session().index().linksOf(row.fileID)) {
+        if (best && best->visible) break;
         const auto status = statusAtLink(row, link);
         if (!status) continue;
-        auto folder = session().index().byFileID(FileID{link.parent});
+        const auto folder = session().index().byFileID(FileID{link.parent});
         if (!folder) continue;
-        if (row.visible) {
-            session().journal().recordDeparture(row.fileID, row.documentID, row.parent, pathOf(row));
-        }
-        FolderContext context{folder->parent == 0, folder->parent == 0 || (folder->visible && !folder->package), {}};
-        row.parent = link.parent;
-        row.name = link.name;
-        row.position = link.position;
-        row.state = ObjectState::live;
-        row.visible = isVisibleEntry(context, row.name, false);
-        if (row.visible) {
-            if (row.isDocument() && !row.documentID) row.documentID = session().numbers().nextDocument();
-            session().journal().recordChange(row, store::kChangeRenamed);
-        }
-        session().index().removeLink(link);
-        session().index().update(row);
-        countNames(row, *status);
-        return true;
+        const bool visible = isVisibleEntry(contextOf(*folder), link.name, false);
+        if (!best || visible) best = Candidate{link, *status, visible};
     }
-    return false;
+    if (!best) return false;
+    if (row.visible) {
+        session().journal().recordDeparture(row.fileID, row.documentID, row.parent, pathOf(row));
+    }
+    row.parent = best->link.parent;
+    row.name = best->link.name;
+    row.position = best->link.position;
+    row.state = ObjectState::live;
+    row.visible = best->visible;
+    if (row.visible) {
+        if (row.isDocument() && !row.documentID) row.documentID = session().numbers().nextDocument();
+        session().journal().recordChange(row, store::kChangeRenamed);
+    }
+    session().index().removeLink(best->link);
+    session().index().update(row);
+    countNames(row, best->status);
+    return true;
 }
 
 Result<void> ComparisonRun::settleMissing() {
