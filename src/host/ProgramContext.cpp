@@ -87,12 +87,12 @@ Result<void> meetApplications(const Roots& roots, registry::AppRegistry& registr
         const auto path = record->archived().dataContainerPath;
         if (!path || conflict) return;
         std::error_code error;
-        const std::optional<std::string> container = std::filesystem::weakly_canonical(*path, error).string();
+        const std::string container = std::filesystem::weakly_canonical(*path, error).string();
         if (error) return;
-        const bool containerHoldsStorage = relationship(*container, storage) != Relationship::other;
-        if (!containerHoldsStorage && relationship(storage, *container) == Relationship::other) return;
+        const bool containerHoldsStorage = relationship(container, storage) != Relationship::other;
+        if (!containerHoldsStorage && relationship(storage, container) == Relationship::other) return;
         conflict = posixError(EXDEV, "the storage root \"" + storage + "\" " +
-                                         (containerHoldsStorage ? "lies in" : "contains") + " \"" + *container +
+                                         (containerHoldsStorage ? "lies in" : "contains") + " \"" + container +
                                          "\", the data of the application " +
                                          record->bundleIdentifier().value_or("without an identifier") +
                                          "; name another storage root with --storage");

@@ -30,8 +30,7 @@ struct Status {
     std::uint64_t journalBegin = 0, journalEnd = 0;  ///< the positions that can be asked for
     std::uint64_t departures = 0;                    ///< records of what left or went
     std::optional<SearchStatus> search;              ///< nothing while nobody has searched
-    std::optional<Error>
-        searchProblem;                 ///< why nothing is known of the search index, which is no reason to say nothing
+    std::optional<Error> searchProblem;              ///< why nothing is known of the search index; the rest still is
     std::optional<Date> lastCompared;  ///< the storage root with all below it, by this program or one before
 };
 

@@ -166,11 +166,11 @@ private:
     std::mutex runMutex_;  ///< held by the comparison under way
     /// Missing objects may wait to be settled: an earlier program may have been cut off. Under runMutex_.
     bool unsettled_ = true;
+    bool takeoversLeft_ = true;     ///< the same for takeovers, also after a comparison that failed
+    FolderWatch* watch_ = nullptr;  ///< under runMutex_
     /// Under runMutex_: the roots that a comparison of all of them looked at, and their generation then.
     std::set<const Root*> rootsCompared_;
     std::uint64_t rootsGeneration_ = 0;
-    bool takeoversLeft_ = true;     ///< the same for takeovers, also after a comparison that failed
-    FolderWatch* watch_ = nullptr;  ///< under runMutex_
     /// Under runMutex_: folders of whose contents no hint will tell, to be read with all below them: such as were given
     /// up when the folder became hidden or went, or were there before it was watched.
     std::set<FileID> unread_;

@@ -38,33 +38,6 @@ Result<std::string> temporaryPath(const std::string& path) {
     return path.substr(0, begin + kept) + suffix;
 }
 
-/// A new file of its own beside the path.
-struct TemporaryFile {
-    std::string path;
-    Descriptor descriptor;
-};
-Result<TemporaryFile> makeTemporaryFile(const std::string& path) {
-    for (int attempt = 1;; ++attempt) {
-        auto name = temporaryPath(path);
-        if (!name) return failure(name.error());
-        const int fd = untilNotInterrupted(
-            [&] { return ::open(name->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600); });
-        if (fd >= 0) return TemporaryFile{std::move(*name), Descriptor(fd)};
-        if (errno != EEXIST || attempt == kMaxNames) return failedCall();
-    }
-}
-
-Result<void> writeAll(int descriptor, ByteView bytes, Durability durability) {
-    while (!bytes.empty()) {
-        const ssize_t count = untilNotInterrupted([&] { return ::write(descriptor, bytes.data(), bytes.size()); });
-        if (count < 0) return failedCall();
-        bytes = bytes.subspan(static_cast<std::size_t>(count));
-    }
-    if (durability == Durability::none) return {};
-    if (untilNotInterrupted([&] { return ::fsync(descriptor); }) != 0) return failedCall();
-    return {};
-}
-
 Result<void> synchronizeFolder(const std::string& path) {
     const int fd = untilNotInterrupted([&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
     if (fd < 0) return failedCall();
@@ -75,6 +48,33 @@ Result<void> synchronizeFolder(const std::string& path) {
 }
 
 }  // namespace
+
+Result<PendingFile> PendingFile::create(const std::string& path, mode_t mode) {
+    for (int attempt = 1;; ++attempt) {
+        auto name = temporaryPath(path);
+        if (!name) return failure(name.error());
+        const int fd = untilNotInterrupted(
+            [&] { return ::open(name->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode); });
+        if (fd >= 0) return PendingFile(std::move(*name), Descriptor(fd));
+        if (errno != EEXIST || attempt == kMaxNames) return failedCall();
+    }
+}
+
+PendingFile::~PendingFile() {
+    if (!path_.empty()) ::unlink(path_.c_str());
+}
+
+Result<void> PendingFile::write(ByteView bytes, Durability durability) {
+    while (!bytes.empty()) {
+        const ssize_t count =
+            untilNotInterrupted([&] { return ::write(descriptor_.get(), bytes.data(), bytes.size()); });
+        if (count < 0) return failedCall();
+        bytes = bytes.subspan(static_cast<std::size_t>(count));
+    }
+    if (durability == Durability::none) return {};
+    if (untilNotInterrupted([&] { return ::fsync(descriptor_.get()); }) != 0) return failedCall();
+    return {};
+}
 
 Result<Bytes> readFile(const std::string& path, std::size_t limit) {
     const int fd = untilNotInterrupted([&] { return ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); });
@@ -103,14 +103,11 @@ Result<Bytes> readFile(const std::string& path, std::size_t limit) {
 }
 
 Result<void> writeFileAtomically(const std::string& path, ByteView bytes, Durability durability) {
-    auto temporary = makeTemporaryFile(path);
-    if (!temporary) return failure(temporary.error());
-    auto written = writeAll(temporary->descriptor.get(), bytes, durability);
-    if (written && ::rename(temporary->path.c_str(), path.c_str()) != 0) written = failedCall();
-    if (!written) {
-        ::unlink(temporary->path.c_str());
-        return written;
-    }
+    auto file = PendingFile::create(path, 0600);
+    if (!file) return failure(file.error());
+    if (auto written = file->write(bytes, durability); !written) return written;
+    if (::rename(file->path().c_str(), path.c_str()) != 0) return failedCall();
+    file->keep();
     if (durability == Durability::none) return {};
     return synchronizeFolder(folderOf(path));
 }

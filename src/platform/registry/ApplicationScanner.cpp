@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <functional>
 
 #include "platform/log/LineText.h"
 #include "platform/registry/BundleIdentifier.h"
@@ -98,12 +97,17 @@ void collectDesktopFiles(const std::string& folder, const std::string& prefix, i
     }
 }
 
-/// The folder and its sub-folders, as far as desktop files are looked for in them.
-void forEachDesktopFolder(const std::string& folder, int depth, const std::function<void(const std::string&)>& body) {
-    body(folder);
-    if (depth == kMaxDesktopFolderDepth) return;
+/// Desktop files in the folder, and in its sub-folders from that depth on, may come, go and change.
+void watchDesktopFiles(WatchedFolders& watched, const std::string& folder, int depth) {
+    watched.addContents(folder);
     for (const FolderEntry& entry : entriesOf(folder)) {
-        if (entry.isFolder) forEachDesktopFolder(folder + "/" + entry.name, depth + 1, body);
+        const std::string path = folder + "/" + entry.name;
+        if (entry.isFolder) {
+            if (depth < kMaxDesktopFolderDepth) watchDesktopFiles(watched, path, depth + 1);
+        } else if (stemOf(entry.name)) {
+            // Exported entries are links, which lead through the version that is installed.
+            watched.add(path);
+        }
     }
 }
 
@@ -138,25 +142,20 @@ ApplicationPtr ApplicationScanner::application(const std::string& identifier, st
 
 WatchedFolders ApplicationScanner::watchedFolders() {
     WatchedFolders watched;
-    const auto addDesktopFiles = [&watched](const std::string& folder) {
-        watched.addContents(folder);
-        for (const FolderEntry& entry : entriesOf(folder)) {
-            // Exported entries are links, which lead through the version that is installed.
-            if (!entry.isFolder && stemOf(entry.name)) watched.add(folder + "/" + entry.name);
-        }
-    };
     std::vector<std::string> installations = sources_.flatpakSystemDirs;
     if (!sources_.flatpakUserDir.empty()) installations.push_back(sources_.flatpakUserDir);
     for (const std::string& installation : installations) {
         // Touched at the end of whatever is done to the installation.
         watched.add(installation + "/.changed");
         watched.addContents(installation + "/overrides");
-        addDesktopFiles(installation + "/exports/share/applications");
+        watchDesktopFiles(watched, installation + "/exports/share/applications", kMaxDesktopFolderDepth);
     }
-    for (const std::string& folder : sources_.snapDesktopDirs) addDesktopFiles(folder);
+    for (const std::string& folder : sources_.snapDesktopDirs) {
+        watchDesktopFiles(watched, folder, kMaxDesktopFolderDepth);
+    }
     std::vector<std::string> folders = sources_.systemDesktopDirs;
     if (!sources_.userDesktopDir.empty()) folders.push_back(sources_.userDesktopDir);
-    for (const std::string& folder : folders) forEachDesktopFolder(folder, 0, addDesktopFiles);
+    for (const std::string& folder : folders) watchDesktopFiles(watched, folder, 0);
 
     for (const ApplicationType type : {ApplicationType::user, ApplicationType::system}) {
         for (const auto& [identifier, application] : scan({.type = type})) {

@@ -136,12 +136,13 @@ bool RegistryWatch::watchWhatCounts() {
     for (const auto& [path, names] : folders_.folders()) {
         // Also where the path is known: another folder may stand there by now.
         const int number = inotify_add_watch(queue_.get(), path.c_str(), maskFor(names) | IN_MASK_ADD);
+        const int reason = errno;
         const auto known = numbers_.find(path);
         if (known != numbers_.end() && known->second == number) continue;
         forget(path);
         if (number < 0) {
             // One that went meanwhile, or that may not be read, is hinted at by the folder above it when that changes.
-            isComplete_ = isComplete_ && (errno == ENOENT || errno == ENOTDIR || errno == EACCES);
+            isComplete_ = isComplete_ && (reason == ENOENT || reason == ENOTDIR || reason == EACCES);
             continue;
         }
         foundNew = true;
