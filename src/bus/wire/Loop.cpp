@@ -1,0 +1,162 @@
+#include "bus/wire/Loop.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <ctime>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "platform/base/Descriptor.h"
+
+namespace tarnwell::bus {
+namespace {
+
+/// For poll: milliseconds until then by the monotonic clock, -1 for no limit.
+int millisecondsUntil(std::uint64_t microseconds) {
+    if (microseconds == UINT64_MAX) return -1;
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    const std::uint64_t present = std::uint64_t(now.tv_sec) * 1'000'000 + std::uint64_t(now.tv_nsec) / 1000;
+    if (microseconds <= present) return 0;
+    return static_cast<int>(std::min<std::uint64_t>((microseconds - present + 999) / 1000, 60'000));
+}
+
+/// A negative errno where there is none.
+int openBus(const std::string& address, sd_bus** connection) {
+    if (address.empty()) return sd_bus_open_user(connection);
+    int outcome = sd_bus_new(connection);
+    if (outcome >= 0) outcome = sd_bus_set_address(*connection, address.c_str());
+    if (outcome >= 0) outcome = sd_bus_set_bus_client(*connection, 1);
+    if (outcome >= 0) outcome = sd_bus_start(*connection);
+    return outcome;
+}
+
+}  // namespace
+
+struct Loop::State {
+    sd_bus* connection = nullptr;
+    Descriptor wakeup;
+    std::function<void()> onEnd;
+    std::mutex mutex;
+    std::vector<Task> tasks;
+    bool isStopping = false;
+    std::thread thread;
+    std::atomic<std::thread::id> runsOn;
+
+    ~State() {
+        if (connection != nullptr) sd_bus_unref(connection);
+    }
+
+    void wake() const {
+        const std::uint64_t one = 1;
+        (void)!::write(wakeup.get(), &one, sizeof one);
+    }
+
+    /// False once the loop shall end and nothing is left to do.
+    bool runTasks(sd_bus* bus) {
+        std::vector<Task> due;
+        {
+            const std::lock_guard lock(mutex);
+            due.swap(tasks);
+            if (due.empty() && isStopping) return false;
+        }
+        for (Task& task : due) task(bus);
+        return true;
+    }
+
+    void wait() const {
+        std::uint64_t deadline = UINT64_MAX;
+        sd_bus_get_timeout(connection, &deadline);
+        const int events = sd_bus_get_events(connection);
+        std::array<pollfd, 2> waited{
+            {{sd_bus_get_fd(connection), static_cast<short>(std::max(events, 0)), 0}, {wakeup.get(), POLLIN, 0}}};
+        if (::poll(waited.data(), waited.size(), millisecondsUntil(deadline)) <= 0) return;
+        std::uint64_t count = 0;
+        if (waited[1].revents != 0) (void)!::read(wakeup.get(), &count, sizeof count);
+    }
+
+    void run() {
+        runsOn = std::this_thread::get_id();
+        bool isOpen = true;
+        while (runTasks(isOpen ? connection : nullptr)) {
+            int processed = 0;
+            if (isOpen) {
+                // Not until nothing is left: whoever talks without end would keep the answers back.
+                for (int messages = 0; messages < 64; ++messages) {
+                    processed = sd_bus_process(connection, nullptr);
+                    if (processed <= 0) break;
+                }
+                if (processed < 0) {
+                    isOpen = false;
+                    if (onEnd) onEnd();
+                    continue;
+                }
+            }
+            const bool isIdle = [&] {
+                const std::lock_guard lock(mutex);
+                return tasks.empty() && !isStopping;
+            }();
+            if (processed > 0 || !isIdle) continue;
+            if (isOpen) {
+                wait();
+            } else {
+                pollfd waited{wakeup.get(), POLLIN, 0};
+                (void)::poll(&waited, 1, -1);
+                std::uint64_t count = 0;
+                (void)!::read(wakeup.get(), &count, sizeof count);
+            }
+        }
+        if (isOpen) {
+            sd_bus_flush(connection);
+            sd_bus_close(connection);
+        }
+        sd_bus_unref(connection);
+        connection = nullptr;
+    }
+};
+
+Result<std::unique_ptr<Loop>> Loop::connect(const std::string& address, const std::function<Result<void>(sd_bus*)>& begin,
+                                            std::function<void()> onEnd) {
+    auto state = std::make_unique<State>();
+    state->onEnd = std::move(onEnd);
+    state->wakeup = Descriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!state->wakeup.valid()) return failure(posixError(errno));
+    if (const int opened = openBus(address, &state->connection); opened < 0) {
+        return failure(posixError(-opened, "there is no session bus: " + describe(posixError(-opened))));
+    }
+    if (auto begun = begin(state->connection); !begun) return failure(begun.error());
+    State* running = state.get();
+    state->thread = std::thread([running] { running->run(); });
+    return std::unique_ptr<Loop>(new Loop(std::move(state)));
+}
+
+Loop::Loop(std::unique_ptr<State> state) : state_(std::move(state)) {}
+
+Loop::~Loop() {
+    {
+        const std::lock_guard lock(state_->mutex);
+        state_->isStopping = true;
+    }
+    state_->wake();
+    state_->thread.join();
+}
+
+void Loop::post(Task task) {
+    {
+        const std::lock_guard lock(state_->mutex);
+        state_->tasks.push_back(std::move(task));
+    }
+    if (!isCurrent()) state_->wake();
+}
+
+bool Loop::isCurrent() const { return std::this_thread::get_id() == state_->runsOn.load(); }
+
+}  // namespace tarnwell::bus

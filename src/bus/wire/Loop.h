@@ -1,0 +1,39 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/base/Result.h"
+
+struct sd_bus;
+
+namespace tarnwell::bus {
+
+/// One connection to the session bus and the thread that it belongs to.
+class Loop {
+public:
+    /// Runs on the loop's thread; without a connection (nullptr) when that has ended.
+    using Task = std::move_only_function<void(sd_bus* connection)>;
+
+    /// Connects to the bus of that D-Bus address; an empty one stands for that of DBUS_SESSION_BUS_ADDRESS, else of the
+    /// runtime folder. `begin` sets up what the connection answers, on the calling thread, before anything is read from
+    /// it. Fails with a POSIX error.
+    static Result<std::unique_ptr<Loop>> connect(const std::string& address,const std::function<Result<void>(sd_bus*)>& begin,
+                                                 std::function<void()> onEnd = {});
+    /// Runs what was posted, sends what is to be sent, and ends the connection. Not on the loop's thread.
+    ~Loop();
+    Loop(const Loop&) = delete;
+    Loop& operator=(const Loop&) = delete;
+
+    /// Any thread may call it.
+    void post(Task task);
+    bool isCurrent() const;
+
+private:
+    struct State;
+    explicit Loop(std::unique_ptr<State> state);
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace tarnwell::bus

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstdint>
+
+namespace tarnwell::bus {
+
+/// What the service is called on the session bus. The number in the names is the interface's version: what is added to
+/// it leaves the name, what changes it does not.
+inline constexpr const char* kServiceName = "org.tarnwell.Host1";
+inline constexpr const char* kObjectPath = "/org/tarnwell/Host1";
+inline constexpr const char* kInterface = "org.tarnwell.Host1";
+inline constexpr const char* kJobPrefix = "/org/tarnwell/Host1/jobs";
+inline constexpr const char* kJobInterface = "org.tarnwell.Job1";
+/// Grows with what is added.
+inline constexpr std::uint32_t kInterfaceVersion = 1;
+
+/// The most that one request may name; more is refused.
+inline constexpr std::size_t kMostPerRequest = 1000;
+/// The longest name, path, identifier, label or token that is read, in bytes.
+inline constexpr std::size_t kLongestText = 64 * 1024;
+
+}  // namespace tarnwell::bus

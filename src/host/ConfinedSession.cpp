@@ -1,0 +1,212 @@
+#include "host/ConfinedSession.h"
+
+#include <cerrno>
+
+#include "hostframework/HostError.h"
+#include "platform/search/Query.h"
+
+namespace tarnwell::host {
+
+using session::Item;
+using session::ItemIdentifier;
+using session::JobControl;
+
+namespace {
+
+Error refused(const char* message) { return posixError(EACCES, message); }
+
+Error nothingThere() { return posixError(ENOENT, "there is nothing at that path"); }
+
+}  // namespace
+
+ConfinedSession::ConfinedSession(std::shared_ptr<session::Session> session, ItemIdentifier library)
+    : session_(std::move(session)), library_(std::move(library)), bundleIdentifier_(library_.substr(1)) {}
+
+bool ConfinedSession::isOwn(const Item& item) const {
+    if (item.isContainer) return item.identifier == library_;
+    return item.appContainerBundleIdentifier == bundleIdentifier_;
+}
+
+Result<void> ConfinedSession::check(const ItemIdentifier& identifier) {
+    const auto found = session_->items({identifier});
+    if (found.size() == 1 && found.front() && isOwn(*found.front())) return {};
+    return failure(hostframework::noSuchItem(identifier));
+}
+
+template <typename T, typename Work>
+session::Session::Each<T> ConfinedSession::forOwn(const std::vector<ItemIdentifier>& identifiers, Work work) {
+    const auto found = session_->items(identifiers);
+    std::vector<ItemIdentifier> own;
+    std::vector<bool> isAsked;
+    for (std::size_t i = 0; i < identifiers.size(); ++i) {
+        isAsked.push_back(i < found.size() && found[i] && isOwn(*found[i]));
+        if (isAsked.back()) own.push_back(identifiers[i]);
+    }
+    auto done = own.empty() ? Each<T>{} : work(own);
+    auto next = done.begin();
+    Each<T> outcomes;
+    for (std::size_t i = 0; i < identifiers.size(); ++i) {
+        if (isAsked[i] && next != done.end()) {
+            outcomes.push_back(std::move(*next++));
+        } else {
+            outcomes.push_back(failure(hostframework::noSuchItem(identifiers[i])));
+        }
+    }
+    return outcomes;
+}
+
+session::Session::Each<Item> ConfinedSession::items(const std::vector<ItemIdentifier>& identifiers) {
+    auto outcomes = session_->items(identifiers);
+    for (std::size_t i = 0; i < outcomes.size(); ++i) {
+        // Why another's cannot be looked up is not told either.
+        if (!outcomes[i] || !isOwn(*outcomes[i])) outcomes[i] = failure(hostframework::noSuchItem(identifiers[i]));
+    }
+    return outcomes;
+}
+
+session::Session::Each<ItemIdentifier> ConfinedSession::identifiersAtPaths(const std::vector<std::string>& paths,
+                                                                           session::PathUse use) {
+    auto outcomes = session_->identifiersAtPaths(paths, use);
+    for (auto& outcome : outcomes) {
+        if (!outcome || !check(*outcome)) outcome = failure(nothingThere());
+    }
+    return outcomes;
+}
+
+Result<session::Page> ConfinedSession::enumerate(const ItemIdentifier& container, const std::optional<Bytes>& page) {
+    if (auto own = check(container); !own) return failure(own.error());
+    auto listed = session_->enumerate(container, page);
+    if (listed) std::erase_if(listed->items, [&](const Item& item) { return !isOwn(item); });
+    return listed;
+}
+
+Result<std::optional<Bytes>> ConfinedSession::currentAnchor(const ItemIdentifier& container) {
+    if (auto own = check(container); !own) return failure(own.error());
+    return session_->currentAnchor(container);
+}
+
+Result<session::ChangeBatch> ConfinedSession::changes(const ItemIdentifier& container, const Bytes& anchor) {
+    if (auto own = check(container); !own) return failure(own.error());
+    auto batch = session_->changes(container, anchor);
+    if (!batch) return batch;
+    for (session::Change& change : batch->changes) {
+        // Went elsewhere since it was told of.
+        if (change.item && !isOwn(*change.item)) change.item.reset();
+    }
+    return batch;
+}
+
+Result<std::unique_ptr<session::Watch>> ConfinedSession::watch(const ItemIdentifier& container,
+                                                               std::function<void()> changed) {
+    if (auto own = check(container); !own) return failure(own.error());
+    return session_->watch(container, std::move(changed));
+}
+
+Result<Descriptor> ConfinedSession::open(const ItemIdentifier& item, Access access) {
+    if (auto own = check(item); !own) return failure(own.error());
+    auto opened = session_->open(item, access);
+    // It may have been taken elsewhere right before.
+    if (auto own = check(item); !own) return failure(own.error());
+    return opened;
+}
+
+session::Session::Each<Item> ConfinedSession::import(const std::vector<std::string>& paths, const ItemIdentifier&,
+                                                     JobControl&) {
+    // The host could read what the application may not.
+    return Each<Item>(paths.size(), failure(refused("an application in a sandbox copies into its folder itself")));
+}
+
+Result<Item> ConfinedSession::makeFolder(const std::string& name, const ItemIdentifier& parent) {
+    if (auto own = check(parent); !own) return failure(own.error());
+    return session_->makeFolder(name, parent);
+}
+
+Result<Item> ConfinedSession::rename(const ItemIdentifier& item, const std::string& name) {
+    if (auto own = check(item); !own) return failure(own.error());
+    return session_->rename(item, name);
+}
+
+session::Session::Each<Item> ConfinedSession::move(const std::vector<ItemIdentifier>& items,
+                                                   const ItemIdentifier& parent, const std::optional<std::string>& name,
+                                                   JobControl& job) {
+    if (auto own = check(parent); !own) return Each<Item>(items.size(), failure(own.error()));
+    return forOwn<Item>(items, [&](const auto& own) { return session_->move(own, parent, name, job); });
+}
+
+session::Session::Each<Item> ConfinedSession::trash(const std::vector<ItemIdentifier>& items, JobControl& job) {
+    return forOwn<Item>(items, [&](const auto& own) { return session_->trash(own, job); });
+}
+
+session::Session::Each<Item> ConfinedSession::restore(const std::vector<ItemIdentifier>& items,
+                                                      const std::optional<ItemIdentifier>& parent, JobControl& job) {
+    const ItemIdentifier target = parent.value_or(library_);
+    if (auto own = check(target); !own) return Each<Item>(items.size(), failure(own.error()));
+    return forOwn<Item>(items, [&](const auto& own) { return session_->restore(own, target, job); });
+}
+
+session::Session::Each<session::Removed> ConfinedSession::remove(const std::vector<ItemIdentifier>& items,
+                                                                 JobControl& job) {
+    return forOwn<session::Removed>(items, [&](const auto& own) { return session_->remove(own, job); });
+}
+
+Result<session::CleanedTrash> ConfinedSession::cleanTrash(Date) {
+    return failure(refused("an application in a sandbox cleans no trash but by deleting its items"));
+}
+
+Result<Item> ConfinedSession::setTags(const ItemIdentifier& item, const std::vector<std::string>& labels) {
+    if (auto own = check(item); !own) return failure(own.error());
+    return session_->setTags(item, labels);
+}
+
+Result<Item> ConfinedSession::setRank(const ItemIdentifier& item, const std::optional<std::uint64_t>& rank) {
+    if (auto own = check(item); !own) return failure(own.error());
+    return session_->setRank(item, rank);
+}
+
+Result<Item> ConfinedSession::setLastUsed(const ItemIdentifier& item, const std::optional<Date>& date) {
+    if (auto own = check(item); !own) return failure(own.error());
+    return session_->setLastUsed(item, date);
+}
+
+session::Session::Each<Bytes> ConfinedSession::thumbnails(const std::vector<ItemIdentifier>& items, unsigned side) {
+    return forOwn<Bytes>(items, [&](const auto& own) { return session_->thumbnails(own, side); });
+}
+
+Result<std::vector<session::Application>> ConfinedSession::applications() {
+    auto all = session_->applications();
+    if (all) std::erase_if(*all, [&](const session::Application& one) { return !isOwn(one.item); });
+    return all;
+}
+
+Result<session::Refreshed> ConfinedSession::refresh() {
+    return failure(refused("an application in a sandbox may not ask for a look at all applications"));
+}
+
+Result<Item> ConfinedSession::defaultContainer(const std::string& bundleIdentifier) {
+    if (bundleIdentifier == bundleIdentifier_) return session_->defaultContainer(bundleIdentifier);
+    Error error = hostframework::invalidParameter("bundleIdentifier", bundleIdentifier);
+    error.userInfo[kErrorMessage] = "no such application is installed";
+    return failure(std::move(error));
+}
+
+Result<session::SearchResult> ConfinedSession::search(const session::SearchRequest& request,
+                                                      const std::function<void(std::uint64_t)>& progress) {
+    const auto query = search::parseQuery(request.query);
+    if (!query) return failure(query.error());
+    // Whether there is such a place is an answer, too.
+    if (!query->wanted.places.empty() || !query->excluded.places.empty()) {
+        return failure(posixError(EINVAL, "an application in a sandbox looks in its own library; leave out in:"));
+    }
+    session::SearchRequest own = request;
+    own.below = request.below.value_or(library_);
+    if (auto checked = check(*own.below); !checked) return failure(checked.error());
+    auto result = session_->search(own, progress);
+    if (result) std::erase_if(result->items, [&](const session::Found& found) { return !isOwn(found.item); });
+    return result;
+}
+
+Result<session::Status> ConfinedSession::status() {
+    return failure(refused("an application in a sandbox may not see how the host is"));
+}
+
+}  // namespace tarnwell::host
