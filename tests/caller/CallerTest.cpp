@@ -142,6 +142,13 @@ TEST_F(CallerTest, ARootOfWhichTheMountsDoNotTellIsUnknown) {
     EXPECT_EQ(identified(), "unknown (its mounts cannot be read: " + describe(posixError(ENOENT)) + ")");
 }
 
+TEST_F(CallerTest, ARootInWhichNothingCanBeFoundIsUnknown) {
+    proc_.enterRoot("tmpfs");
+    std::filesystem::remove(proc_.sandbox(""));
+    testing::writeFile(proc_.path("sandbox"), "");
+    EXPECT_EQ(identified(), "unknown (its .flatpak-info cannot be found: " + describe(posixError(ENOTDIR)) + ")");
+}
+
 TEST_F(CallerTest, AProgramInTheSandboxThatWeAreInIsThatFlatpak) {
     testing::writeFile(proc_.host(".flatpak-info"), kNotesInfo);
     EXPECT_EQ(identified(), "flatpak org.example.Notes");

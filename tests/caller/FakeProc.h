@@ -53,6 +53,7 @@ public:
         write("mountinfo", "1 0 0:1 / / rw - ext4 /dev/x rw\n" + mountOf(sandbox("")) +
                                " 1 0:39 /newroot / rw,nosuid,nodev,relatime master:3 - " + fileSystemType + " x rw\n");
     }
+    std::string path(const std::string& name) const { return directory_.path(name); }
     std::string sandbox(const std::string& name) const { return directory_.path("sandbox/" + name); }
     std::string host(const std::string& name) const { return directory_.path("host/" + name); }
 
