@@ -56,6 +56,8 @@ struct ProgramContext::Parts {
     std::vector<registry::BundleRecordPtr> librariesAtStart;
     hostframework::ObjectRuntime objectRuntime;
     std::shared_ptr<provider::LocalProvider> provider;
+    std::once_flag watchOnce;
+    Result<void> watchOutcome;
     std::unique_ptr<registry::RegistryWatch> registryWatch;
 };
 
@@ -197,6 +199,11 @@ const std::vector<registry::BundleRecordPtr>& ProgramContext::librariesAtStart()
 }
 
 Result<void> ProgramContext::watchForChanges() {
+    std::call_once(parts_->watchOnce, [&] { parts_->watchOutcome = beginWatching(); });
+    return parts_->watchOutcome;
+}
+
+Result<void> ProgramContext::beginWatching() {
     const auto refresh = [weak = std::weak_ptr(parts_->provider)] {
         if (const auto provider = weak.lock()) provider->refreshInstalledAppsWithCompletionHandler({});
     };
@@ -209,6 +216,7 @@ Result<void> ProgramContext::watchForChanges() {
     }
     return parts_->events->watch();
 }
+
 std::optional<events::LiveIndex::Status> ProgramContext::liveStatus() const { return parts_->events->liveStatus(); }
 
 void ProgramContext::giveUp() { parts_->comparer.giveUp(); }

@@ -32,6 +32,9 @@ namespace tarnwell::host {
 /// but two at a time need two stores.
 class ProgramContext {
 public:
+    /// What its lines in a program log are filed under.
+    static constexpr const char* kLogCategory = items::ProgramLog::kCategory;
+
     /// Opens the store and the storage root, and meets the installed applications. Waits up to five seconds for another
     /// process to let go of the store. The log outlives the context.
     ///
@@ -55,8 +58,8 @@ public:
 
     /// For a program that stays: from now on the kernel tells what changes, as far as it can, instead of looking at
     /// everything from time to time, and applications that come and go are met by themselves. Begins in the background
-    /// with one look at everything. To be called before the first enumerator; fails where the kernel offers nothing,
-    /// and everything works as before.
+    /// with one look at everything. Fails where the kernel offers nothing, and everything works as before. Any thread;
+    /// further calls change nothing and are told what the first one was.
     Result<void> watchForChanges();
     /// How that is done; nothing as long as comparing is the source.
     std::optional<events::LiveIndex::Status> liveStatus() const;
@@ -83,6 +86,7 @@ public:
 
 private:
     struct Parts;
+    Result<void> beginWatching();
     explicit ProgramContext(std::unique_ptr<Parts> parts);
     std::unique_ptr<Parts> parts_;
 };

@@ -32,9 +32,8 @@ public:
                           std::shared_ptr<dispatch::ThreadPool> pool, Options options);
     ~ComparingEventService() override;
 
-    /// From now on kernel hints keep the index; to be called once, before there are streams. For programs that stay: it
-    /// begins with a look at everything below the roots. Fails where the kernel offers no source, and comparing goes
-    /// on.
+    /// From now on kernel hints keep the index; to be called once at most. For programs that stay: it begins with a
+    /// look at everything below the roots. Fails where the kernel offers no source, and comparing goes on.
     Result<void> watch(const watch::WatcherOptions& options = {});
     /// Nothing as long as comparing is the source.
     std::optional<LiveIndex::Status> liveStatus() const;

@@ -55,6 +55,7 @@ Result<EventID> EventHub::barrier(const std::optional<std::vector<URL>>& folders
 
 void EventHub::watch(std::unique_ptr<watch::Watcher> watcher) {
     live_ = std::make_unique<LiveIndex>(comparer_, std::move(watcher));
+    published_.store(live_.get(), std::memory_order_release);
     pollQueue_->async([weak = weak_from_this()] {
         const auto hub = weak.lock();
         if (!hub) return;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -39,10 +40,10 @@ public:
     JournalReplay::Scope scopeOf(const std::optional<std::vector<URL>>& folders) const;
 
     /// From now on the kernel's hints keep the index, instead of comparing from time to time: begins soon, on a thread
-    /// of its own. Nothing where the kernel offers no source.
+    /// of its own, also while others ask. To be called once at most.
     void watch(std::unique_ptr<watch::Watcher> watcher);
     /// The source of hints, null without one. Not after `close`.
-    const LiveIndex* live() const { return live_.get(); }
+    const LiveIndex* live() const { return published_.load(std::memory_order_acquire); }
 
     void join(const std::shared_ptr<JournalStream>& stream);
     void leave(const JournalStream* stream);
@@ -51,7 +52,7 @@ public:
     void close();
 
 private:
-    bool isLive() const { return live_ && live_->isLive(); }
+    bool isLive() const { return live() != nullptr && live()->isLive(); }
     void schedulePoll(std::chrono::nanoseconds delay);
     void poll();
     std::vector<std::shared_ptr<JournalStream>> streams();
@@ -61,7 +62,8 @@ private:
     files::Comparer& comparer_;
     const std::chrono::milliseconds pollInterval_;
     std::shared_ptr<dispatch::SerialQueue> pollQueue_;
-    std::unique_ptr<LiveIndex> live_;  ///< set once, before streams are made
+    std::unique_ptr<LiveIndex> live_;
+    std::atomic<LiveIndex*> published_{nullptr};  ///< `live_` for those who ask while it is set
     std::shared_mutex openMutex_;
     bool open_ = true;
     std::mutex streamsMutex_;
