@@ -53,6 +53,12 @@ private:
 
 }  // namespace
 
+Result<ChangeBatch> changesSince(hostframework::ProviderEnumerator& enumerator, const SyncAnchor& anchor) {
+    const auto observer = std::make_shared<BatchObserver>();
+    enumerator.enumerateChangesForObserver(observer, anchor);
+    return observer->wait();
+}
+
 Result<ChangeFollower> ChangeFollower::create(hostframework::ProviderExtension& provider,
                                               const ItemIdentifier& container) {
     ChangeFollower follower(provider, container);
@@ -69,9 +75,7 @@ Result<void> ChangeFollower::ask() {
 
 Result<ChangeBatch> ChangeFollower::changesSince(const SyncAnchor& anchor) {
     for (bool isSecondTry = false;; isSecondTry = true) {
-        const auto observer = std::make_shared<BatchObserver>();
-        (*enumerator_)->enumerateChangesForObserver(observer, anchor);
-        auto batch = observer->wait();
+        auto batch = host::changesSince(**enumerator_, anchor);
         // A folder that went elsewhere is not where its enumerator looks for it: it is asked for again.
         if (batch || isSecondTry || batch.error().domain != ErrorDomain::deviceUUID) return batch;
         if (auto asked = ask(); !asked) return failure(asked.error());

@@ -23,6 +23,11 @@ struct ChangeBatch {
     bool moreComing = false;
 };
 
+/// One request. Blocks until it is finished. Fails with the provider's error: sync anchor expired, and then nothing of
+/// the container is known.
+Result<ChangeBatch> changesSince(hostframework::ProviderEnumerator& enumerator,
+                                 const hostframework::SyncAnchor& anchor);
+
 /// Follows the changes of one container by its anchors. Not for two threads at once.
 class ChangeFollower {
 public:
@@ -30,8 +35,7 @@ public:
     static Result<ChangeFollower> create(hostframework::ProviderExtension& provider,
                                          const hostframework::ItemIdentifier& container);
 
-    /// One request. Blocks until it is finished. Fails with the provider's error: sync anchor expired, and then nothing
-    /// of the container is known.
+    /// As above; a folder that went elsewhere is asked for again.
     Result<ChangeBatch> changesSince(const hostframework::SyncAnchor& anchor);
 
 private:

@@ -12,7 +12,6 @@
 
 #include "platform/filesystem/PlainFile.h"
 #include "platform/icons/RenderProcess.h"
-#include "platform/store/Store.h"
 
 namespace tarnwell::host {
 namespace {
@@ -192,36 +191,30 @@ Check checkIconRenderer(const std::string& program) {
     return check;
 }
 
-Check checkStore(ProgramContext& context) {
-    store::Store& store = context.store();
-    Check check{"store", State::good, store.directory(), {}};
-    switch (store.origin()) {
-        case store::StoreOrigin::created:
+Check checkStore(const session::Status& status) {
+    Check check{"store", State::good, status.storeDirectory, {}};
+    switch (status.storeOrigin) {
+        case session::StoreOrigin::created:
             check.finding += ", new";
             break;
-        case store::StoreOrigin::reopened:
+        case session::StoreOrigin::reopened:
             break;
-        case store::StoreOrigin::recoveredAfterDamage:
+        case session::StoreOrigin::recoveredAfterDamage:
             check.state = State::warning;
             check.finding += ", made anew because the old one was damaged";
             check.advice = "identifiers of documents have changed; the damaged file is kept beside for a look";
             break;
     }
-    const std::uint64_t objects = [&] {
-        store::Session session(store);
-        return session.index().rowCount();
-    }();
-    check.finding += ", " + std::to_string(objects) + " objects, position " + std::to_string(raw(store.lastEventID())) +
-                     ", identity " + store.uuid().text();
+    check.finding += ", " + std::to_string(status.objects) + " objects, position " + std::to_string(status.journalEnd) +
+                     ", identity " + status.storeUUID;
     return check;
 }
 
-std::vector<Check> checkAppLibraries(ProgramContext& context) {
-    const auto roots = context.appLibraries().sharedManager().rootURLsForAppLibraries();
+std::vector<Check> checkAppLibraries(const std::vector<session::Application>& applications) {
     std::vector<Check> checks;
-    checks.push_back({"app libraries", State::good, std::to_string(roots.size()) + " found", {}});
-    for (const URL& root : roots) {
-        Check check = checkAttributes("app library", context.roots().realPath(root.path()));
+    checks.push_back({"app libraries", State::good, std::to_string(applications.size()) + " found", {}});
+    for (const auto& application : applications) {
+        Check check = checkAttributes("app library", application.item.path);
         if (check.state != State::good) checks.push_back(std::move(check));
     }
     return checks;

@@ -4,8 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "host/ProgramContext.h"
+#include "host/Settings.h"
 #include "platform/registry/RegistrySources.h"
+#include "session/Session.h"
 
 /// Looks at what this machine offers the program.
 namespace tarnwell::host {
@@ -35,9 +36,9 @@ std::vector<Check> checkRegistrySources(const registry::RegistrySources& sources
 Check checkFileTypes(const Settings& settings, const Settings::Lookup& variable);
 /// Whether icons can be drawn; `program` is the path of tarnwell-render-icon.
 Check checkIconRenderer(const std::string& program);
-/// The open store: how it was found, its identity, how much it knows.
-Check checkStore(ProgramContext& context);
+/// The store: how it was found, its identity, how much it knows.
+Check checkStore(const session::Status& status);
 /// The app libraries, and the attributes of their folders.
-std::vector<Check> checkAppLibraries(ProgramContext& context);
+std::vector<Check> checkAppLibraries(const std::vector<session::Application>& applications);
 
 }  // namespace tarnwell::host

@@ -50,6 +50,30 @@ std::string pathIn(const URL& folder, const std::string& name) {
     return isPlain ? folder.path() + "/" + name : folder.path();
 }
 
+/// A document or folder, opened for its place only: opening a pipe would have an effect on it.
+struct FoundObject {
+    Descriptor place;
+    bool isFolder = false;
+};
+
+Result<FoundObject> objectAt(const Place& place) {
+    auto object = filesystem::openBeneath(place.root->directory.get(), place.relative, O_PATH | O_NOFOLLOW);
+    if (!object) return failure(object.error());
+    const auto status = filesystem::statusOf(object->get());
+    if (!status) return failure(status.error());
+    if (S_ISLNK(status->mode)) return failure(posixError(ELOOP));
+    if (!S_ISREG(status->mode) && !S_ISDIR(status->mode)) return failure(posixError(EINVAL));
+    return FoundObject{std::move(*object), S_ISDIR(status->mode)};
+}
+
+/// The very object, whatever stands under its name by now.
+Result<Descriptor> reopen(const FoundObject& object, int flags) {
+    const std::string itself = pathOfDescriptor(object.place.get());
+    Descriptor opened(untilNotInterrupted([&] { return ::open(itself.c_str(), flags | O_NONBLOCK | O_CLOEXEC); }));
+    if (!opened.valid()) return failedCall();
+    return opened;
+}
+
 std::string nameOf(const URL& url) { return std::string(url.lastPathComponent()); }
 
 std::string parentPath(const URL& url) { return url.deletingLastPathComponent().path(); }
@@ -192,8 +216,12 @@ HostFileOperations::~HostFileOperations() { runner_->end(); }
 
 void HostFileOperations::cleanUp() { operations::cleanUp(context_); }
 
-void HostFileOperations::attachMonitor(const URL& document, std::weak_ptr<TransferMonitor> monitor) {
-    runner_->attach(document.path(), std::move(monitor));
+void HostFileOperations::startWatched(const URL& document, const std::weak_ptr<TransferMonitor>& monitor,
+                                      const std::function<void()>& start) {
+    // Of two who import the same document at once, neither may get the other's.
+    const std::lock_guard lock(startMutex_);
+    runner_->attach(document.path(), monitor);
+    start();
 }
 
 void HostFileOperations::setCopiedListener(std::function<void(const operations::CopiedObject&)> listener) {
@@ -313,25 +341,34 @@ Result<void> HostFileOperations::readWrite(const URL& url, const std::function<R
         told.code = error.code;
         return failure(std::move(told));
     };
-    // For its place first: opening a pipe would have an effect on it.
-    const auto object = filesystem::openBeneath(place->root->directory.get(), place->relative, O_PATH | O_NOFOLLOW);
-    if (!object) return refused(object.error());
-    const auto status = filesystem::statusOf(object->get());
-    if (!status) return refused(status.error());
-    if (S_ISLNK(status->mode)) return refused(posixError(ELOOP));
-    if (!S_ISREG(status->mode) && !S_ISDIR(status->mode)) return refused(posixError(EINVAL));
-    const std::string itself = pathOfDescriptor(object->get());
-    const auto open = [&](int flags) {
-        return Descriptor(untilNotInterrupted([&] { return ::open(itself.c_str(), flags | O_NONBLOCK | O_CLOEXEC); }));
+    const auto found = objectAt(*place);
+    if (!found) return refused(found.error());
+    auto granted = reopen(*found, O_RDONLY);
+    // One that may be written but not read.
+    if (!granted && !found->isFolder && granted.error().code == EACCES) granted = reopen(*found, O_WRONLY);
+    if (!granted) return refused(granted.error());
+    return work(*granted);
+}
+
+Result<Descriptor> HostFileOperations::open(const URL& url, Use use) {
+    const auto place = context_.roots.locate(url.path());
+    if (!url.isFileURL() || !place) return failure(notShown(url));
+    const auto grant = runner_->wait({{url.path(), use}});
+    const auto refused = [&](const Error& error) {
+        const bool isLink = error.code == ELOOP, isOther = error.code == EINVAL, isFolder = error.code == EISDIR;
+        return failure(
+            operations::explained(isLink ? posixError(ELOOP, "it is a link, or lies behind one; links are not followed")
+                                  : isOther  ? posixError(EINVAL, "it is neither a document nor a folder")
+                                  : isFolder ? posixError(EISDIR, "it is a folder; only documents are written to")
+                                             : error,
+                                  "be opened", context_.roots.realPath(url.path())));
     };
-    Descriptor granted = open(O_RDONLY);
-    if (!granted.valid()) {
-        const int code = errno;
-        // One that may be written but not read.
-        if (S_ISREG(status->mode) && code == EACCES) granted = open(O_WRONLY);
-        if (!granted.valid()) return refused(posixError(code));
-    }
-    return work(granted);
+    const auto found = objectAt(*place);
+    if (!found) return refused(found.error());
+    if (use == Use::writing && found->isFolder) return refused(posixError(EISDIR));
+    auto opened = reopen(*found, use == Use::writing ? O_RDWR : O_RDONLY);
+    if (!opened) return refused(opened.error());
+    return opened;
 }
 
 std::optional<store::TrashOrigin> HostFileOperations::trashOriginOf(const URL& item) const {

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <functional>
 #include <memory>
+#include <mutex>
 
 #include "hostframework/FileCoordinator.h"
 #include "hostframework/FileOperations.h"
@@ -34,10 +36,17 @@ public:
     void deleteItem(const URL& item, hostframework::Completion completion) override;
     Result<void> readWrite(const URL& url, const std::function<Result<void>(const Descriptor&)>& work) override;
 
-    /// Copies of the document that are asked for from now on, until the monitor goes, are told to it and may be
-    /// cancelled by it. The document is what is imported, or moved to another file system. One a document; the last one
-    /// attached counts.
-    void attachMonitor(const URL& document, std::weak_ptr<operations::TransferMonitor> monitor);
+    /// Calls `start`, which asks for an operation. Copies of the document that it asks for, at once or later, until the
+    /// monitor goes, are told to the monitor and may be cancelled by it. The document is what is imported, or moved to
+    /// another file system. What is asked for later is the last one's that was attached to the document.
+    void startWatched(const URL& document, const std::weak_ptr<operations::TransferMonitor>& monitor,
+                      const std::function<void()>& start);
+
+    /// A descriptor of the document or folder at the URL, opened as one of the readers of that path, or as its one
+    /// writer: no operation moves or replaces it meanwhile. O_RDWR for writing, which folders are not opened for
+    /// (EISDIR), else O_RDONLY; O_NONBLOCK. ELOOP for a link and EINVAL for whatever else is no document, neither of
+    /// which is opened; missing permission is the general file error 513.
+    Result<Descriptor> open(const URL& url, hostframework::FileCoordinator::Use use);
     /// Told of every object that is copied because it cannot be moved (see operations::MoveOptions::copied). To be set
     /// before the first operation.
     void setCopiedListener(std::function<void(const operations::CopiedObject&)> listener);
@@ -54,6 +63,7 @@ private:
 
     const operations::Context context_;
     const std::shared_ptr<Runner> runner_;
+    std::mutex startMutex_;  ///< between attaching a monitor and asking for what it watches
     std::function<void(const operations::CopiedObject&)> copied_;
 };
 

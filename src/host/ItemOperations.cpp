@@ -21,35 +21,71 @@ namespace tarnwell::host {
 using hostframework::Completion;
 using hostframework::ItemCompletion;
 using operations::TransferMonitor;
+using operations::TransferProgress;
 
-/// Starts the operation with a completion and waits for it.
+namespace {
+
+/// Starts something with a completion, and waits for it.
 template <typename T, typename Start>
-T ItemOperations::waitFor(Start start, const std::shared_ptr<TransferMonitor>& monitor) {
-    struct Answer {
-        std::promise<T> outcome;
-        Wakeup came;
-    };
-    const auto answer = std::make_shared<Answer>();
-    auto outcome = answer->outcome.get_future();
-    start([answer](const T& given) {
-        answer->outcome.set_value(given);
-        answer->came.signal();
-    });
-    if (monitor && interrupts_ != nullptr && !interrupted_ &&
-        answer->came.wait(*interrupts_) == Wakeup::Woken::byInterrupt) {
-        interrupted_ = true;
-        monitor->cancel();
-    }
+T waitFor(const Start& start) {
+    const auto answer = std::make_shared<std::promise<T>>();
+    auto outcome = answer->get_future();
+    start([answer](const T& given) { answer->set_value(given); });
     return outcome.get();
 }
 
-std::shared_ptr<TransferMonitor> ItemOperations::monitor(const URL& document) {
-    auto monitor = std::make_shared<TransferMonitor>(listener_);
-    context_.fileOperations().attachMonitor(document, monitor);
-    return monitor;
+}  // namespace
+
+ItemOperations::Outcome ItemOperations::run(const Start& start) const { return told(waitFor<Outcome>(start)); }
+
+ItemOperations::Outcome ItemOperations::runStep(const JobStep* step, const std::optional<URL>& document,
+                                                const Start& start) const {
+    if (step == nullptr || !document) return run(start);
+    const auto monitor = std::make_shared<TransferMonitor>([step](const TransferProgress& at) {
+        step->job.report({.index = step->index,
+                          .bytesDone = at.bytesDone,
+                          .itemsDone = at.itemsDone,
+                          .bytesTotal = at.bytesTotal,
+                          .itemsTotal = at.itemsTotal});
+    });
+    step->job.setCanceller([monitor] { monitor->cancel(); });
+    auto outcome = run([&](ItemCompletion completion) {
+        context_.fileOperations().startWatched(*document, monitor, [&] { start(std::move(completion)); });
+    });
+    step->job.setCanceller({});
+    return outcome;
 }
 
-ItemOperations::Outcome ItemOperations::import(const std::string& path, const Identifier& parent) {
+/// Of a name that is taken it says by what and where.
+ItemOperations::Outcome ItemOperations::told(Outcome outcome) const {
+    if (!outcome && outcome.error().is(ErrorDomain::host, hostframework::kFilenameCollision)) {
+        outcome.error().userInfo[kErrorMessage] = collisionText(outcome.error());
+    }
+    return outcome;
+}
+
+/// `a file named "x.txt" is already in "Notes"`.
+std::string ItemOperations::collisionText(const Error& error) const {
+    const auto found = [&](const char* key) {
+        const auto entry = error.userInfo.find(key);
+        return entry == error.userInfo.end() ? std::string() : entry->second;
+    };
+    std::string kind = "something";
+    std::string place = "there";
+    if (const auto existing = context_.provider().itemForIdentifier(found(hostframework::kErrorItemIdentifier))) {
+        kind = (*existing)->isFolder() ? "a folder" : "a file";
+        const Identifier& parent = (*existing)->parentItemIdentifier();
+        if (parent == hostframework::kRootContainer) {
+            place = "in the storage root";
+        } else if (const auto folder = context_.provider().itemForIdentifier(parent)) {
+            place = "in \"" + (*folder)->filename() + "\"";
+        }
+    }
+    return kind + " named \"" + found(hostframework::kErrorItemName) + "\" is already " + place;
+}
+
+ItemOperations::Outcome ItemOperations::import(const std::string& path, const Identifier& parent,
+                                               const JobStep* step) const {
     const auto real = realPathOfEntry(path);
     if (!real) return failure(posixError(ENOENT, "there is nothing at that path"));
     const URL document = context_.roots().urlForRealPath(*real);
@@ -58,51 +94,50 @@ ItemOperations::Outcome ItemOperations::import(const std::string& path, const Id
     const auto allowed = guards_.mayAdd(std::string(document.lastPathComponent()),
                                         isFolder ? Guards::Kind::folder : Guards::Kind::document, parent);
     if (!allowed) return failure(allowed.error());
-    const auto watched = monitor(document);
-    return waitFor<Outcome>(
-        [&](ItemCompletion completion) {
-            context_.provider().importDocumentAtURL(document, parent, std::move(completion));
-        },
-        watched);
+    return runStep(step, document, [&](ItemCompletion completion) {
+        context_.provider().importDocumentAtURL(document, parent, std::move(completion));
+    });
 }
 
-ItemOperations::Outcome ItemOperations::makeFolder(const std::string& name, const Identifier& parent) {
+ItemOperations::Outcome ItemOperations::makeFolder(const std::string& name, const Identifier& parent) const {
     if (auto allowed = guards_.mayAdd(name, Guards::Kind::folder, parent); !allowed) return failure(allowed.error());
-    return waitFor<Outcome>([&](ItemCompletion completion) {
+    return run([&](ItemCompletion completion) {
         context_.provider().createDirectoryWithName(name, parent, std::move(completion));
     });
 }
 
-ItemOperations::Outcome ItemOperations::rename(const Identifier& item, const std::string& name) {
+ItemOperations::Outcome ItemOperations::rename(const Identifier& item, const std::string& name) const {
     if (auto allowed = guards_.mayRename(item, name); !allowed) return failure(allowed.error());
-    return waitFor<Outcome>([&](ItemCompletion completion) {
+    return run([&](ItemCompletion completion) {
         context_.provider().renameItemWithIdentifier(item, name, std::move(completion));
     });
 }
 
+// What goes to another file system, also into a trash or out of it, is copied, which may take long.
+
 ItemOperations::Outcome ItemOperations::move(const Identifier& item, const Identifier& parent,
-                                             const std::optional<std::string>& name) {
+                                             const std::optional<std::string>& name, const JobStep* step) const {
     if (auto allowed = guards_.mayMove(item, parent, name); !allowed) return failure(allowed.error());
-    // To another file system it is a copy, which may take long.
     const auto place = context_.provider().URLForItemWithPersistentIdentifier(item);
-    const auto watched = place ? monitor(*place) : nullptr;
-    return waitFor<Outcome>(
-        [&](ItemCompletion completion) {
-            context_.provider().reparentItemWithIdentifier(item, parent, name, std::move(completion));
-        },
-        watched);
+    return runStep(step, place, [&](ItemCompletion completion) {
+        context_.provider().reparentItemWithIdentifier(item, parent, name, std::move(completion));
+    });
 }
 
-ItemOperations::Outcome ItemOperations::trash(const Identifier& item) {
+ItemOperations::Outcome ItemOperations::trash(const Identifier& item, const JobStep* step) const {
     if (auto allowed = guards_.mayTrash(item); !allowed) return failure(allowed.error());
-    return waitFor<Outcome>(
-        [&](ItemCompletion completion) { context_.provider().trashItemWithIdentifier(item, std::move(completion)); });
+    const auto place = context_.provider().URLForItemWithPersistentIdentifier(item);
+    return runStep(step, place, [&](ItemCompletion completion) {
+        context_.provider().trashItemWithIdentifier(item, std::move(completion));
+    });
 }
 
-ItemOperations::Outcome ItemOperations::restore(const Identifier& item, const std::optional<Identifier>& parent) {
+ItemOperations::Outcome ItemOperations::restore(const Identifier& item, const std::optional<Identifier>& parent,
+                                                const JobStep* step) const {
     if (auto allowed = guards_.mayRestore(item, parent); !allowed) return failure(allowed.error());
     const auto target = parent ? parent : rememberedParent(item);
-    auto outcome = waitFor<Outcome>([&](ItemCompletion completion) {
+    const auto place = context_.provider().URLForItemWithPersistentIdentifier(item);
+    auto outcome = runStep(step, place, [&](ItemCompletion completion) {
         context_.provider().untrashItemWithIdentifier(item, target, std::move(completion));
     });
     if (!outcome && outcome.error().is(ErrorDomain::host, hostframework::kInvalidParameter)) {
@@ -131,24 +166,24 @@ std::optional<ItemOperations::Identifier> ItemOperations::rememberedParent(const
     return parent ? parent : top;
 }
 
-Result<std::string> ItemOperations::remove(const Identifier& item) {
+Result<session::Removed> ItemOperations::remove(const Identifier& item) const {
     if (auto allowed = guards_.mayDelete(item); !allowed) return failure(allowed.error());
     const auto place = context_.provider().URLForItemWithPersistentIdentifier(item);
     if (!place) return failure(hostframework::noSuchItem(item));
     const auto error = waitFor<std::optional<Error>>(
         [&](Completion completion) { context_.provider().deleteItemWithIdentifier(item, std::move(completion)); });
     if (error) return failure(*error);
-    return context_.roots().realPath(place->path());
+    return session::Removed{item, context_.roots().realPath(place->path())};
 }
 
-Result<CleanedTrash> ItemOperations::cleanTrash(Date olderThan) {
+Result<session::CleanedTrash> ItemOperations::cleanTrash(Date olderThan) const {
     const auto before = trashEntries();
     const auto error = waitFor<std::optional<Error>>([&](Completion completion) {
         context_.provider().removeTrashedItemsOlderThanDate(olderThan, std::move(completion));
     });
     if (error) return failure(*error);
     const auto after = trashEntries();
-    CleanedTrash cleaned;
+    session::CleanedTrash cleaned;
     std::ranges::set_difference(before, after, std::back_inserter(cleaned.removed));
     for (const std::string& path : after) {
         // The provider looks at no hidden entry.
@@ -176,23 +211,24 @@ std::vector<std::string> ItemOperations::trashEntries() const {
     return entries;
 }
 
-ItemOperations::Outcome ItemOperations::setTags(const Identifier& item, const std::vector<std::string>& labels) {
+ItemOperations::Outcome ItemOperations::setTags(const Identifier& item, const std::vector<std::string>& labels) const {
     std::vector<hostframework::Tag> tags;
     tags.reserve(labels.size());
     for (const std::string& label : labels) tags.push_back({label, std::nullopt});
-    return waitFor<Outcome>([&](ItemCompletion completion) {
+    return run([&](ItemCompletion completion) {
         context_.provider().setTagData(hostframework::TagCodec::encode(tags), item, std::move(completion));
     });
 }
 
-ItemOperations::Outcome ItemOperations::setRank(const Identifier& item, const std::optional<std::uint64_t>& rank) {
-    return waitFor<Outcome>(
+ItemOperations::Outcome ItemOperations::setRank(const Identifier& item,
+                                                const std::optional<std::uint64_t>& rank) const {
+    return run(
         [&](ItemCompletion completion) { context_.provider().setFavoriteRank(rank, item, std::move(completion)); });
 }
 
-ItemOperations::Outcome ItemOperations::setLastUsed(const Identifier& item, const std::optional<Date>& date) {
-    auto outcome = waitFor<Outcome>(
-        [&](ItemCompletion completion) { context_.provider().setLastUsedDate(date, item, std::move(completion)); });
+ItemOperations::Outcome ItemOperations::setLastUsed(const Identifier& item, const std::optional<Date>& date) const {
+    auto outcome =
+        run([&](ItemCompletion completion) { context_.provider().setLastUsedDate(date, item, std::move(completion)); });
     if (!outcome && outcome.error().is(ErrorDomain::host, hostframework::kInvalidParameter)) {
         outcome.error().userInfo[kErrorMessage] = "an application's library has no such date";
     }

@@ -4,11 +4,9 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <ranges>
 #include <utility>
 
 #include "host/EnumeratorHolder.h"
-#include "hostframework/HostError.h"
 
 namespace tarnwell::host {
 namespace {
@@ -52,76 +50,49 @@ private:
     bool finished_ = false;
 };
 
-/// One pass over all pages.
-Result<std::vector<ProviderItemPtr>> listOnce(ProviderEnumerator& enumerator,
-                                              const std::function<void(std::size_t)>& found) {
-    std::vector<ProviderItemPtr> items;
-    EnumerationPage page = hostframework::kInitialPageSortedByName;
-    for (;;) {
-        const auto observer = std::make_shared<PageObserver>();
-        enumerator.enumerateItemsForObserver(observer, page);
-        auto next = observer->wait();
-        if (!next) return failure(next.error());
-        auto fresh = observer->takeItems();
-        items.insert(items.end(), std::make_move_iterator(fresh.begin()), std::make_move_iterator(fresh.end()));
-        if (found) found(items.size());
-        if (!*next) return items;
-        page = std::move(**next);
-    }
-}
+/// The pages of one container after the other: its enumerator lives as long as it is asked for.
+class ProviderPages {
+public:
+    explicit ProviderPages(ProviderExtension& provider) : provider_(provider) {}
 
-Result<std::vector<ProviderItemPtr>> listDirectly(ProviderExtension& provider, const ItemIdentifier& container,
-                                                  const std::function<void(std::size_t)>& found) {
-    std::optional<EnumeratorHolder> holder;
-    for (int restarts = 0;; ++restarts) {
-        if (!holder) {
-            auto enumerator = provider.enumeratorForContainerItemIdentifier(container);
+    Result<ListedPage> page(const ItemIdentifier& container, const std::optional<EnumerationPage>& page) {
+        if (!holder_ || container != container_) {
+            holder_.reset();
+            auto enumerator = provider_.enumeratorForContainerItemIdentifier(container);
             if (!enumerator) return failure(enumerator.error());
-            holder.emplace(std::move(*enumerator));
+            holder_.emplace(std::move(*enumerator));
+            container_ = container;
         }
-        auto items = listOnce(**holder, found);
-        if (items || restarts == kMaxListingRestarts) return items;
-        // A folder that went elsewhere is not where its enumerator looks for it: it is asked for again.
-        if (items.error().domain == ErrorDomain::deviceUUID) {
-            holder.reset();
-        } else if (!items.error().is(ErrorDomain::host, hostframework::kSyncAnchorExpired)) {
-            return items;
-        }
+        auto listed = listPage(**holder_, page);
+        const bool wentElsewhere = !listed && listed.error().domain == ErrorDomain::deviceUUID;
+        if (wentElsewhere || (listed && !listed->next)) holder_.reset();
+        return listed;
     }
-}
+    static const std::string& nameOf(const ProviderItemPtr& item) { return item->filename(); }
+    static std::optional<ItemIdentifier> folder(const ProviderItemPtr& item) {
+        return item->isFolder() ? std::optional(item->itemIdentifier()) : std::nullopt;
+    }
+
+private:
+    ProviderExtension& provider_;
+    std::optional<EnumeratorHolder> holder_;
+    ItemIdentifier container_;
+};
 
 }  // namespace
 
+Result<ListedPage> listPage(ProviderEnumerator& enumerator, const std::optional<EnumerationPage>& page) {
+    const auto observer = std::make_shared<PageObserver>();
+    enumerator.enumerateItemsForObserver(observer, page ? *page : hostframework::kInitialPageSortedByName);
+    auto next = observer->wait();
+    if (!next) return failure(next.error());
+    return ListedPage{observer->takeItems(), std::move(*next)};
+}
+
 Result<std::vector<ListedItem>> listContainer(ProviderExtension& provider, const ItemIdentifier& container,
                                               const ListingOptions& options) {
-    // A stack instead of recursion: a tree may be deeper than the stack of a thread. What lies on it is in reverse
-    // order.
-    std::vector<ListedItem> pending, listed;
-    const auto push = [&](const ItemIdentifier& folder, const std::string& path) -> Result<void> {
-        auto items = listDirectly(provider, folder, [&](std::size_t count) {
-            if (options.progress) options.progress(listed.size() + count);
-        });
-        if (!items) return failure(items.error());
-        for (auto& item : *items | std::views::reverse) {
-            std::string name = path.empty() ? item->filename() : path + "/" + item->filename();
-            pending.push_back({std::move(item), std::move(name)});
-        }
-        return {};
-    };
-
-    if (auto pushed = push(container, {}); !pushed) return failure(pushed.error());
-    while (!pending.empty()) {
-        listed.push_back(std::move(pending.back()));
-        pending.pop_back();
-        const ListedItem& last = listed.back();
-        if (options.depth == Depth::direct || !last.item->isFolder()) continue;
-        const auto pushed = push(last.item->itemIdentifier(), last.path);
-        // A folder that went since it was listed is as if it had gone before.
-        if (!pushed && !pushed.error().is(ErrorDomain::host, hostframework::kNoSuchItem)) {
-            return failure(pushed.error());
-        }
-    }
-    return listed;
+    ProviderPages pages(provider);
+    return session::ListingWalk<ProviderItemPtr, ProviderPages>(pages, options).list(container);
 }
 
 Result<std::optional<hostframework::SyncAnchor>> currentSyncAnchor(ProviderExtension& provider,
@@ -129,13 +100,17 @@ Result<std::optional<hostframework::SyncAnchor>> currentSyncAnchor(ProviderExten
     auto enumerator = provider.enumeratorForContainerItemIdentifier(container);
     if (!enumerator) return failure(enumerator.error());
     const EnumeratorHolder holder(std::move(*enumerator));
+    return currentSyncAnchor(*holder);
+}
+
+Result<std::optional<hostframework::SyncAnchor>> currentSyncAnchor(ProviderEnumerator& enumerator) {
     // A completion may be called again, also after the first call was answered.
     struct Answer {
         std::once_flag once;
         std::promise<std::optional<hostframework::SyncAnchor>> promise;
     };
     const auto answer = std::make_shared<Answer>();
-    holder->currentSyncAnchorWithCompletionHandler([answer](const std::optional<hostframework::SyncAnchor>& anchor) {
+    enumerator.currentSyncAnchorWithCompletionHandler([answer](const std::optional<hostframework::SyncAnchor>& anchor) {
         std::call_once(answer->once, [&] { answer->promise.set_value(anchor); });
     });
     return answer->promise.get_future().get();

@@ -1,31 +1,23 @@
 #pragma once
 
-#include <functional>
 #include <optional>
-#include <string>
 #include <vector>
 
 #include "hostframework/ProviderExtension.h"
+#include "session/ListingWalk.h"
 
 /// How this host asks its provider for whole containers.
 namespace tarnwell::host {
 
-/// How often a listing begins again when its pages expire because things were deleted meanwhile.
-inline constexpr int kMaxListingRestarts = 8;
+using session::Depth;
+using session::kMaxListingRestarts;
+using session::ListingOptions;
+using ListedItem = session::Listed<hostframework::ProviderItemPtr>;
+using ListedPage = session::ListedPage<hostframework::ProviderItemPtr>;
 
-struct ListedItem {
-    hostframework::ProviderItemPtr item;
-    /// The names that lead from the container to the item, with slashes between; the name alone for a direct entry.
-    std::string path;
-};
-
-enum class Depth { direct, recursive };
-
-struct ListingOptions {
-    Depth depth = Depth::direct;
-    /// Told now and then how many items were found so far; a restart lowers the number.
-    std::function<void(std::size_t)> progress;
-};
+/// One page of what an enumerator lists; nothing for the first. Blocks until it is complete.
+Result<ListedPage> listPage(hostframework::ProviderEnumerator& enumerator,
+                            const std::optional<hostframework::EnumerationPage>& page);
 
 /// All items of a container, in the provider's order: page after page, from the start again when the pages expire or
 /// the folder went elsewhere. A folder comes right before what it holds. Folders that go while a recursive listing runs
@@ -37,6 +29,7 @@ Result<std::vector<ListedItem>> listContainer(hostframework::ProviderExtension& 
                                               const ListingOptions& options = {});
 
 /// The container's current sync anchor; nothing where it has no source of changes.
+Result<std::optional<hostframework::SyncAnchor>> currentSyncAnchor(hostframework::ProviderEnumerator& enumerator);
 Result<std::optional<hostframework::SyncAnchor>> currentSyncAnchor(hostframework::ProviderExtension& provider,
                                                                    const hostframework::ItemIdentifier& container);
 

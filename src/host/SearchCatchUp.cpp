@@ -1,6 +1,7 @@
 #include "host/SearchCatchUp.h"
 
 #include <cerrno>
+#include <mutex>
 
 #include "host/Listing.h"
 #include "hostframework/HostError.h"
@@ -23,6 +24,7 @@ bool isGone(const Error& error) { return error.is(ErrorDomain::host, hostframewo
 }  // namespace
 
 Result<void> SearchCatchUp::run() {
+    const std::lock_guard turn(index_.turn());
     auto outcome = runOnce();
     // The index has begun a new file.
     if (!outcome && isDamagedIndex(outcome.error())) outcome = runOnce();

@@ -10,8 +10,8 @@
 namespace tarnwell::host {
 
 /// Keeps the search index equal to what the provider has, as a client of the working set like any other: the first time
-/// it lists everything, folder by folder, and later it asks for what changed. Not for two threads at once; the index
-/// may be searched meanwhile.
+/// it lists everything, folder by folder, and later it asks for what changed. Not for two threads at once, but there
+/// may be several for one index, which take turns; the index may be searched meanwhile.
 ///
 /// C1: the anchor that is kept is one up to which every change is in the index, so that whoever was cut off, by
 ///     whatever, goes on from there; a fill that was cut off begins again.

@@ -213,10 +213,10 @@ Result<std::vector<search::Hit>> SearchIndex::find(const search::Search& search)
     return use([&](EntryTable& table) { return search::find(table, search); });
 }
 
-Result<std::optional<SearchStatus>> SearchIndex::status() {
+Result<std::optional<session::SearchStatus>> SearchIndex::status() {
     if (!exists()) return std::nullopt;
-    return use([&](EntryTable& table) -> Result<std::optional<SearchStatus>> {
-        SearchStatus status{table.count(), sizeOf(path_) + sizeOf(path_ + "-wal"), std::nullopt};
+    return use([&](EntryTable& table) -> Result<std::optional<session::SearchStatus>> {
+        session::SearchStatus status{table.count(), sizeOf(path_) + sizeOf(path_ + "-wal"), std::nullopt};
         if (const auto seconds = table.fact(kCaughtUp)) {
             std::int64_t when = 0;
             std::from_chars(seconds->data(), seconds->data() + seconds->size(), when);

@@ -12,15 +12,9 @@
 #include "platform/log/Log.h"
 #include "platform/search/EntryTable.h"
 #include "platform/search/Finder.h"
+#include "session/Status.h"
 
 namespace tarnwell::host {
-
-/// What is known of the index, for displays.
-struct SearchStatus {
-    std::uint64_t items = 0;
-    std::uint64_t databaseBytes = 0;
-    std::optional<Date> caughtUp;  ///< when it last held everything; nothing while it was never filled
-};
 
 /// The host's search index: a row for each item of the working set, in a file that can be made anew. The file is opened
 /// when it is first needed; one that is damaged, of another version or of another store is set aside
@@ -30,6 +24,9 @@ class SearchIndex {
 public:
     /// `directory` is made when it is needed. The log outlives the index.
     SearchIndex(std::string directory, const UUID& store, log::Log& log);
+
+    /// To be held by who brings it up to date: one at a time. Nothing here takes it.
+    std::mutex& turn() { return turn_; }
 
     /// Up to where the working set's changes are in it; nothing for an index that was never filled to the end.
     Result<std::optional<hostframework::SyncAnchor>> anchor();
@@ -56,7 +53,7 @@ public:
 
     Result<std::vector<search::Hit>> find(const search::Search& search);
     /// Nothing where there is no index.
-    Result<std::optional<SearchStatus>> status();
+    Result<std::optional<session::SearchStatus>> status();
     /// See search::EntryTable::lines.
     Result<std::vector<std::string>> lines();
 
@@ -72,6 +69,7 @@ private:
     const std::string directory_, path_;
     const std::string origin_;
     log::Log& log_;
+    std::mutex turn_;
     std::mutex mutex_;
     std::unique_ptr<search::EntryTable> table_;
 };

@@ -27,28 +27,23 @@ bool InterruptGuard::wasInterrupted() const {
     return poll(&asked, 1, 0) > 0;
 }
 
-namespace {
-
-/// True when the counter came, false when the interrupt did.
-bool waitForEither(const Descriptor& counter, const InterruptGuard& interrupts) {
-    std::array<pollfd, 2> waited{{{counter.get(), POLLIN, 0}, {interrupts.descriptor(), POLLIN, 0}}};
-    while (poll(waited.data(), waited.size(), -1) < 0) {
-        if (errno != EINTR) return false;
-    }
-    return waited[1].revents == 0;
-}
-
-}  // namespace
-
 Wakeup::Wakeup() : counter_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 void Wakeup::signal() const {
     const std::uint64_t one = 1;
+    // Full means that nobody has looked yet, and he will.
     (void)!write(counter_.get(), &one, sizeof one);
 }
 
 Wakeup::Woken Wakeup::wait(const InterruptGuard& interrupts) const {
-    return waitForEither(counter_, interrupts) ? Woken::bySignal : Woken::byInterrupt;
+    std::array<pollfd, 2> waited{{{counter_.get(), POLLIN, 0}, {interrupts.descriptor(), POLLIN, 0}}};
+    while (poll(waited.data(), waited.size(), -1) < 0) {
+        if (errno != EINTR) return Woken::byInterrupt;
+    }
+    if (waited[1].revents != 0) return Woken::byInterrupt;
+    std::uint64_t count = 0;
+    (void)!read(counter_.get(), &count, sizeof count);
+    return Woken::bySignal;
 }
 
 InterruptWatch::InterruptWatch(const InterruptGuard& interrupts, std::function<void()> onInterrupt)
@@ -59,24 +54,6 @@ InterruptWatch::InterruptWatch(const InterruptGuard& interrupts, std::function<v
 InterruptWatch::~InterruptWatch() {
     end_.signal();
     thread_.join();
-}
-
-ChangeSignal::ChangeSignal(HostProviderManager& manager)
-    : manager_(manager),
-      counter_(std::make_shared<Descriptor>(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
-      handler_(manager.addSignalHandler([counter = counter_](const hostframework::ItemIdentifier&) {
-          const std::uint64_t one = 1;
-          // Full means that nobody has looked yet, and he will.
-          (void)!write(counter->get(), &one, sizeof one);
-      })) {}
-
-ChangeSignal::~ChangeSignal() { manager_.removeSignalHandler(handler_); }
-
-ChangeSignal::Woken ChangeSignal::wait(const InterruptGuard& interrupts) {
-    if (!waitForEither(*counter_, interrupts)) return Woken::byInterrupt;
-    std::uint64_t count = 0;
-    (void)!read(counter_->get(), &count, sizeof count);
-    return Woken::byChange;
 }
 
 }  // namespace tarnwell::host

@@ -4,7 +4,6 @@
 #include <memory>
 #include <thread>
 
-#include "host/HostProviderManager.h"
 #include "platform/base/Descriptor.h"
 
 namespace tarnwell::host {
@@ -29,7 +28,7 @@ public:
     enum class Woken { bySignal, byInterrupt };
     /// The thing has come. Any thread may call it.
     void signal() const;
-    /// Blocks until then, or until the process is asked to end.
+    /// Blocks until it has come since the last call, or until the process is asked to end.
     Woken wait(const InterruptGuard& interrupts) const;
 
 private:
@@ -48,24 +47,6 @@ public:
 private:
     Wakeup end_;
     std::thread thread_;
-};
-
-/// Wakes a thread when the provider says that something changed, without waking it for anything else.
-class ChangeSignal {
-public:
-    explicit ChangeSignal(HostProviderManager& manager);
-    ~ChangeSignal();
-    ChangeSignal(const ChangeSignal&) = delete;
-    ChangeSignal& operator=(const ChangeSignal&) = delete;
-
-    enum class Woken { byChange, byInterrupt };
-    /// Blocks until a container was signalled since the last call, or the process was asked to end.
-    Woken wait(const InterruptGuard& interrupts);
-
-private:
-    HostProviderManager& manager_;
-    std::shared_ptr<Descriptor> counter_;
-    HostProviderManager::HandlerID handler_;
 };
 
 }  // namespace tarnwell::host

@@ -32,13 +32,25 @@ std::uint64_t sizeOf(const std::string& path) {
     return ::stat(path.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
+session::StoreOrigin originOf(const store::Store& store) {
+    switch (store.origin()) {
+        case store::StoreOrigin::created:
+            return session::StoreOrigin::created;
+        case store::StoreOrigin::recoveredAfterDamage:
+            return session::StoreOrigin::recoveredAfterDamage;
+        case store::StoreOrigin::reopened:
+            break;
+    }
+    return session::StoreOrigin::reopened;
+}
+
 }  // namespace
 
-Result<Status> statusOf(ProgramContext& context) {
-    Status status;
+Result<session::Status> statusOf(ProgramContext& context) {
+    session::Status status;
     const auto live = context.liveStatus();
     for (const auto& root : context.roots().all()) {
-        RootStatus one{root->realPath, isAvailable(*root), kComparing, liveSourceFor(*root)};
+        session::RootStatus one{root->realPath, isAvailable(*root), kComparing, liveSourceFor(*root)};
         if (live) one.source = one.liveSource;
         status.roots.push_back(std::move(one));
     }
@@ -49,7 +61,10 @@ Result<Status> statusOf(ProgramContext& context) {
     }
     const auto limits = watch::limits();
     status.queueLimit = limits.fanotifyQueuedEvents != 0 ? limits.fanotifyQueuedEvents : limits.inotifyQueuedEvents;
-    const std::string database = context.store().directory() + "/index.sqlite";
+    status.storeDirectory = context.store().directory();
+    status.storeUUID = context.store().uuid().text();
+    status.storeOrigin = originOf(context.store());
+    const std::string database = status.storeDirectory + "/index.sqlite";
     status.databaseBytes = sizeOf(database) + sizeOf(database + "-wal");
     store::Session session(context.store());
     status.objects = session.index().rowCount();

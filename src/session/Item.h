@@ -12,6 +12,12 @@ namespace tarnwell::session {
 /// Names an item between a client and the host. UTF-8 without control characters.
 using ItemIdentifier = std::string;
 
+/// Those that the host defines. The views, WorkingSetContainer and AllDirectoriesContainer, have contents only.
+inline const ItemIdentifier kRootContainer = "RootContainer";
+inline const ItemIdentifier kWorkingSetContainer = "WorkingSetContainer";
+inline const ItemIdentifier kAllDirectoriesContainer = "AllDirectoriesContainer";
+inline const ItemIdentifier kTemporaryLocalFolder = "TemporaryLocalFolder";
+
 /// The bits of Item::capabilities.
 enum Capability : std::uint64_t {
     kMayRead = 0x1,

@@ -20,6 +20,9 @@ inline constexpr std::int64_t kNoSuchItem = -1005;
 inline constexpr std::int64_t kFilenameCollision = -1001;
 inline constexpr std::int64_t kInvalidParameter = -1100;
 
+/// User info of errors: the item that they are about, where it is not plain which.
+inline constexpr const char* kErrorItemIdentifier = "itemIdentifier";
+
 /// Part of a container's listing.
 struct Page {
     std::vector<Item> items;

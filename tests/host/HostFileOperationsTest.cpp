@@ -61,11 +61,11 @@ TEST_F(HostFileOperationsTest, WhatThrowsIsAnErrorAndKeepsNoPlaceAmongTheOperati
         writeFile(document, "text");
         const auto monitor = std::make_shared<operations::TransferMonitor>(
             [](const operations::TransferProgress&) { throw std::bad_alloc(); });
-        operations_->attachMonitor(device_.roots().urlForRealPath(document), monitor);
+        operations_->startWatched(device_.roots().urlForRealPath(document), monitor, [] {});
         const auto imported = import(document);
         ASSERT_FALSE(imported);
         EXPECT_TRUE(imported.error().is(ErrorDomain::posix, ENOMEM)) << describe(imported.error());
-        operations_->attachMonitor(device_.roots().urlForRealPath(document), {});
+        operations_->startWatched(device_.roots().urlForRealPath(document), {}, [] {});
         EXPECT_TRUE(import(document));
     }
     operations_.reset();
@@ -149,7 +149,7 @@ TEST_F(HostFileOperationsTest, AMonitorOfADocumentSeesItsImportAndCancelsIt) {
     writeFile(device_.home() + "/large", std::string(std::size_t{20} << 20, 'x'));
     const URL document = device_.roots().urlForRealPath(device_.home() + "/large");
     auto monitor = std::make_shared<operations::TransferMonitor>();
-    operations_->attachMonitor(document, monitor);
+    operations_->startWatched(document, monitor, [] {});
     ASSERT_TRUE(import(device_.home() + "/large"));
     EXPECT_EQ(monitor->progress().bytesDone, std::uint64_t{20} << 20);
     EXPECT_EQ(monitor->progress().bytesTotal, std::uint64_t{20} << 20);
@@ -158,7 +158,7 @@ TEST_F(HostFileOperationsTest, AMonitorOfADocumentSeesItsImportAndCancelsIt) {
         if (p.bytesDone > 0) self->cancel();
     });
     self = cancelling.get();
-    operations_->attachMonitor(document, cancelling);
+    operations_->startWatched(document, cancelling, [] {});
     makeDirectories(device_.path("folder"));
     const auto cancelled = import(device_.home() + "/large", "folder");
     ASSERT_FALSE(cancelled);

@@ -3,14 +3,13 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
-#include "hostframework/ProviderItem.h"
-#include "platform/filesystem/Roots.h"
+#include "session/Item.h"
 
 namespace tarnwell::cli {
 
 /// All fields of an item, in a fixed order, absent ones null. `filenameBytes` (base64) is there only for a name that is
 /// not UTF-8.
-nlohmann::ordered_json itemJson(const hostframework::ProviderItem& item, const Roots& roots);
+nlohmann::ordered_json itemJson(const session::Item& item);
 
 /// One line, without a line end.
 std::string jsonLine(const nlohmann::ordered_json& json);

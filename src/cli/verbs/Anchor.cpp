@@ -4,7 +4,6 @@
 #include "cli/output/Text.h"
 #include "cli/verbs/ItemArgument.h"
 #include "cli/verbs/Verb.h"
-#include "host/Listing.h"
 
 namespace tarnwell::cli {
 namespace {
@@ -19,12 +18,12 @@ public:
     }
 
     Outcome run(Invocation& invocation) override {
-        auto ready = invocation.context();
-        if (!ready) return std::unexpected(ready.error());
+        auto session = invocation.session();
+        if (!session) return std::unexpected(session.error());
         const std::string what = "cannot give an anchor of";
         const auto container = resolveItem(invocation, what, item_);
         if (!container) return std::unexpected(container.error());
-        const auto anchor = host::currentSyncAnchor((*ready)->provider(), *container);
+        const auto anchor = (*session)->currentAnchor(*container);
         if (!anchor) return std::unexpected(failureOf(what, item_, anchor.error()));
         if (!*anchor) {
             return std::unexpected(Failure{

@@ -9,28 +9,24 @@ namespace tarnwell::cli {
 namespace {
 
 /// Only Flatpak keeps what a person installed apart from what the system has.
-std::string originOf(const registry::BundleRecord& record) {
-    const auto archived = record.archived();
-    std::string origin(registry::nameOf(archived.origin));
-    if (archived.origin != registry::Origin::flatpak) return origin;
-    return origin + (archived.type == registry::ApplicationType::user ? " (user)" : " (system)");
+std::string originOf(const session::Application& application) {
+    if (!application.origin) return "-";
+    const std::string origin = toDisplay(*application.origin);
+    return origin == "flatpak" ? origin + " (" + toDisplay(application.installedFor.value_or("system")) + ")" : origin;
+}
+
+nlohmann::ordered_json textOrNull(const std::optional<std::string>& text) {
+    return text ? nlohmann::ordered_json(toUtf8(*text)) : nlohmann::ordered_json(nullptr);
 }
 
 /// The item, and what is known of the application that keeps it.
-nlohmann::ordered_json libraryJson(const hostframework::ProviderItem& item, const registry::BundleRecord* record,
-                                   const Roots& roots) {
-    auto json = itemJson(item, roots);
-    json["origin"] = nullptr;
-    json["installedFor"] = nullptr;
-    json["containerPath"] = nullptr;
-    if (record == nullptr) return json;
-    const auto archived = record->archived();
-    json["origin"] = registry::nameOf(archived.origin);
-    json["installedFor"] = archived.type == registry::ApplicationType::user ? "user" : "system";
-    if (!archived.dataContainerPath) return json;
-    json["containerPath"] = toUtf8(*archived.dataContainerPath);
-    if (!isUtf8(*archived.dataContainerPath)) {
-        json["containerPathBytes"] = base64(bytesOf(*archived.dataContainerPath));
+nlohmann::ordered_json libraryJson(const session::Application& application) {
+    auto json = itemJson(application.item);
+    json["origin"] = textOrNull(application.origin);
+    json["installedFor"] = textOrNull(application.installedFor);
+    json["containerPath"] = textOrNull(application.containerPath);
+    if (application.containerPath && !isUtf8(*application.containerPath)) {
+        json["containerPathBytes"] = base64(bytesOf(*application.containerPath));
     }
     return json;
 }
@@ -44,28 +40,27 @@ public:
     }
 
     Outcome run(Invocation& invocation) override {
-        auto ready = invocation.context();
-        if (!ready) return std::unexpected(ready.error());
-        host::ProgramContext& context = **ready;
-        auto& manager = context.appLibraries().sharedManager();
+        auto session = invocation.session();
+        if (!session) return std::unexpected(session.error());
+        const auto applications = (*session)->applications();
+        if (!applications) return std::unexpected(failureOf(applications.error()));
         Output& output = invocation.output();
 
         Table table({{"IDENTIFIER"}, {"ITEMS", Table::Align::right}, {"FROM"}, {"NAME"}, {"FOLDER"}});
-        const auto libraries = manager.appLibraryItems();
-        for (const auto& item : libraries) {
-            const auto record = manager.recordForItemIdentifier(item->itemIdentifier());
+        for (const auto& application : *applications) {
             if (invocation.json()) {
-                output.line(jsonLine(libraryJson(*item, record.get(), context.roots())));
+                output.line(jsonLine(libraryJson(application)));
                 continue;
             }
-            table.add({{toDisplay(item->itemIdentifier()), Style::dim},
-                       {item->childItemCount() ? grouped(*item->childItemCount()) : "-"},
-                       {record ? originOf(*record) : "-"},
-                       {toDisplay(item->filename()), Style::library},
-                       {toDisplay(context.roots().realPath(item->fileURL().path()))}});
+            const session::Item& item = application.item;
+            table.add({{toDisplay(item.identifier), Style::dim},
+                       {item.childItemCount ? grouped(*item.childItemCount) : "-"},
+                       {originOf(application)},
+                       {toDisplay(item.filename), Style::library},
+                       {toDisplay(item.path)}});
         }
         table.write(output);
-        if (libraries.empty() && !invocation.json()) {
+        if (applications->empty() && !invocation.json()) {
             output.line(
                 "No installed application keeps documents here; \"tarnwell doctor\" says where they are looked for.");
         }

@@ -4,10 +4,7 @@
 #include "cli/output/Text.h"
 #include "cli/verbs/ItemArgument.h"
 #include "cli/verbs/Verb.h"
-#include "host/Changes.h"
-#include "host/Listing.h"
 #include "host/Signals.h"
-#include "hostframework/HostError.h"
 
 namespace tarnwell::cli {
 namespace {
@@ -51,23 +48,24 @@ private:
         if (sinceOption_->count() > 0) {
             anchor = bytesOfBase64(since_);
             // Not even the text of one: the same as one that nobody knows any more.
-            if (!anchor) return expired(invocation, hostframework::syncAnchorExpired());
+            if (!anchor) return expired(invocation, {ErrorDomain::host, session::kSyncAnchorExpired, {}});
         }
-        auto ready = invocation.context();
-        if (!ready) return std::unexpected(ready.error());
+        auto session = invocation.session();
+        if (!session) return std::unexpected(session.error());
         std::optional<host::InterruptWatch> atTheEnd;
-        if (follow_) atTheEnd.emplace(*interrupts, [context = *ready] { context->giveUp(); });
+        if (follow_) atTheEnd.emplace(*interrupts, [&invocation] { invocation.giveUp(); });
         const auto container = resolveItem(invocation, kWhat, item_);
         if (!container) return std::unexpected(container.error());
-        // Where the kernel offers nothing, looking every two seconds has to do.
-        if (follow_) (void)(*ready)->watchForChanges();
-        std::optional<host::ChangeSignal> signal;
         // Before the first look, so that nothing falls between it and the waiting.
-        if (follow_) signal.emplace((*ready)->providerManager());
-        auto follower = host::ChangeFollower::create((*ready)->provider(), *container);
-        if (!follower) return std::unexpected(failureOf(kWhat, item_, follower.error()));
+        const auto wakeup = std::make_shared<host::Wakeup>();
+        std::unique_ptr<session::Watch> watch;
+        if (follow_) {
+            auto watching = (*session)->watch(*container, [wakeup] { wakeup->signal(); });
+            if (!watching) return std::unexpected(failureOf(kWhat, item_, watching.error()));
+            watch = std::move(*watching);
+        }
         if (!anchor) {
-            auto now = host::currentSyncAnchor((*ready)->provider(), *container);
+            auto now = (*session)->currentAnchor(*container);
             if (!now) return std::unexpected(failureOf(kWhat, item_, now.error()));
             if (!*now) {
                 return std::unexpected(Failure{ExitStatus::failed, std::string(kWhat) + " \"" + toDisplay(item_) +
@@ -76,43 +74,42 @@ private:
             anchor = std::move(**now);
         }
         for (bool isFirst = true;; isFirst = false) {
-            if (auto told = tellAll(invocation, **ready, *follower, *anchor, isFirst); !told) return told;
+            if (auto told = tellAll(invocation, **session, *container, *anchor, isFirst); !told) return told;
             if (!follow_ || invocation.output().failed()) return {};
-            if (signal->wait(*interrupts) == host::ChangeSignal::Woken::byInterrupt) return {};
+            if (wakeup->wait(*interrupts) == host::Wakeup::Woken::byInterrupt) return {};
         }
     }
 
     /// All batches until nothing more is coming; the anchor is the one to keep then.
-    Outcome tellAll(Invocation& invocation, host::ProgramContext& context, host::ChangeFollower& follower,
+    Outcome tellAll(Invocation& invocation, session::Session& session, const session::ItemIdentifier& container,
                     Bytes& anchor, bool evenNothing) const {
         for (;;) {
-            auto batch = follower.changesSince(anchor);
+            auto batch = session.changes(container, anchor);
             if (!batch) {
-                if (batch.error().is(ErrorDomain::host, hostframework::kSyncAnchorExpired)) {
+                if (batch.error().is(ErrorDomain::host, session::kSyncAnchorExpired)) {
                     return expired(invocation, batch.error());
                 }
-                writeError(invocation, batch.error());
+                // There is nothing of which changes could be told.
+                if (!batch.error().is(ErrorDomain::host, session::kNoSuchItem)) writeError(invocation, batch.error());
                 return std::unexpected(failureOf(kWhat, item_, batch.error()));
             }
             anchor = batch->anchor;
-            if (evenNothing || !batch->reports.empty()) write(invocation, context, *batch);
+            if (evenNothing || !batch->changes.empty()) write(invocation, *batch);
             if (!batch->moreComing || invocation.output().failed()) return {};
         }
     }
 
-    void write(Invocation& invocation, host::ProgramContext& context, const host::ChangeBatch& batch) const {
+    static void write(Invocation& invocation, const session::ChangeBatch& batch) {
         Output& output = invocation.output();
-        for (const auto& report : batch.reports) {
+        for (const auto& change : batch.changes) {
             if (invocation.json()) {
-                output.line(jsonLine(
-                    report.updated ? nlohmann::ordered_json{{"update", itemJson(*report.updated, context.roots())}}
-                                   : nlohmann::ordered_json{{"delete", *report.deleted}}));
-            } else if (report.updated) {
-                const auto& item = *report.updated;
-                output.line(output.paint(Style::good, "update") + "  " + item.itemIdentifier() + "  " +
-                            toDisplay(context.roots().realPath(item.fileURL().path())));
+                output.line(jsonLine(change.item ? nlohmann::ordered_json{{"update", itemJson(*change.item)}}
+                                                 : nlohmann::ordered_json{{"delete", toUtf8(change.identifier)}}));
+            } else if (change.item) {
+                output.line(output.paint(Style::good, "update") + "  " + toDisplay(change.item->identifier) + "  " +
+                            toDisplay(change.item->path));
             } else {
-                output.line(output.paint(Style::bad, "delete") + "  " + toDisplay(*report.deleted));
+                output.line(output.paint(Style::bad, "delete") + "  " + toDisplay(change.identifier));
             }
         }
         const std::string anchor = base64(batch.anchor);

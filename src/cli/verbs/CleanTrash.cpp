@@ -5,7 +5,6 @@
 #include "cli/output/ItemJson.h"
 #include "cli/output/Text.h"
 #include "cli/verbs/Verb.h"
-#include "host/ItemOperations.h"
 
 namespace tarnwell::cli {
 namespace {
@@ -30,11 +29,11 @@ public:
     Outcome run(Invocation& invocation) override {
         const auto age = durationOfText(olderThan_);
         if (!age) return std::unexpected(Failure{ExitStatus::usage, "--older-than needs an age such as 30d or 12h"});
-        auto ready = invocation.context();
-        if (!ready) return std::unexpected(ready.error());
+        auto session = invocation.session();
+        if (!session) return std::unexpected(session.error());
         // True of each library whose trash was never used.
         invocation.ignoreInLog("can't create file enumerator at ");
-        const auto cleaned = host::ItemOperations(**ready).cleanTrash(std::chrono::system_clock::now() - *age);
+        const auto cleaned = (*session)->cleanTrash(std::chrono::system_clock::now() - *age);
         if (!cleaned) return std::unexpected(failureOf("cannot clean", "the trash", cleaned.error()));
         Output& output = invocation.output();
         for (const std::string& path : cleaned->removed) {

@@ -124,6 +124,7 @@ int runCommandLine(int argumentCount, const char* const* arguments) {
                               ->type_name("DIR");
     app.add_flag("--json", options.json, "One JSON object a line");
     app.add_flag("-v,--verbose", options.verbose, "Show the whole log on standard error");
+    app.add_flag("--local", options.local, "Load the provider in this process even if the service is running");
 
     std::vector<std::unique_ptr<Verb>> verbs;
     verbs.push_back(makeAppsVerb());

@@ -18,27 +18,23 @@ public:
     }
 
     Outcome run(Invocation& invocation) override {
-        auto ready = invocation.context();
-        if (!ready) return std::unexpected(ready.error());
-        host::ProgramContext& context = **ready;
+        auto session = invocation.session();
+        if (!session) return std::unexpected(session.error());
         // As its library is written everywhere else.
         const std::string bundle = bundle_.starts_with('#') ? bundle_.substr(1) : bundle_;
-        Result<hostframework::ProviderItemPtr> item = failure(Error{});
-        context.provider().defaultApplicationContainerForBundleIdentifier(
-            bundle, [&](const Result<hostframework::ProviderItemPtr>& found) { item = found; });
+        const auto item = (*session)->defaultContainer(bundle);
         if (!item) {
-            const bool isInstalled = context.registry().recordForBundleIdentifier(bundle) != nullptr;
-            return std::unexpected(Failure{
-                ExitStatus::failed,
-                "there is no default container for \"" + toDisplay(bundle_) + "\": " +
-                    (isInstalled ? "that application keeps no documents here" : "no such application is installed") +
-                    "; \"tarnwell apps\" lists those that have one",
-                item.error()});
+            // It holds the rest of a sentence.
+            return std::unexpected(Failure{ExitStatus::failed,
+                                           "there is no default container for \"" + toDisplay(bundle_) +
+                                               "\": " + failureOf(item.error()).message +
+                                               "; \"tarnwell apps\" lists those that have one",
+                                           item.error()});
         }
         if (invocation.json()) {
-            invocation.output().line(jsonLine(itemJson(**item, context.roots())));
+            invocation.output().line(jsonLine(itemJson(*item)));
         } else {
-            writeRecord(invocation.output(), **item, context.roots());
+            writeRecord(invocation.output(), *item);
         }
         return {};
     }

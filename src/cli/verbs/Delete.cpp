@@ -1,6 +1,7 @@
 #include "cli/verbs/ItemArgument.h"
 #include "cli/verbs/ItemBatch.h"
 #include "cli/verbs/Verb.h"
+#include "session/OnlyOne.h"
 
 namespace tarnwell::cli {
 namespace {
@@ -13,18 +14,18 @@ public:
     void declare(CLI::App& command) override { command.add_option("ITEM", items_, kItemHelp)->required(); }
 
     Outcome run(Invocation& invocation) override {
-        auto ready = invocation.context();
-        if (!ready) return std::unexpected(ready.error());
-        host::ItemOperations operations(**ready);
-        ItemBatch batch(invocation, **ready, "cannot delete", "deleted", items_.size());
+        auto session = invocation.session();
+        if (!session) return std::unexpected(session.error());
+        session::JobControl job;
+        ItemBatch batch(invocation, "cannot delete", "deleted", items_.size());
         for (const std::string& text : items_) {
             const auto item = resolveTarget(invocation, batch.cannot(), text);
             if (!item) {
                 batch.addFailure(text, item.error());
                 continue;
             }
-            if (const auto removed = operations.remove(*item)) {
-                batch.addRemoved(*item, *removed);
+            if (const auto removed = session::onlyOne((*session)->remove({*item}, job))) {
+                batch.addRemoved(*removed);
             } else {
                 batch.addFailure(text, removed.error());
             }

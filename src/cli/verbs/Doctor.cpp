@@ -83,15 +83,28 @@ private:
         std::ranges::move(host::checkRegistrySources(settings->registrySources), std::back_inserter(checks));
         checks.push_back(host::checkIconRenderer(icons::ProcessIconRenderer::programBesideThisOne()));
         if (hasStorageRoot) {
-            if (auto context = invocation.context()) {
-                checks.push_back(host::checkStore(**context));
-                std::ranges::move(host::checkAppLibraries(**context), std::back_inserter(checks));
+            if (auto session = invocation.session()) {
+                addKnown(**session, checks);
             } else {
-                checks.push_back({"start", Check::State::broken, context.error().message, {}});
+                checks.push_back({"start", Check::State::broken, session.error().message, {}});
             }
         }
         std::ranges::move(host::checkWatchLimits("/proc/sys/fs"), std::back_inserter(checks));
         return checks;
+    }
+
+    /// What the host knows.
+    static void addKnown(session::Session& session, std::vector<Check>& checks) {
+        if (const auto status = session.status()) {
+            checks.push_back(host::checkStore(*status));
+        } else {
+            checks.push_back({"store", Check::State::broken, failureOf(status.error()).message, {}});
+        }
+        if (const auto applications = session.applications()) {
+            std::ranges::move(host::checkAppLibraries(*applications), std::back_inserter(checks));
+        } else {
+            checks.push_back({"app libraries", Check::State::broken, failureOf(applications.error()).message, {}});
+        }
     }
 };
 

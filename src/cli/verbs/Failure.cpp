@@ -1,16 +1,16 @@
 #include "cli/verbs/Failure.h"
 
 #include "cli/output/Text.h"
-#include "hostframework/HostError.h"
+#include "session/Session.h"
 
 namespace tarnwell::cli {
 namespace {
 
 std::string reasonOf(const Error& error) {
-    if (error.is(ErrorDomain::host, hostframework::kNoSuchItem) || error.domain == ErrorDomain::provider) {
+    if (error.is(ErrorDomain::host, session::kNoSuchItem) || error.domain == ErrorDomain::provider) {
         return "there is no such item (any more); \"tarnwell ls\" of its folder shows what is there";
     }
-    if (error.is(ErrorDomain::host, hostframework::kSyncAnchorExpired)) {
+    if (error.is(ErrorDomain::host, session::kSyncAnchorExpired)) {
         return "things were deleted there faster than they could be listed; try again later";
     }
     const auto message = error.userInfo.find(kErrorMessage);

@@ -1,6 +1,7 @@
 #include "cli/verbs/ItemArgument.h"
 #include "cli/verbs/Transfers.h"
 #include "cli/verbs/Verb.h"
+#include "session/OnlyOne.h"
 
 namespace tarnwell::cli {
 namespace {
@@ -22,10 +23,11 @@ public:
         const Transfer transfer{
             "cannot import", "imported", "importing", "cannot import anything into", {texts_.begin(), texts_.end() - 1},
             texts_.back()};
-        return transferAll(
-            invocation, transfer,
-            [](host::ItemOperations& operations, ItemBatch& batch, const std::string& text,
-               const hostframework::ItemIdentifier& parent) { batch.add(text, operations.import(text, parent)); });
+        return transferAll(invocation, transfer,
+                           [](session::Session& session, session::JobControl& job, ItemBatch& batch,
+                              const std::string& text, const session::ItemIdentifier& parent) {
+                               batch.add(text, session::onlyOne(session.import({absolutePath(text)}, parent, job)));
+                           });
     }
 
 private:

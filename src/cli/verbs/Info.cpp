@@ -5,6 +5,7 @@
 #include "cli/output/Text.h"
 #include "cli/verbs/ItemArgument.h"
 #include "cli/verbs/Verb.h"
+#include "session/OnlyOne.h"
 
 namespace tarnwell::cli {
 namespace {
@@ -17,22 +18,21 @@ public:
     void declare(CLI::App& command) override { command.add_option("ITEM", item_, kItemHelp)->required(); }
 
     Outcome run(Invocation& invocation) override {
-        auto ready = invocation.context();
-        if (!ready) return std::unexpected(ready.error());
+        auto session = invocation.session();
+        if (!session) return std::unexpected(session.error());
         const auto identifier = resolveItem(invocation, "cannot show", item_);
         if (!identifier) return std::unexpected(identifier.error());
-        if (*identifier == hostframework::kWorkingSetContainer ||
-            *identifier == hostframework::kAllDirectoriesContainer) {
+        if (*identifier == session::kWorkingSetContainer || *identifier == session::kAllDirectoriesContainer) {
             return std::unexpected(
                 Failure{ExitStatus::failed,
                         "cannot show \"" + item_ + "\": it is a view, not an item; \"tarnwell ls\" lists it"});
         }
-        const auto item = (*ready)->provider().itemForIdentifier(*identifier);
+        const auto item = session::onlyOne((*session)->items({*identifier}));
         if (!item) return std::unexpected(failureOf("cannot show", item_, item.error()));
         if (invocation.json()) {
-            invocation.output().line(jsonLine(itemJson(**item, (*ready)->roots())));
+            invocation.output().line(jsonLine(itemJson(*item)));
         } else {
-            writeRecord(invocation.output(), **item, (*ready)->roots());
+            writeRecord(invocation.output(), *item);
         }
         return {};
     }

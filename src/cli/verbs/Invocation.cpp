@@ -2,7 +2,9 @@
 
 #include <cstdlib>
 
-#include "items/ProgramLog.h"
+#include "host/LocalSession.h"
+#include "host/ProgramContext.h"
+#include "host/Settings.h"
 #include "platform/log/ProgramLogSink.h"
 
 namespace tarnwell::cli {
@@ -11,22 +13,33 @@ Invocation::Invocation(GlobalOptions options, Output& output) : options_(std::mo
     const bool wantsLog = options_.verbose || std::getenv("TARNWELL_LOG") != nullptr;
     if (!wantsLog) return;
     const auto level = options_.verbose ? log::Level::debug : log::levelFromEnvironment(log::Level::error);
-    direct_ = log::makeProgramLog(items::ProgramLog::kCategory, level);
+    direct_ = log::makeProgramLog(host::ProgramContext::kLogCategory, level);
 }
 
 Invocation::~Invocation() = default;
 
 log::Log& Invocation::log() { return direct_ ? *direct_ : held_; }
 
-std::expected<host::ProgramContext*, Failure> Invocation::context() {
-    if (context_) return context_.get();
+std::expected<session::Session*, Failure> Invocation::session() {
+    if (!session_) {
+        if (auto opened = openSession(); !opened) return std::unexpected(opened.error());
+    }
+    return session_.get();
+}
+
+std::expected<void, Failure> Invocation::openSession() {
     const auto settings = host::Settings::fromEnvironment(options_.storage);
     if (!settings) return std::unexpected(failureOf(settings.error()));
     auto context = host::ProgramContext::create(*settings, log());
     if (!context) return std::unexpected(failureOf(context.error()));
     context_ = std::move(*context);
     context_->prepareForRequests();
-    return context_.get();
+    session_ = std::make_unique<host::LocalSession>(*context_);
+    return {};
+}
+
+void Invocation::giveUp() {
+    if (context_) context_->giveUp();
 }
 
 }  // namespace tarnwell::cli

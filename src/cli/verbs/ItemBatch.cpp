@@ -6,12 +6,8 @@
 #include "cli/output/ItemJson.h"
 #include "cli/output/Text.h"
 #include "cli/verbs/ItemArgument.h"
-#include "hostframework/HostError.h"
 
 namespace tarnwell::cli {
-
-using hostframework::ItemIdentifier;
-using hostframework::ProviderItemPtr;
 
 namespace {
 
@@ -24,50 +20,20 @@ nlohmann::ordered_json errorJson(const Failure& failure) {
     return json;
 }
 
-/// `a file named "x.txt" is already in "Notes"`.
-std::string collisionText(host::ProgramContext& context, const Error& error) {
-    const auto found = [&](const char* key) {
-        const auto entry = error.userInfo.find(key);
-        return entry == error.userInfo.end() ? std::string() : entry->second;
-    };
-    std::string kind = "something";
-    std::string place = "there";
-    if (const auto existing = context.provider().itemForIdentifier(found(hostframework::kErrorItemIdentifier))) {
-        kind = (*existing)->isFolder() ? "a folder" : "a file";
-        const ItemIdentifier& parent = (*existing)->parentItemIdentifier();
-        if (parent == hostframework::kRootContainer) {
-            place = "in the storage root";
-        } else if (const auto folder = context.provider().itemForIdentifier(parent)) {
-            place = "in \"" + (*folder)->filename() + "\"";
-        }
-    }
-    return kind + " named \"" + found(hostframework::kErrorItemName) + "\" is already " + place;
-}
-
 }  // namespace
 
-Failure operationFailure(host::ProgramContext& context, const std::string& what, const std::string& item,
-                         const Error& error) {
-    if (!error.is(ErrorDomain::host, hostframework::kFilenameCollision)) return failureOf(what, item, error);
-    Error told = error;
-    told.userInfo[kErrorMessage] = collisionText(context, error);
-    return failureOf(what, item, told);
-}
+ItemBatch::ItemBatch(Invocation& invocation, std::string cannot, std::string done, std::size_t total)
+    : invocation_(invocation), cannot_(std::move(cannot)), done_(std::move(done)), total_(total) {}
 
-ItemBatch::ItemBatch(Invocation& invocation, host::ProgramContext& context, std::string cannot, std::string done,
-                     std::size_t total)
-    : invocation_(invocation), context_(context), cannot_(std::move(cannot)), done_(std::move(done)), total_(total) {}
-
-void ItemBatch::add(const std::string& given, const Result<ProviderItemPtr>& outcome) {
+void ItemBatch::add(const std::string& given, const Result<session::Item>& outcome) {
     if (!outcome) return addFailure(given, outcome.error());
     ++succeeded_;
-    const hostframework::ProviderItem& item = **outcome;
+    const session::Item& item = *outcome;
     Output& output = invocation_.output();
     if (invocation_.json()) {
-        output.line(jsonLine(itemJson(item, context_.roots())));
+        output.line(jsonLine(itemJson(item)));
     } else {
-        output.line(output.paint(Style::good, done_) + "  " + toDisplay(item.itemIdentifier()) + "  " +
-                    toDisplay(context_.roots().realPath(item.fileURL().path())));
+        output.line(output.paint(Style::good, done_) + "  " + toDisplay(item.identifier) + "  " + toDisplay(item.path));
     }
     output.flush();
 }
@@ -84,17 +50,17 @@ void ItemBatch::addRaw(std::string_view bytes) {
     invocation_.output().flush();
 }
 
-void ItemBatch::addRemoved(const ItemIdentifier& identifier, const std::string& path) {
+void ItemBatch::addRemoved(const session::Removed& removed) {
     ++succeeded_;
     Output& output = invocation_.output();
-    output.line(invocation_.json()
-                    ? jsonLine({{"delete", toUtf8(identifier)}})
-                    : output.paint(Style::bad, done_) + "  " + toDisplay(identifier) + "  " + toDisplay(path));
+    output.line(invocation_.json() ? jsonLine({{"delete", toUtf8(removed.identifier)}})
+                                   : output.paint(Style::bad, done_) + "  " + toDisplay(removed.identifier) + "  " +
+                                         toDisplay(removed.path));
     output.flush();
 }
 
 void ItemBatch::addFailure(const std::string& given, const Error& error) {
-    addFailure(given, operationFailure(context_, cannot_, given, error));
+    addFailure(given, failureOf(cannot_, given, error));
 }
 
 void ItemBatch::addFailure(const std::string& given, Failure failure) {
@@ -125,13 +91,12 @@ Outcome ItemBatch::outcome() const {
 
 Outcome forEachItem(Invocation& invocation, const std::string& cannot, const std::string& done,
                     const std::vector<std::string>& texts, const ItemOperation& operation) {
-    auto ready = invocation.context();
-    if (!ready) return std::unexpected(ready.error());
-    host::ItemOperations operations(**ready);
-    ItemBatch batch(invocation, **ready, cannot, done, texts.size());
+    auto session = invocation.session();
+    if (!session) return std::unexpected(session.error());
+    ItemBatch batch(invocation, cannot, done, texts.size());
     for (const std::string& text : texts) {
         if (const auto item = resolveTarget(invocation, cannot, text)) {
-            batch.add(text, operation(operations, *item));
+            batch.add(text, operation(**session, *item));
         } else {
             batch.addFailure(text, item.error());
         }

@@ -7,30 +7,24 @@
 #include <vector>
 
 #include "cli/verbs/Invocation.h"
-#include "host/ItemOperations.h"
-#include "hostframework/ProviderItem.h"
+#include "session/Session.h"
 
 namespace tarnwell::cli {
-
-/// Why an operation on an item failed; of a name that is taken it says by what and where.
-Failure operationFailure(host::ProgramContext& context, const std::string& what, const std::string& item,
-                         const Error& error);
 
 /// One operation on several items: a line for each that is done, a complaint for each that fails, which does not keep
 /// the others from being done, and one outcome for all.
 class ItemBatch {
 public:
     /// `cannot` begins complaints ("cannot trash"), `done` the lines ("trashed").
-    ItemBatch(Invocation& invocation, host::ProgramContext& context, std::string cannot, std::string done,
-              std::size_t total);
+    ItemBatch(Invocation& invocation, std::string cannot, std::string done, std::size_t total);
 
     /// The item as it is afterwards, or why there is none; `given` is what the person wrote for it.
-    void add(const std::string& given, const Result<hostframework::ProviderItemPtr>& outcome);
+    void add(const std::string& given, const Result<session::Item>& outcome);
     /// One that was done, with the line that says so.
     void addLine(const std::string& line);
     /// One that was done whose outcome is the output itself.
     void addRaw(std::string_view bytes);
-    void addRemoved(const hostframework::ItemIdentifier& identifier, const std::string& path);
+    void addRemoved(const session::Removed& removed);
     void addFailure(const std::string& given, const Error& error);
     void addFailure(const std::string& given, Failure failure);
     /// What was not begun stays as it is.
@@ -40,7 +34,6 @@ public:
 
 private:
     Invocation& invocation_;
-    host::ProgramContext& context_;
     const std::string cannot_, done_;
     const std::size_t total_;
     std::size_t succeeded_ = 0, failed_ = 0;
@@ -49,8 +42,7 @@ private:
 };
 
 /// Does something to each item that the texts name.
-using ItemOperation = std::function<Result<hostframework::ProviderItemPtr>(host::ItemOperations& operations,
-                                                                           const hostframework::ItemIdentifier& item)>;
+using ItemOperation = std::function<Result<session::Item>(session::Session& session, session::ItemIdentifier item)>;
 Outcome forEachItem(Invocation& invocation, const std::string& cannot, const std::string& done,
                     const std::vector<std::string>& texts, const ItemOperation& operation);
 

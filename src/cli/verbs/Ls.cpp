@@ -11,7 +11,8 @@
 #include "cli/output/Text.h"
 #include "cli/verbs/ItemArgument.h"
 #include "cli/verbs/Verb.h"
-#include "host/Listing.h"
+#include "session/Listing.h"
+#include "session/OnlyOne.h"
 
 namespace tarnwell::cli {
 namespace {
@@ -32,36 +33,35 @@ public:
     }
 
     Outcome run(Invocation& invocation) override {
-        auto ready = invocation.context();
-        if (!ready) return std::unexpected(ready.error());
+        auto session = invocation.session();
+        if (!session) return std::unexpected(session.error());
         const auto container = resolveItem(invocation, "cannot list", item_);
         if (!container) return std::unexpected(container.error());
-        if (auto checked = checkFolder(**ready, *container); !checked) return checked;
+        if (auto checked = checkFolder(**session, *container); !checked) return checked;
 
-        auto items = list(**ready, *container);
+        auto items = list(**session, *container);
         if (!items) return std::unexpected(failureOf("cannot list", item_, items.error()));
         if (sort_ == "name") {
-            std::ranges::stable_sort(*items, NameOrder(), &host::ListedItem::path);
+            std::ranges::stable_sort(*items, NameOrder(), &session::ListedItem::path);
         } else if (sort_ == "date") {
             std::ranges::stable_sort(*items, std::ranges::greater(),
-                                     [](const auto& listed) { return listed.item->contentModificationDate(); });
+                                     [](const auto& listed) { return listed.item.contentModificationDate; });
         }
-        write(invocation, **ready, *items);
+        write(invocation, *items);
         return {};
     }
 
 private:
     /// A document has no contents to list.
-    Outcome checkFolder(host::ProgramContext& context, const hostframework::ItemIdentifier& container) const {
-        if (container == hostframework::kWorkingSetContainer || container == hostframework::kAllDirectoriesContainer) {
+    Outcome checkFolder(session::Session& session, const session::ItemIdentifier& container) const {
+        if (container == session::kWorkingSetContainer || container == session::kAllDirectoriesContainer) {
             return {};
         }
-        const auto item = context.provider().itemForIdentifier(container);
+        const auto item = session::onlyOne(session.items({container}));
         if (!item) return std::unexpected(failureOf("cannot list", item_, item.error()));
-        if (!(*item)->isFolder()) return refused("it is no folder; \"tarnwell info\" shows it");
+        if (!item->isFolder) return refused("it is no folder; \"tarnwell info\" shows it");
         // A listing leaves out what it cannot read; a person who asks for just that should be told.
-        const std::string path = context.roots().realPath((*item)->fileURL().path());
-        if (::access(path.c_str(), R_OK | X_OK) != 0 && errno == EACCES) {
+        if (::access(item->path.c_str(), R_OK | X_OK) != 0 && errno == EACCES) {
             return refused("it may not be read; give this person read and search permission for it");
         }
         return {};
@@ -71,24 +71,22 @@ private:
         return std::unexpected(Failure{ExitStatus::failed, "cannot list \"" + toDisplay(item_) + "\": " + reason});
     }
 
-    Result<std::vector<host::ListedItem>> list(host::ProgramContext& context,
-                                               const hostframework::ItemIdentifier& container) const {
+    Result<std::vector<session::ListedItem>> list(session::Session& session,
+                                                  const session::ItemIdentifier& container) const {
         Progress progress;
-        host::ListingOptions options;
-        options.depth = recursive_ ? host::Depth::recursive : host::Depth::direct;
+        session::ListingOptions options;
+        options.depth = recursive_ ? session::Depth::recursive : session::Depth::direct;
         options.progress = [&](std::size_t count) { progress.show("listing: " + grouped(count) + " items"); };
-        return host::listContainer(context.provider(), container, options);
+        return session::listContainer(session, container, options);
     }
 
-    static void write(Invocation& invocation, host::ProgramContext& context,
-                      const std::vector<host::ListedItem>& items) {
+    static void write(Invocation& invocation, const std::vector<session::ListedItem>& items) {
         if (invocation.json()) {
-            for (const auto& listed : items)
-                invocation.output().line(jsonLine(itemJson(*listed.item, context.roots())));
+            for (const auto& listed : items) invocation.output().line(jsonLine(itemJson(listed.item)));
             return;
         }
         Table table = listingTable();
-        for (const auto& listed : items) table.add(listingRow(*listed.item, listed.path));
+        for (const auto& listed : items) table.add(listingRow(listed.item, listed.path));
         table.write(invocation.output());
     }
 

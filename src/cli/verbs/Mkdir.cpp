@@ -16,11 +16,11 @@ public:
     }
 
     Outcome run(Invocation& invocation) override {
-        auto ready = invocation.context();
-        if (!ready) return std::unexpected(ready.error());
-        ItemBatch batch(invocation, **ready, "cannot make", "made", 1);
+        auto session = invocation.session();
+        if (!session) return std::unexpected(session.error());
+        ItemBatch batch(invocation, "cannot make", "made", 1);
         if (const auto parent = resolveItem(invocation, batch.cannot() + " a folder in", parent_)) {
-            batch.add(name_, host::ItemOperations(**ready).makeFolder(name_, *parent));
+            batch.add(name_, (*session)->makeFolder(name_, *parent));
         } else {
             batch.addFailure(name_, parent.error());
         }

@@ -1,6 +1,7 @@
 #include "cli/verbs/ItemArgument.h"
 #include "cli/verbs/Transfers.h"
 #include "cli/verbs/Verb.h"
+#include "session/OnlyOne.h"
 
 namespace tarnwell::cli {
 namespace {
@@ -31,12 +32,12 @@ public:
             "cannot move", "moved", "moving", "cannot move anything to", {texts_.begin(), texts_.end() - 1},
             texts_.back()};
         return transferAll(invocation, transfer,
-                           [&](host::ItemOperations& operations, ItemBatch& batch, const std::string& text,
-                               const hostframework::ItemIdentifier& parent) {
+                           [&](session::Session& session, session::JobControl& job, ItemBatch& batch,
+                               const std::string& text, const session::ItemIdentifier& parent) {
                                const auto item = resolveTarget(invocation, batch.cannot(), text);
                                if (!item) return batch.addFailure(text, item.error());
                                const auto name = hasName_ ? std::optional(name_) : std::nullopt;
-                               batch.add(text, operations.move(*item, parent, name));
+                               batch.add(text, session::onlyOne(session.move({*item}, parent, name, job)));
                            });
     }
 

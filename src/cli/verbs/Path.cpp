@@ -6,7 +6,8 @@
 #include "cli/output/Text.h"
 #include "cli/verbs/ItemArgument.h"
 #include "cli/verbs/Verb.h"
-#include "hostframework/HostError.h"
+#include "platform/url/URL.h"
+#include "session/OnlyOne.h"
 
 namespace tarnwell::cli {
 namespace {
@@ -22,13 +23,13 @@ public:
     void declare(CLI::App& command) override { command.add_option("ITEM", item_, kItemHelp)->required(); }
 
     Outcome run(Invocation& invocation) override {
-        auto ready = invocation.context();
-        if (!ready) return std::unexpected(ready.error());
+        auto session = invocation.session();
+        if (!session) return std::unexpected(session.error());
         const auto identifier = resolveItem(invocation, "cannot find", item_);
         if (!identifier) return std::unexpected(identifier.error());
-        const auto url = (*ready)->provider().URLForItemWithPersistentIdentifier(*identifier);
-        if (!url) return std::unexpected(failureOf("cannot find", item_, hostframework::noSuchItem(*identifier)));
-        const std::string path = (*ready)->roots().realPath(url->path());
+        const auto item = session::onlyOne((*session)->items({*identifier}));
+        if (!item) return std::unexpected(failureOf("cannot find", item_, item.error()));
+        const std::string& path = item->path;
         if (invocation.json()) {
             nlohmann::ordered_json json = {{"path", toUtf8(path)}, {"fileURL", URL::file(path).text()}};
             if (!isUtf8(path)) json["pathBytes"] = base64(bytesOf(path));

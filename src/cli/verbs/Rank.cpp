@@ -37,8 +37,8 @@ public:
 
     Outcome run(Invocation& invocation) override {
         return forEachItem(invocation, "cannot rank", clear_ ? "cleared" : "ranked", {item_},
-                           [&](host::ItemOperations& operations, const hostframework::ItemIdentifier& item) {
-                               return operations.setRank(item, clear_ ? std::nullopt : rankOfText(rank_));
+                           [&](session::Session& session, const session::ItemIdentifier& item) {
+                               return session.setRank(item, clear_ ? std::nullopt : rankOfText(rank_));
                            });
     }
 

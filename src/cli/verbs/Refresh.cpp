@@ -1,4 +1,3 @@
-#include <map>
 #include <nlohmann/json.hpp>
 
 #include "cli/output/ItemJson.h"
@@ -17,43 +16,31 @@ public:
     }
 
     Outcome run(Invocation& invocation) override {
-        auto ready = invocation.context();
-        if (!ready) return std::unexpected(ready.error());
-        host::ProgramContext& context = **ready;
-        context.refreshApplications();
-
-        std::map<std::string, std::string> before;
-        for (const auto& record : context.librariesAtStart()) {
-            before.emplace("#" + record->bundleIdentifier().value_or("(null)"),
-                           record->archived().dataContainerPath.value_or("") + "/Documents");
-        }
+        auto session = invocation.session();
+        if (!session) return std::unexpected(session.error());
+        const auto refreshed = (*session)->refresh();
+        if (!refreshed) return std::unexpected(failureOf(refreshed.error()));
         Output& output = invocation.output();
-        const auto libraries = context.appLibraries().sharedManager().appLibraryItems();
-        bool changed = false;
-        for (const auto& item : libraries) {
-            const std::string folder = context.roots().realPath(item->fileURL().path());
-            const auto known = before.find(item->itemIdentifier());
-            const bool isNew = known == before.end();
-            const bool isElsewhere = !isNew && known->second != folder;
-            if (!isNew) before.erase(known);
-            if (!isNew && !isElsewhere) continue;
-            changed = true;
-            const char* what = isNew ? "added" : "changed";
-            output.line(invocation.json() ? jsonLine({{what, itemJson(*item, context.roots())}})
-                                          : output.paint(Style::good, what) + "  " + toDisplay(item->itemIdentifier()) +
-                                                "  " + toDisplay(folder));
+        const auto tell = [&](const char* what, const std::vector<session::Item>& items) {
+            for (const auto& item : items) {
+                output.line(invocation.json() ? jsonLine({{what, itemJson(item)}})
+                                              : output.paint(Style::good, what) + "  " + toDisplay(item.identifier) +
+                                                    "  " + toDisplay(item.path));
+            }
+        };
+        tell("added", refreshed->added);
+        tell("changed", refreshed->changed);
+        for (const auto& removed : refreshed->removed) {
+            output.line(invocation.json() ? jsonLine({{"removed", toUtf8(removed.identifier)}})
+                                          : output.paint(Style::bad, "removed") + "  " + toDisplay(removed.identifier) +
+                                                "  " + toDisplay(removed.path));
         }
-        for (const auto& [identifier, folder] : before) {
-            changed = true;
-            output.line(invocation.json() ? jsonLine({{"removed", toUtf8(identifier)}})
-                                          : output.paint(Style::bad, "removed") + "  " + toDisplay(identifier) + "  " +
-                                                toDisplay(folder));
-        }
+        const bool changed = !refreshed->added.empty() || !refreshed->changed.empty() || !refreshed->removed.empty();
         if (invocation.json()) {
-            output.line(jsonLine({{"appLibraries", libraries.size()}, {"changed", changed}}));
+            output.line(jsonLine({{"appLibraries", refreshed->applications}, {"changed", changed}}));
         } else if (!changed) {
-            output.line("Nothing changed: " + grouped(libraries.size()) +
-                        (libraries.size() == 1 ? " app library." : " app libraries."));
+            output.line("Nothing changed: " + grouped(refreshed->applications) +
+                        (refreshed->applications == 1 ? " app library." : " app libraries."));
         }
         return {};
     }

@@ -19,8 +19,8 @@ public:
 
     Outcome run(Invocation& invocation) override {
         return forEachItem(invocation, "cannot rename", "renamed", {item_},
-                           [&](host::ItemOperations& operations, const hostframework::ItemIdentifier& item) {
-                               return operations.rename(item, name_);
+                           [&](session::Session& session, const session::ItemIdentifier& item) {
+                               return session.rename(item, name_);
                            });
     }
 

@@ -1,6 +1,7 @@
 #include "cli/verbs/ItemArgument.h"
 #include "cli/verbs/ItemBatch.h"
 #include "cli/verbs/Verb.h"
+#include "session/OnlyOne.h"
 
 namespace tarnwell::cli {
 namespace {
@@ -21,15 +22,16 @@ public:
     Outcome run(Invocation& invocation) override {
         // True of each document that is the person's own.
         invocation.ignoreInLog("couldn't find putback xattr for ");
-        std::optional<hostframework::ItemIdentifier> parent;
+        std::optional<session::ItemIdentifier> parent;
         if (toOption_->count() > 0) {
             auto given = resolveItem(invocation, "cannot restore anything to", to_);
             if (!given) return std::unexpected(given.error());
             parent = std::move(*given);
         }
         return forEachItem(invocation, "cannot restore", "restored", items_,
-                           [&](host::ItemOperations& operations, const hostframework::ItemIdentifier& item) {
-                               return operations.restore(item, parent);
+                           [&](session::Session& session, const session::ItemIdentifier& item) {
+                               session::JobControl job;
+                               return session::onlyOne(session.restore({item}, parent, job));
                            });
     }
 

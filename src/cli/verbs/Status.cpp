@@ -4,7 +4,6 @@
 #include "cli/output/Table.h"
 #include "cli/output/Text.h"
 #include "cli/verbs/Verb.h"
-#include "host/Status.h"
 
 namespace tarnwell::cli {
 namespace {
@@ -19,9 +18,9 @@ public:
     }
 
     Outcome run(Invocation& invocation) override {
-        auto ready = invocation.context();
-        if (!ready) return std::unexpected(ready.error());
-        const auto status = host::statusOf(**ready);
+        auto session = invocation.session();
+        if (!session) return std::unexpected(session.error());
+        const auto status = (*session)->status();
         if (!status) return std::unexpected(failureOf(status.error()));
         if (invocation.json()) {
             writeJson(invocation.output(), *status);
@@ -32,7 +31,7 @@ public:
     }
 
 private:
-    static void writeJson(Output& output, const host::Status& status) {
+    static void writeJson(Output& output, const session::Status& status) {
         for (const auto& root : status.roots) {
             nlohmann::ordered_json json = {{"root", toUtf8(root.path)},
                                            {"available", root.isAvailable},
@@ -58,7 +57,7 @@ private:
         return date ? nlohmann::ordered_json(iso8601(*date)) : nlohmann::ordered_json(nullptr);
     }
 
-    static nlohmann::ordered_json searchJson(const host::Status& status) {
+    static nlohmann::ordered_json searchJson(const session::Status& status) {
         if (status.searchProblem) return {{"problem", failureOf(*status.searchProblem).message}};
         const auto& search = status.search;
         if (!search) return nullptr;
@@ -67,7 +66,7 @@ private:
                 {"caughtUp", dateOrNull(search->caughtUp)}};
     }
 
-    static std::string searchText(const host::Status& status) {
+    static std::string searchText(const session::Status& status) {
         if (status.searchProblem) return failureOf(*status.searchProblem).message;
         const auto& search = status.search;
         if (!search) return "not made yet; the first \"tarnwell search\" makes it";
@@ -75,7 +74,7 @@ private:
                (search->caughtUp ? "up to date at " + localTime(*search->caughtUp) : "not complete yet");
     }
 
-    static void writeText(Output& output, const host::Status& status) {
+    static void writeText(Output& output, const session::Status& status) {
         Table roots({{"ROOT"}, {"STATE"}, {"SOURCE"}, {"WHEN FOLLOWING"}});
         for (const auto& root : status.roots) {
             roots.add(

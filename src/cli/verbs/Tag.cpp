@@ -20,8 +20,8 @@ public:
 
     Outcome run(Invocation& invocation) override {
         return forEachItem(invocation, "cannot tag", "tagged", {item_},
-                           [&](host::ItemOperations& operations, const hostframework::ItemIdentifier& item) {
-                               return operations.setTags(item, tags_);
+                           [&](session::Session& session, const session::ItemIdentifier& item) {
+                               return session.setTags(item, tags_);
                            });
     }
 

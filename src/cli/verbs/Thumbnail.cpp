@@ -11,11 +11,12 @@
 #include "cli/verbs/ItemBatch.h"
 #include "cli/verbs/Verb.h"
 #include "platform/icons/IconRenderer.h"
+#include "session/OnlyOne.h"
 
 namespace tarnwell::cli {
 namespace {
 
-using hostframework::ItemIdentifier;
+using session::ItemIdentifier;
 
 constexpr const char* kCannot = "cannot make a thumbnail of";
 
@@ -53,12 +54,12 @@ public:
         const bool toStandardOutput = output_ == "-";
         const bool intoFolder = !toStandardOutput && isFolder(output_);
         if (auto misuse = misuseOf(invocation, toStandardOutput, intoFolder)) return std::unexpected(*misuse);
-        auto ready = invocation.context();
-        if (!ready) return std::unexpected(ready.error());
-        ItemBatch batch(invocation, **ready, kCannot, "written", items_.size());
+        auto session = invocation.session();
+        if (!session) return std::unexpected(session.error());
+        ItemBatch batch(invocation, kCannot, "written", items_.size());
         for (const std::string& text : items_) {
             auto identifier = resolveItem(invocation, kCannot, text);
-            auto png = identifier ? thumbnailOf(invocation, **ready, text, *identifier)
+            auto png = identifier ? thumbnailOf(invocation, **session, text, *identifier)
                                   : std::expected<Bytes, Failure>(std::unexpected(identifier.error()));
             if (!png) {
                 batch.addFailure(text, png.error());
@@ -86,7 +87,7 @@ private:
         return std::nullopt;
     }
 
-    std::expected<Bytes, Failure> thumbnailOf(Invocation& invocation, host::ProgramContext& context,
+    std::expected<Bytes, Failure> thumbnailOf(Invocation& invocation, session::Session& session,
                                               const std::string& text, const ItemIdentifier& identifier) const {
         const auto none = [&](const std::string& reason) {
             return std::unexpected(
@@ -94,40 +95,16 @@ private:
         };
         const bool isLibrary = identifier.starts_with('#');
         if (isLibrary || identifier.starts_with("did=") || identifier.starts_with("fid=")) {
-            if (const auto item = context.provider().itemForIdentifier(identifier); !item) {
+            if (const auto item = session::onlyOne(session.items({identifier})); !item) {
                 return std::unexpected(failureOf(kCannot, text, item.error()));
             }
         }
         if (!isLibrary) return none("only app libraries have one; \"tarnwell apps\" lists them");
-        auto png = sizeOption_->count() > 0 ? inSize(context, identifier) : forDevice(context, identifier);
+        auto png = session::onlyOne(session.thumbnails({identifier}, sizeOption_->count() > 0 ? size_ : 0));
         if (png) return std::move(*png);
         // They say it in the program's own words.
         (void)invocation.heldLines();
         return none("its icon cannot be drawn; \"tarnwell -v thumbnail\" says why");
-    }
-
-    static std::optional<Bytes> forDevice(host::ProgramContext& context, const ItemIdentifier& identifier) {
-        std::optional<Bytes> png;
-        context.provider().fetchThumbnailsForItemIdentifiers(
-            {identifier}, {},
-            [&](const ItemIdentifier&, const std::optional<Bytes>& data, const std::optional<std::string>&,
-                const std::optional<Error>&) { png = data; },
-            [](const std::optional<Error>&) {});
-        return png;
-    }
-
-    /// The provider knows the device's sizes only; any other is drawn here from the icon as it is.
-    std::optional<Bytes> inSize(host::ProgramContext& context, const ItemIdentifier& identifier) const {
-        std::optional<Bytes> icon;
-        context.provider().fetchThumbnailsForItemIdentifiers(
-            {identifier}, {double(size_), double(size_)},
-            [&](const ItemIdentifier&, const std::optional<Bytes>& data, const std::optional<Error>&) { icon = data; },
-            [](const std::optional<Error>&) {});
-        const auto format = icon ? icons::formatOf(*icon) : std::nullopt;
-        if (!format) return std::nullopt;
-        auto image = context.icons().createImage({std::move(*icon), *format, size_, identifier});
-        if (!image) return std::nullopt;
-        return std::move(image->png);
     }
 
     void write(Invocation& invocation, ItemBatch& batch, const std::string& text, const ItemIdentifier& identifier,

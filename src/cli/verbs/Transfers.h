@@ -17,10 +17,10 @@ struct Transfer {
     std::string parent;
 };
 
-/// Does them in order, with a line on what is under way where it takes long. When the process is asked to end, the copy
-/// under way is taken back and the rest is not begun.
-using TransferStep = std::function<void(host::ItemOperations& operations, ItemBatch& batch, const std::string& text,
-                                        const hostframework::ItemIdentifier& parent)>;
+/// Does them in order, with a line on what is under way where it takes long. When the process is asked to end, the job
+/// is cancelled: the copy under way is taken back and the rest is not begun.
+using TransferStep = std::function<void(session::Session& session, session::JobControl& job, ItemBatch& batch,
+                                        const std::string& text, const session::ItemIdentifier& parent)>;
 Outcome transferAll(Invocation& invocation, const Transfer& transfer, const TransferStep& step);
 
 }  // namespace tarnwell::cli

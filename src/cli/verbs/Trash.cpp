@@ -1,6 +1,7 @@
 #include "cli/verbs/ItemArgument.h"
 #include "cli/verbs/ItemBatch.h"
 #include "cli/verbs/Verb.h"
+#include "session/OnlyOne.h"
 
 namespace tarnwell::cli {
 namespace {
@@ -16,8 +17,9 @@ public:
         // True of each document that is the person's own: where it came from is remembered elsewhere.
         invocation.ignoreInLog("couldn't find app library for ");
         return forEachItem(invocation, "cannot trash", "trashed", items_,
-                           [](host::ItemOperations& operations, const hostframework::ItemIdentifier& item) {
-                               return operations.trash(item);
+                           [](session::Session& session, const session::ItemIdentifier& item) {
+                               session::JobControl job;
+                               return session::onlyOne(session.trash({item}, job));
                            });
     }
 

@@ -37,8 +37,8 @@ public:
         std::optional<Date> date;
         if (!clear_) date = date_ == kNow ? std::optional<Date>(std::chrono::system_clock::now()) : dateOfText(date_);
         return forEachItem(invocation, "cannot date", clear_ ? "cleared" : "dated", {item_},
-                           [&](host::ItemOperations& operations, const hostframework::ItemIdentifier& item) {
-                               return operations.setLastUsed(item, date);
+                           [&](session::Session& session, const session::ItemIdentifier& item) {
+                               return session.setLastUsed(item, date);
                            });
     }
 
