@@ -1,5 +1,7 @@
 #include "host/CallerLibrary.h"
 
+#include <ranges>
+
 #include "platform/registry/BundleIdentifier.h"
 
 namespace tarnwell::host {
@@ -15,16 +17,14 @@ bool isOf(const registry::BundleRecordPtr& record, const Installed& application)
     return record && record->origin() == application.origin && record->bundleIdentifier() == application.identifier;
 }
 
-CallerScope libraryOf(const Installed& application, const std::vector<registry::BundleRecordPtr>& records) {
+CallerScope libraryOf(const Installed& application, auto&& records) {
     for (const registry::BundleRecordPtr& record : records) {
         if (isOf(record, application)) return {CallerScope::Kind::library, record, {}};
     }
     return {CallerScope::Kind::nothing, nullptr, "no app library of " + application.identifier};
 }
 
-}  // namespace
-
-CallerScope scopeOf(const caller::Caller& caller, const std::vector<registry::BundleRecordPtr>& records) {
+CallerScope scopeAmong(const caller::Caller& caller, auto&& records) {
     using Kind = caller::Caller::Kind;
     switch (caller.kind) {
         case Kind::host:
@@ -39,11 +39,14 @@ CallerScope scopeOf(const caller::Caller& caller, const std::vector<registry::Bu
     return {CallerScope::Kind::nothing, nullptr, caller.reason};
 }
 
+}  // namespace
+
+CallerScope scopeOf(const caller::Caller& caller, const std::vector<registry::BundleRecordPtr>& records) {
+    return scopeAmong(caller, records);
+}
+
 CallerScope scopeOf(const caller::Caller& caller, const applibraries::AppLibraryGeneration& libraries) {
-    std::vector<registry::BundleRecordPtr> records;
-    records.reserve(libraries.bundleProxiesByRootURLs.size());
-    for (const auto& [url, record] : libraries.bundleProxiesByRootURLs) records.push_back(record);
-    return scopeOf(caller, records);
+    return scopeAmong(caller, libraries.bundleProxiesByRootURLs | std::views::values);
 }
 
 }  // namespace tarnwell::host

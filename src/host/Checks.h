@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "host/Settings.h"
+#include "platform/caller/Caller.h"
 #include "platform/registry/RegistrySources.h"
 #include "session/Session.h"
 
@@ -36,6 +37,10 @@ std::vector<Check> checkRegistrySources(const registry::RegistrySources& sources
 Check checkFileTypes(const Settings& settings, const Settings::Lookup& variable);
 /// Whether icons can be drawn; `program` is the path of tarnwell-render-icon.
 Check checkIconRenderer(const std::string& program);
+/// Whether the service could tell its callers apart: is this program itself in the host's system, what are the
+/// processes of this user, how does the kernel tell Snaps. `appArmorSwitch` is
+/// "/sys/module/apparmor/parameters/enabled". In CallerChecks.cpp.
+std::vector<Check> checkCallers(const caller::Sources& sources, const std::string& appArmorSwitch);
 /// The store: how it was found, its identity, how much it knows.
 Check checkStore(const session::Status& status);
 /// The app libraries, and the attributes of their folders.

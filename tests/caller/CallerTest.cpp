@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 
 #include "platform/base/Result.h"
-#include "tests/caller/FakeProc.h"
-#include "tests/caller/Processes.h"
+#include "testing/FakeProc.h"
+#include "testing/WaitingProcess.h"
 
 namespace tarnwell::caller {
 namespace {
+
+using testing::FakeProc;
+using testing::WaitingProcess;
 
 constexpr const char* kNotesInfo = "[Application]\nname=org.example.Notes\n";
 
@@ -67,12 +70,12 @@ TEST_F(CallerTest, AProcessThatTookTheNumberOfOneThatEndedIsUnknown) {
     {
         const WaitingProcess process = WaitingProcess::forked();
         ASSERT_EQ(process.trouble(), "");
-        ended = descriptorOf(process.number());
+        ended = testing::descriptorOf(process.number());
     }
     peer.processDescriptor = ended.get();
     EXPECT_EQ(describe(identify(peer, proc_.sources())),
               "unknown (the process cannot be found: " + describe(posixError(ESRCH)) + ")");
-    const Descriptor own = descriptorOf(::getpid());
+    const Descriptor own = testing::descriptorOf(::getpid());
     peer.processDescriptor = own.get();
     EXPECT_EQ(describe(identify(peer, proc_.sources())), "host");
     // A descriptor of anything else says nothing of a process.

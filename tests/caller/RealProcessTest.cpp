@@ -10,10 +10,12 @@
 #include "platform/caller/Caller.h"
 #include "testing/InChild.h"
 #include "testing/TemporaryDirectory.h"
-#include "tests/caller/Processes.h"
+#include "testing/WaitingProcess.h"
 
 namespace tarnwell::caller {
 namespace {
+
+using testing::WaitingProcess;
 
 constexpr uid_t kNobody = 65534;
 
@@ -105,6 +107,17 @@ TEST(RealProcessTest, AProcessInAUserNamespaceOfItsOwnIsUnknown) {
     EXPECT_EQ(identified(process.number()), "unknown (the process is in a user namespace that is not ours)");
 }
 
+TEST(RealProcessTest, WhoIsInASandboxHimselfTellsNobodyApart) {
+    const pid_t host = ::getpid();
+    const std::string seen = testing::inChild([host] {
+        const uid_t user = ::getuid();
+        const auto trouble = testing::becomeOwnerOfUserNamespace();
+        return trouble ? *trouble : identified(::getpid(), user) + ", " + identified(host, user);
+    });
+    if (seen.starts_with("no user namespace")) GTEST_SKIP() << seen;
+    EXPECT_TRUE(seen.starts_with("host, unknown (")) << seen;
+}
+
 TEST(RealProcessTest, AProcessWithMountsOfItsOwnIsUnknown) {
     if (::getuid() != 0) GTEST_SKIP() << "only root can have mounts of its own and nothing else";
     const WaitingProcess process = WaitingProcess::forked([] { return testing::becomeOwnerOfMounts().value_or(""); });
@@ -125,7 +138,7 @@ class RealSandboxTest : public ::testing::Test {
 protected:
     void SetUp() override {
         std::string reason;
-        if (!canMakeSandboxes(reason)) GTEST_SKIP() << reason;
+        if (!testing::canMakeSandboxes(reason)) GTEST_SKIP() << reason;
     }
     /// What is behind a process that did the command in a sandbox without a Flatpak's file.
     static std::string identifiedAfter(const std::string& command) {

@@ -90,6 +90,8 @@ private:
             }
         }
         std::ranges::move(host::checkWatchLimits("/proc/sys/fs"), std::back_inserter(checks));
+        std::ranges::move(host::checkCallers({}, "/sys/module/apparmor/parameters/enabled"),
+                          std::back_inserter(checks));
         return checks;
     }
 

@@ -8,7 +8,7 @@
 
 #include "platform/base/Descriptor.h"
 
-namespace tarnwell::caller {
+namespace tarnwell::testing {
 
 /// A child that waits for its end, which comes with this object.
 class WaitingProcess {
@@ -51,4 +51,4 @@ Descriptor descriptorOf(pid_t process);
 /// True where bubblewrap can make a sandbox; says why not.
 bool canMakeSandboxes(std::string& reason);
 
-}  // namespace tarnwell::caller
+}  // namespace tarnwell::testing

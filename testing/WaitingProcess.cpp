@@ -1,4 +1,4 @@
-#include "tests/caller/Processes.h"
+#include "testing/WaitingProcess.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <utility>
 
-namespace tarnwell::caller {
+namespace tarnwell::testing {
 namespace {
 
 constexpr int kInfo = 9;
@@ -122,4 +122,4 @@ bool canMakeSandboxes(std::string& reason) {
     return reason.empty();
 }
 
-}  // namespace tarnwell::caller
+}  // namespace tarnwell::testing
