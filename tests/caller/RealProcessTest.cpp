@@ -171,10 +171,10 @@ TEST_F(RealSandboxTest, AFlatpakIsKnownByItsID) {
 
 TEST_F(RealSandboxTest, TheBusProxyOfAFlatpakIsThatFlatpak) {
     // It stands between the sandbox and the bus, so that it is whom the bus names: it has all of the host's folders, in
-    // a root of its own with the file of its Flatpak.
-    const std::string info = kInfo;
+    // a root of its own with the file of its Flatpak, which is no mount there.
     const WaitingProcess process = WaitingProcess::inSandbox(
-        {"--unshare-user", "--bind", "/etc", "/etc", "--bind", "/var", "/var", "--bind", "/run", "/run"}, ":", &info);
+        {"--unshare-user", "--bind", "/etc", "/etc", "--bind", "/var", "/var", "--bind", "/run", "/run"},
+        "printf '%s' '" + std::string(kInfo) + "' >/.flatpak-info");
     ASSERT_EQ(process.trouble(), "");
     EXPECT_EQ(identified(process.number()), "flatpak org.example.Notes");
 }

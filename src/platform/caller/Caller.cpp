@@ -121,7 +121,7 @@ Result<std::optional<std::string>> flatpakOf(const ProcessFolder& process, const
     const auto file = ObjectHandle::open(its.root.descriptor(), kFlatpakInfo, Links::refuse);
     if (!file && file.error().code == ENOENT) return std::nullopt;
     if (!file) return doubt("its .flatpak-info cannot be found", file.error());
-    // The file is a mount of its own.
+    // The file is mostly a mount of its own.
     if (!isOurSystem) {
         const auto fileInMemory = isInMemory(process, *file);
         if (!fileInMemory) return failure(fileInMemory.error());
