@@ -25,7 +25,16 @@ std::string ProcessIconRenderer::programBesideThisOne() {
     std::array<char, 4096> path{};
     const ssize_t size = ::readlink("/proc/self/exe", path.data(), path.size());
     const std::string program(path.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
-    return program.substr(0, program.rfind('/') + 1) + "tarnwell-render-icon";
+    return programFor(program.substr(0, program.rfind('/')));
+}
+
+std::string ProcessIconRenderer::programFor(const std::string& folder) {
+    // What was built comes first: a build must not draw with an older program that is installed.
+    for (const std::string& place : {folder, folder + "/../libexec/tarnwell", std::string(TARNWELL_LIBEXEC_FOLDER)}) {
+        const std::string program = place + "/tarnwell-render-icon";
+        if (::access(program.c_str(), X_OK) == 0) return program;
+    }
+    return folder + "/tarnwell-render-icon";
 }
 
 Result<IconImage> ProcessIconRenderer::createImage(const IconData& data) {

@@ -26,8 +26,12 @@ public:
     ProcessIconRenderer(Options options, log::Log& log)
         : options_(std::move(options)), log_(log), cache_(options_.cacheFolder, options_.maxCachedFiles) {}
 
-    /// The path of tarnwell-render-icon beside the running program.
+    /// The path of tarnwell-render-icon for the running program.
     static std::string programBesideThisOne();
+    /// For a program in `folder`: beside it, as in a build folder; else where installed programs keep what only they
+    /// start, ../libexec/tarnwell, and last the folder that the build was told. Where none of them has it, the path
+    /// beside the program, so that messages name one.
+    static std::string programFor(const std::string& folder);
 
     Result<IconImage> createImage(const IconData& data) override;
 
