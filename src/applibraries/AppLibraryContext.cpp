@@ -13,10 +13,12 @@ URL cacheURL(const std::string& applicationSupport, const char* file) {
 
 }  // namespace
 
+URL mainCacheURL(const std::string& applicationSupport) { return cacheURL(applicationSupport, "app-libraries.plist"); }
+
 AppLibraryContext::AppLibraryContext(items::Environment& environment, registry::AppRegistry& registry,
                                      std::shared_ptr<dispatch::ThreadPool> pool, const std::string& applicationSupport)
     : environment_(environment),
-      mainCache_(environment.log, registry, pool, "main", cacheURL(applicationSupport, "app-libraries.plist")),
+      mainCache_(environment.log, registry, pool, "main", mainCacheURL(applicationSupport)),
       workingSetCache_(environment.log, registry, pool, "working-set",
                        cacheURL(applicationSupport, "searchable-app-libraries.plist")),
       backgroundQueue_(dispatch::SerialQueue::create(pool, "tarnwell.app-library.background")),

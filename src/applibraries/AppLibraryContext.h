@@ -11,6 +11,9 @@
 
 namespace tarnwell::applibraries {
 
+/// The file of the main cache below the application-support folder.
+URL mainCacheURL(const std::string& applicationSupport);
+
 /// What of the app libraries exists once in a program: the two caches, the shared manager, the queue for background
 /// work. While it lives it is the environment's directory of app libraries.
 ///

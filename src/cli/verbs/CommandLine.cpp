@@ -9,7 +9,7 @@
 
 #include "cli/output/Complaint.h"
 #include "cli/output/Text.h"
-#include "cli/verbs/Verb.h"
+#include "cli/verbs/Commands.h"
 
 namespace tarnwell::cli {
 namespace {
@@ -107,63 +107,16 @@ ExitStatus runVerb(Verb& verb, const GlobalOptions& options) {
 }  // namespace
 
 int runCommandLine(int argumentCount, const char* const* arguments) {
-    CLI::App app("Shows this device's documents, one library for each application, under identifiers that last.",
-                 "tarnwell");
-    app.set_version_flag("--version", "tarnwell " TARNWELL_VERSION);
-    app.require_subcommand(0, 1);
-    app.get_formatter()->label("SUBCOMMAND", "VERB");
-    app.get_formatter()->label("Subcommands", "Verbs");
-    app.footer(
-        "tarnwell VERB --help says more about a verb. Exit status: 0 done, 1 failed, 2 wrong usage, 3 anchor expired.");
-
-    GlobalOptions options;
-    std::string storage;
-    auto* storageOption = app.add_option("--storage", storage,
-                                         "The storage root; otherwise TARNWELL_STORAGE, or the "
-                                         "documents folder of this session")
-                              ->type_name("DIR");
-    app.add_flag("--json", options.json, "One JSON object a line");
-    app.add_flag("-v,--verbose", options.verbose, "Show the whole log on standard error");
-    app.add_flag("--local", options.local, "Load the provider in this process even if the service is running");
-
-    std::vector<std::unique_ptr<Verb>> verbs;
-    verbs.push_back(makeAppsVerb());
-    verbs.push_back(makeLsVerb());
-    verbs.push_back(makeSearchVerb());
-    verbs.push_back(makeInfoVerb());
-    verbs.push_back(makeIdVerb());
-    verbs.push_back(makePathVerb());
-    verbs.push_back(makeAnchorVerb());
-    verbs.push_back(makeChangesVerb());
-    verbs.push_back(makeImportVerb());
-    verbs.push_back(makeMkdirVerb());
-    verbs.push_back(makeRenameVerb());
-    verbs.push_back(makeMoveVerb());
-    verbs.push_back(makeTrashVerb());
-    verbs.push_back(makeRestoreVerb());
-    verbs.push_back(makeDeleteVerb());
-    verbs.push_back(makeCleanTrashVerb());
-    verbs.push_back(makeTagVerb());
-    verbs.push_back(makeRankVerb());
-    verbs.push_back(makeUsedVerb());
-    verbs.push_back(makeThumbnailVerb());
-    verbs.push_back(makeRefreshVerb());
-    verbs.push_back(makeDefaultContainerVerb());
-    verbs.push_back(makeStatusVerb());
-    verbs.push_back(makeDoctorVerb());
-    for (const auto& verb : verbs) {
-        CLI::App* command = app.add_subcommand(verb->name(), verb->summary());
-        command->fallthrough();
-        verb->declare(*command);
-    }
-
+    Commands commands;
+    CLI::App& app = commands.app;
+    const auto& verbs = commands.verbs;
     try {
         app.parse(argumentCount, arguments);
     } catch (const CLI::ParseError& error) {
-        const auto commands = app.get_subcommands();
+        const auto given = app.get_subcommands();
         // What no option took comes back in the order given; without a verb its first word stands for one.
         const auto notTaken = app.remaining();
-        if (commands.empty() && !notTaken.empty() && !notTaken.front().starts_with('-')) {
+        if (given.empty() && !notTaken.empty() && !notTaken.front().starts_with('-')) {
             complain(unknownVerb(notTaken.front(), verbs));
             return exitCode(ExitStatus::usage);
         }
@@ -173,14 +126,14 @@ int runCommandLine(int argumentCount, const char* const* arguments) {
             return exitCode(output.flush() || *output.failed() == EPIPE ? ExitStatus::done : ExitStatus::failed);
         }
         const std::string help =
-            commands.empty() ? "tarnwell --help" : "tarnwell " + commands.front()->get_name() + " --help";
+            given.empty() ? "tarnwell --help" : "tarnwell " + given.front()->get_name() + " --help";
         complain(toDisplay(firstLine(error.what())) + "; see " + help);
         return exitCode(ExitStatus::usage);
     }
-    if (storageOption->count() > 0) options.storage = storage;
+    if (commands.storageOption->count() > 0) commands.options.storage = commands.storage;
 
     for (const auto& verb : verbs) {
-        if (app.got_subcommand(verb->name())) return exitCode(runVerb(*verb, options));
+        if (app.got_subcommand(verb->name())) return exitCode(runVerb(*verb, commands.options));
     }
     complain("what shall be done? \"tarnwell ls\" lists everything; see tarnwell --help");
     return exitCode(ExitStatus::usage);

@@ -44,5 +44,6 @@ std::unique_ptr<Verb> makeRefreshVerb();
 std::unique_ptr<Verb> makeDefaultContainerVerb();
 std::unique_ptr<Verb> makeStatusVerb();
 std::unique_ptr<Verb> makeDoctorVerb();
+std::unique_ptr<Verb> makeKnownLibrariesVerb();
 
 }  // namespace tarnwell::cli
