@@ -57,6 +57,7 @@ void addLive(Suite& suite);
 void addOperations(Suite& suite);
 void addSearch(Suite& suite);
 void addIcons(Suite& suite);
+void addBus(Suite& suite);
 void addMemory(Suite& suite);
 
 /// The part of the memory benchmark that runs in a process of its own, on that person's home: prints one line of

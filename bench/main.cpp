@@ -72,6 +72,7 @@ int run(const Options& options, const Sizes& sizes) {
     addSearch(suite);
     addOperations(suite);
     addIcons(suite);
+    addBus(suite);
     benchmark::AddCustomContext("size", sizes.name);
     benchmark::AddCustomContext("rounds", std::to_string(sizes.rounds));
 

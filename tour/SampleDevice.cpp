@@ -201,6 +201,8 @@ EnvironmentChanges SampleDevice::environment() const {
             {"FLATPAK_USER_DIR", root + "/home/.local/share/flatpak"},
             {"FLATPAK_SYSTEM_DIR", root + "/system/flatpak"},
             {"FLATPAK_CONFIG_DIR", root + "/system/etc/flatpak"},
+            // A service of the machine's session has other documents.
+            {"DBUS_SESSION_BUS_ADDRESS", std::nullopt},
             {"TARNWELL_STORAGE", std::nullopt}};
 }
 

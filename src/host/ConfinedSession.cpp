@@ -15,21 +15,23 @@ namespace {
 
 Error refused(const char* message) { return posixError(EACCES, message); }
 
+/// True where the item is the library, or in it.
+bool holds(const std::optional<ItemIdentifier>& library, const Item& item) {
+    if (!library) return false;
+    if (item.isContainer) return item.identifier == *library;
+    return item.appContainerBundleIdentifier == library->substr(1);
+}
+
 Error nothingThere() { return posixError(ENOENT, "there is nothing at that path"); }
 
 }  // namespace
 
-ConfinedSession::ConfinedSession(std::shared_ptr<session::Session> session, ItemIdentifier library)
-    : session_(std::move(session)), library_(std::move(library)), bundleIdentifier_(library_.substr(1)) {}
-
-bool ConfinedSession::isOwn(const Item& item) const {
-    if (item.isContainer) return item.identifier == library_;
-    return item.appContainerBundleIdentifier == bundleIdentifier_;
-}
+ConfinedSession::ConfinedSession(std::shared_ptr<session::Session> session, Library library)
+    : session_(std::move(session)), library_(std::move(library)) {}
 
 Result<void> ConfinedSession::check(const ItemIdentifier& identifier) {
     const auto found = session_->items({identifier});
-    if (found.size() == 1 && found.front() && isOwn(*found.front())) return {};
+    if (found.size() == 1 && found.front() && holds(library_(), *found.front())) return {};
     return failure(hostframework::noSuchItem(identifier));
 }
 
@@ -38,8 +40,9 @@ session::Session::Each<T> ConfinedSession::forOwn(const std::vector<ItemIdentifi
     const auto found = session_->items(identifiers);
     std::vector<ItemIdentifier> own;
     std::vector<bool> isAsked;
+    const auto library = library_();
     for (std::size_t i = 0; i < identifiers.size(); ++i) {
-        isAsked.push_back(i < found.size() && found[i] && isOwn(*found[i]));
+        isAsked.push_back(i < found.size() && found[i] && holds(library, *found[i]));
         if (isAsked.back()) own.push_back(identifiers[i]);
     }
     auto done = own.empty() ? Each<T>{} : work(own);
@@ -57,9 +60,11 @@ session::Session::Each<T> ConfinedSession::forOwn(const std::vector<ItemIdentifi
 
 session::Session::Each<Item> ConfinedSession::items(const std::vector<ItemIdentifier>& identifiers) {
     auto outcomes = session_->items(identifiers);
+    const auto library = library_();
     for (std::size_t i = 0; i < outcomes.size(); ++i) {
         // Why another's cannot be looked up is not told either.
-        if (!outcomes[i] || !isOwn(*outcomes[i])) outcomes[i] = failure(hostframework::noSuchItem(identifiers[i]));
+        if (!outcomes[i] || !holds(library, *outcomes[i]))
+            outcomes[i] = failure(hostframework::noSuchItem(identifiers[i]));
     }
     return outcomes;
 }
@@ -76,7 +81,8 @@ session::Session::Each<ItemIdentifier> ConfinedSession::identifiersAtPaths(const
 Result<session::Page> ConfinedSession::enumerate(const ItemIdentifier& container, const std::optional<Bytes>& page) {
     if (auto own = check(container); !own) return failure(own.error());
     auto listed = session_->enumerate(container, page);
-    if (listed) std::erase_if(listed->items, [&](const Item& item) { return !isOwn(item); });
+    const auto library = library_();
+    if (listed) std::erase_if(listed->items, [&](const Item& item) { return !holds(library, item); });
     return listed;
 }
 
@@ -89,9 +95,10 @@ Result<session::ChangeBatch> ConfinedSession::changes(const ItemIdentifier& cont
     if (auto own = check(container); !own) return failure(own.error());
     auto batch = session_->changes(container, anchor);
     if (!batch) return batch;
+    const auto library = library_();
     for (session::Change& change : batch->changes) {
         // Went elsewhere since it was told of.
-        if (change.item && !isOwn(*change.item)) change.item.reset();
+        if (change.item && !holds(library, *change.item)) change.item.reset();
     }
     return batch;
 }
@@ -139,7 +146,10 @@ session::Session::Each<Item> ConfinedSession::trash(const std::vector<ItemIdenti
 
 session::Session::Each<Item> ConfinedSession::restore(const std::vector<ItemIdentifier>& items,
                                                       const std::optional<ItemIdentifier>& parent, JobControl& job) {
-    const ItemIdentifier target = parent.value_or(library_);
+    if (items.empty()) return {};
+    const auto library = library_();
+    if (!parent && !library) return Each<Item>(items.size(), failure(hostframework::noSuchItem(items.front())));
+    const ItemIdentifier target = parent ? *parent : *library;
     if (auto own = check(target); !own) return Each<Item>(items.size(), failure(own.error()));
     return forOwn<Item>(items, [&](const auto& own) { return session_->restore(own, target, job); });
 }
@@ -174,7 +184,8 @@ session::Session::Each<Bytes> ConfinedSession::thumbnails(const std::vector<Item
 
 Result<std::vector<session::Application>> ConfinedSession::applications() {
     auto all = session_->applications();
-    if (all) std::erase_if(*all, [&](const session::Application& one) { return !isOwn(one.item); });
+    const auto library = library_();
+    if (all) std::erase_if(*all, [&](const session::Application& one) { return !holds(library, one.item); });
     return all;
 }
 
@@ -183,7 +194,7 @@ Result<session::Refreshed> ConfinedSession::refresh() {
 }
 
 Result<Item> ConfinedSession::defaultContainer(const std::string& bundleIdentifier) {
-    if (bundleIdentifier == bundleIdentifier_) return session_->defaultContainer(bundleIdentifier);
+    if (library_() == "#" + bundleIdentifier) return session_->defaultContainer(bundleIdentifier);
     Error error = hostframework::invalidParameter("bundleIdentifier", bundleIdentifier);
     error.userInfo[kErrorMessage] = "no such application is installed";
     return failure(std::move(error));
@@ -198,10 +209,14 @@ Result<session::SearchResult> ConfinedSession::search(const session::SearchReque
         return failure(posixError(EINVAL, "an application in a sandbox looks in its own library; leave out in:"));
     }
     session::SearchRequest own = request;
-    own.below = request.below.value_or(library_);
+    own.below = request.below ? request.below : library_();
+    if (!own.below) return session::SearchResult{};
     if (auto checked = check(*own.below); !checked) return failure(checked.error());
     auto result = session_->search(own, progress);
-    if (result) std::erase_if(result->items, [&](const session::Found& found) { return !isOwn(found.item); });
+    const auto library = library_();
+    if (result) {
+        std::erase_if(result->items, [&](const session::Found& found) { return !holds(library, found.item); });
+    }
     return result;
 }
 

@@ -13,8 +13,10 @@ namespace tarnwell::host {
 /// application's stead (importing by path, restoring to a remembered folder) is refused with EACCES.
 class ConfinedSession : public session::Session {
 public:
-    /// `library` is the identifier of its library ("#" and the bundle identifier).
-    ConfinedSession(std::shared_ptr<session::Session> session, session::ItemIdentifier library);
+    /// Says which library that is ("#" and the bundle identifier); nothing as long as the application has none. Asked
+    /// in each request, since libraries come and go. Any thread.
+    using Library = std::function<std::optional<session::ItemIdentifier>()>;
+    ConfinedSession(std::shared_ptr<session::Session> session, Library library);
 
     Each<session::Item> items(const std::vector<session::ItemIdentifier>& identifiers) override;
     Each<session::ItemIdentifier> identifiersAtPaths(const std::vector<std::string>& paths,
@@ -53,7 +55,6 @@ public:
     Result<session::Status> status() override;
 
 private:
-    bool isOwn(const session::Item& item) const;
     /// Fails as if there were no such item.
     Result<void> check(const session::ItemIdentifier& identifier);
     /// Does to those that are its own what `work` does, in the order of all.
@@ -61,8 +62,7 @@ private:
     Each<T> forOwn(const std::vector<session::ItemIdentifier>& identifiers, Work work);
 
     const std::shared_ptr<session::Session> session_;
-    const session::ItemIdentifier library_;
-    const std::string bundleIdentifier_;
+    const Library library_;
 };
 
 }  // namespace tarnwell::host

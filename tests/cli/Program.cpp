@@ -13,6 +13,9 @@
 #include <filesystem>
 #include <utility>
 
+#include "bus/client/BusSession.h"
+#include "testing/PrivateBus.h"
+
 namespace tarnwell::testing {
 namespace {
 
@@ -149,12 +152,50 @@ Device::Device() {
     sample_ = std::move(*made);
 }
 
-tour::EnvironmentChanges Device::environmentWith(const tour::EnvironmentChanges& further) const {
+struct Device::RunningService {
+    PrivateBus bus;
+    std::optional<ChildProgram> program;
+};
+
+bool throughService() { return std::getenv("TARNWELL_TEST_THROUGH_SERVICE") != nullptr; }
+
+Device::~Device() { stopService(); }
+
+void Device::stopService() const {
+    if (!service_) return;
+    service_->program->sendSignal(SIGTERM);
+    const auto finished = service_->program->finish();
+    EXPECT_EQ(finished.status, 0) << finished.error;
+    service_.reset();
+}
+
+void Device::startService(tour::EnvironmentChanges& environment) const {
+    if (!service_) {
+        service_ = std::make_unique<RunningService>();
+        auto ofService = environment;
+        ofService["DBUS_SESSION_BUS_ADDRESS"] = service_->bus.address();
+        service_->program.emplace(std::vector<std::string>{"serve"}, ofService, ChildProgram::Person::same);
+        for (int i = 0;; ++i) {
+            if (bus::BusSession::connect(bus::BusSession::Start::never, service_->bus.address())) break;
+            if (i == 1000) stop("the service does not come");
+            ::usleep(10'000);
+        }
+    }
+    environment["DBUS_SESSION_BUS_ADDRESS"] = service_->bus.address();
+}
+
+tour::EnvironmentChanges Device::environment() const {
     auto changes = sample_.environment();
     changes["TARNWELL_LOG"] = std::nullopt;
     changes["LANGUAGE"] = std::nullopt;
     changes["LC_ALL"] = "C.UTF-8";
     changes["TZ"] = "UTC";
+    return changes;
+}
+
+tour::EnvironmentChanges Device::environmentWith(const tour::EnvironmentChanges& further) const {
+    auto changes = environment();
+    if (throughService()) startService(changes);
     for (const auto& [name, value] : further) changes[name] = value;
     return changes;
 }
@@ -179,13 +220,15 @@ std::optional<std::string> Device::giveToNobody() const {
     for (const auto& entry : std::filesystem::recursive_directory_iterator(sample_.root)) {
         if (::lchown(entry.path().c_str(), kNobody, kNobody) != 0) return "the device cannot be given away";
     }
-    const auto shown = ChildProgram({"--version"}, environmentWith({}), ChildProgram::Person::nobody).finish();
+    const auto shown = ChildProgram({"--version"}, environment(), ChildProgram::Person::nobody).finish();
     if (shown.status != 0) return "the program cannot be run as nobody from where it is built";
     return std::nullopt;
 }
 
 Finished Device::runAsNobody(const std::vector<std::string>& arguments) const {
-    return ChildProgram(arguments, environmentWith({}), ChildProgram::Person::nobody).finish();
+    // The bus lets only its own user in.
+    stopService();
+    return ChildProgram(arguments, environment(), ChildProgram::Person::nobody).finish();
 }
 
 nlohmann::json Device::info(const std::string& item) const {

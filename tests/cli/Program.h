@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -46,16 +47,23 @@ private:
     std::size_t lineBegin_ = 0;  ///< in `read_`, of the next line
 };
 
-/// A sample device of its own for a test, and the program on it.
+/// True where the program is to be tested as a client of the service: what it prints and how it ends is the same.
+bool throughService();
+
+/// A sample device of its own for a test, and the program on it. Through the service, if that is what is tested: it is
+/// started when the program is first run.
 class Device {
 public:
     Device();
+    ~Device();
 
     Finished run(const std::vector<std::string>& arguments, const tour::EnvironmentChanges& further = {}) const;
     Finished runInto(ChildProgram::Output output, const std::vector<std::string>& arguments) const;
     ChildProgram start(const std::vector<std::string>& arguments, const tour::EnvironmentChanges& further = {}) const;
     /// As somebody without rights of his own, who owns the device: for tests of permissions.
     Finished runAsNobody(const std::vector<std::string>& arguments) const;
+    /// Ends the service, if it runs: for what is done to a device while nothing runs.
+    void stopService() const;
     /// Gives the device to nobody; a reason where that cannot be.
     std::optional<std::string> giveToNobody() const;
 
@@ -74,8 +82,13 @@ public:
     std::string storeFolder() const { return path("home/.local/state/tarnwell"); }
 
 private:
+    struct RunningService;
+    /// Without a bus.
+    tour::EnvironmentChanges environment() const;
     tour::EnvironmentChanges environmentWith(const tour::EnvironmentChanges& further) const;
+    void startService(tour::EnvironmentChanges& environment) const;
     TemporaryDirectory directory_;
+    mutable std::unique_ptr<RunningService> service_;
     tour::SampleDevice sample_;
 };
 

@@ -4,8 +4,11 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <thread>
 
+#include "bus/client/BusSession.h"
 #include "testing/RandomChanges.h"
+#include "tests/mirror/Answers.h"
 #include "tests/mirror/Layout.h"
 #include "tests/mirror/Roles.h"
 
@@ -62,15 +65,43 @@ const char* HostedDevice::nameOf(Finding finding) {
             return kWatching;
         case Finding::limited:
             return kLimited;
+        case Finding::serving:
+            return kServing;
     }
     std::abort();
 }
 
+/// A client's connection to the service.
+struct HostedDevice::Connection {
+    explicit Connection(std::unique_ptr<bus::BusSession> client) : session(std::move(client)), answers(*session) {}
+    std::unique_ptr<bus::BusSession> session;
+    Answers answers;
+};
+
+HostedDevice::~HostedDevice() = default;
+
 void HostedDevice::start() {
+    if (finding_ == Finding::serving) {
+        if (!bus_) bus_ = std::make_unique<testing::PrivateBus>();
+        host_ = std::make_unique<ChildProcess>(std::vector<std::string>{kServeRole, home_, bus_->address()});
+        if (!host_->hear()) stop("does not serve", host_->end());
+        return;
+    }
     host_ = std::make_unique<ChildProcess>(std::vector<std::string>{kHostRole, home_, nameOf(finding_)});
 }
 
+HostedDevice::Connection& HostedDevice::connectionFor(const Message& message) {
+    auto& connection = connections_[message.size() > 1 && message[0] != "item" ? message[1] : std::string()];
+    if (!connection) {
+        auto session = bus::BusSession::connect(bus::BusSession::Start::never, bus_->address());
+        if (!session) stop(describe(session.error()).c_str(), 0);
+        connection = std::make_unique<Connection>(std::move(*session));
+    }
+    return *connection;
+}
+
 Message HostedDevice::ask(const Message& message) {
+    if (finding_ == Finding::serving) return connectionFor(message).answers.to(message);
     if (host_->tell(message)) {
         if (auto answer = host_->hear()) return std::move(*answer);
     }
@@ -83,9 +114,16 @@ void HostedDevice::restart() {
 }
 
 void HostedDevice::killWhileItAnswers(const Message& message, unsigned microseconds) {
-    host_->tell(message);
+    std::thread client;
+    if (finding_ == Finding::serving) {
+        // It hears no answer, or that the service ended.
+        client = std::thread([&answers = connectionFor(message).answers, message] { (void)answers.to(message); });
+    } else {
+        host_->tell(message);
+    }
     ::usleep(microseconds);
     host_->kill();
+    if (client.joinable()) client.join();
     start();
 }
 

@@ -2,6 +2,8 @@
 
 #include <charconv>
 
+#include "hostframework/TagCodec.h"
+
 namespace tarnwell::mirror {
 namespace {
 
@@ -28,14 +30,20 @@ std::string describe(const Kept& kept) {
            orNone(textOfNumber(kept.rank)) + (kept.isFolder ? ", folder" : "");
 }
 
-Identified keptOf(const hostframework::ProviderItem& item) {
-    Kept kept{.parent = item.parentItemIdentifier(), .name = item.filename()};
-    kept.size = item.documentSize();
-    if (const auto modified = item.contentModificationDate()) kept.modified = modified->time_since_epoch().count();
-    if (item.tagData()) kept.tags = std::string(textOf(*item.tagData()));
-    kept.rank = item.favoriteRank();
-    kept.isFolder = item.isFolder();
-    return {item.itemIdentifier(), std::move(kept)};
+std::string encodedTags(const std::vector<std::string>& labels) {
+    std::vector<hostframework::Tag> tags;
+    for (const std::string& label : labels) tags.push_back({label, std::nullopt});
+    return std::string(textOf(hostframework::TagCodec::encode(tags)));
+}
+
+Identified keptOf(const session::Item& item) {
+    Kept kept{.parent = item.parent, .name = item.filename};
+    kept.size = item.documentSize;
+    if (item.contentModificationDate) kept.modified = item.contentModificationDate->time_since_epoch().count();
+    if (item.tags) kept.tags = encodedTags(*item.tags);
+    kept.rank = item.favoriteRank;
+    kept.isFolder = item.isFolder;
+    return {item.identifier, std::move(kept)};
 }
 
 void append(Message& message, const Identified& item) {

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "hostframework/ProviderItem.h"
+#include "session/Item.h"
 #include "tests/mirror/Message.h"
 
 namespace tarnwell::mirror {
@@ -15,7 +15,7 @@ struct Kept {
     std::string name;
     std::optional<std::uint64_t> size = {};
     std::optional<std::int64_t> modified = {};  ///< nanoseconds since 1970
-    std::optional<std::string> tags = {};       ///< as they travel
+    std::optional<std::string> tags = {};       ///< encoded
     std::optional<std::uint64_t> rank = {};
     bool isFolder = false;
     friend bool operator==(const Kept&, const Kept&) = default;
@@ -24,11 +24,14 @@ struct Kept {
 /// One line for the account of a failure.
 std::string describe(const Kept& kept);
 
+/// Tags as Kept has them.
+std::string encodedTags(const std::vector<std::string>& labels);
+
 struct Identified {
     std::string identifier;
     Kept kept;
 };
-Identified keptOf(const hostframework::ProviderItem& item);
+Identified keptOf(const session::Item& item);
 
 void append(Message& message, const Identified& item);
 /// Takes the item that begins at `at`, and moves on behind it.

@@ -12,6 +12,7 @@ int main(int argc, char** argv) {
     (void)std::signal(SIGPIPE, SIG_IGN);
     const std::string_view role = argc > 1 ? argv[1] : "";
     if (role == kHostRole && argc == 4) return hostProvider(argv[2], argv[3]);
+    if (role == kServeRole && argc == 4) return serveProvider(argv[2], argv[3]);
     if (role == kChangerRole && argc == 6) return changeFiles(argv[2], argv[3], argv[4], argv[5]);
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();

@@ -203,6 +203,7 @@ private:
 
     /// Now and then the host's process is started anew, or killed in the middle of its work.
     void disturb(std::uint64_t oneIn) {
+        if (below(oneIn) == 0) device_.disconnect();
         const auto choice = below(oneIn * 2);
         if (choice == 0) {
             note("--- restart");
@@ -355,6 +356,10 @@ TEST(Mirror, DoesSoWhereSomeFoldersCannotBeWatched) {
     constexpr std::size_t kFewest = 500;
     followThrough(
         {.operations = std::max(operationsWanted() / 10, kFewest), .finding = HostedDevice::Finding::limited});
+}
+
+TEST(Mirror, DoesSoOverTheBus) {
+    followThrough({.operations = operationsWanted() / 5, .finding = HostedDevice::Finding::serving});
 }
 
 }  // namespace

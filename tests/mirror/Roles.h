@@ -14,6 +14,8 @@ inline constexpr const char* kHostRole = "--host-provider";
 inline constexpr const char* kWatching = "watching";
 inline constexpr const char* kComparing = "comparing";
 inline constexpr const char* kLimited = "limited";  ///< watching, with too few watches for all folders
+inline constexpr const char* kServing = "serving";  ///< for changers only: watching, behind a bus
+inline constexpr const char* kServeRole = "--serve";
 inline constexpr const char* kChangerRole = "--change-files";
 
 /// Hosts the provider of the device in that home.
@@ -31,6 +33,9 @@ inline constexpr const char* kChangerRole = "--change-files";
 ///
 /// A failure is answered with "error", its domain, its code and a text.
 int hostProvider(const std::string& home, const std::string& finding);
+
+/// Serves the device in that home on a bus. Says "ready" once, then waits for the end of its input.
+int serveProvider(const std::string& home, const std::string& busAddress);
 
 /// Changes files below the root at random, from a seed; `links` is where links that it makes lead. The message is the
 /// number of steps and the microseconds of rest after each, the answer says what was done, a step each.

@@ -27,9 +27,7 @@ std::optional<std::string> tagsOf(const std::string& path) {
     const auto bytes = attributeOf(path, items::LocalItem::xattrTagDataName);
     const auto labels = bytes ? archive::unarchiveStrings(*bytes) : failure(posixError(ENODATA));
     if (!labels) return std::nullopt;
-    std::vector<hostframework::Tag> tags;
-    for (const std::string& label : *labels) tags.push_back({label, std::nullopt});
-    return std::string(textOf(hostframework::TagCodec::encode(tags)));
+    return encodedTags(*labels);
 }
 
 std::optional<std::uint64_t> rankOf(const std::string& path) {

@@ -41,6 +41,7 @@ Commands::Commands()
     verbs.push_back(makeThumbnailVerb());
     verbs.push_back(makeRefreshVerb());
     verbs.push_back(makeDefaultContainerVerb());
+    verbs.push_back(makeServeVerb());
     verbs.push_back(makeStatusVerb());
     verbs.push_back(makeDoctorVerb());
     verbs.push_back(makeKnownLibrariesVerb());

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 
+#include "cli/verbs/RunningService.h"
 #include "host/LocalSession.h"
 #include "host/ProgramContext.h"
 #include "host/Settings.h"
@@ -20,6 +21,11 @@ Invocation::~Invocation() = default;
 
 log::Log& Invocation::log() { return direct_ ? *direct_ : held_; }
 
+log::Log& Invocation::serviceLog() {
+    if (!direct_) direct_ = log::makeProgramLog(items::ProgramLog::kCategory, log::Level::error);
+    return *direct_;
+}
+
 std::expected<session::Session*, Failure> Invocation::session() {
     if (!session_) {
         if (auto opened = openSession(); !opened) return std::unexpected(opened.error());
@@ -30,6 +36,11 @@ std::expected<session::Session*, Failure> Invocation::session() {
 std::expected<void, Failure> Invocation::openSession() {
     const auto settings = host::Settings::fromEnvironment(options_.storage);
     if (!settings) return std::unexpected(failureOf(settings.error()));
+    if (!options_.local) {
+        auto service = connectToService(*settings);
+        if (!service) return std::unexpected(service.error());
+        if ((session_ = std::move(*service))) return {};
+    }
     auto context = host::ProgramContext::create(*settings, log());
     if (!context) return std::unexpected(failureOf(context.error()));
     context_ = std::move(*context);

@@ -35,6 +35,8 @@ public:
     const GlobalOptions& options() const { return options_; }
     Output& output() { return output_; }
     log::Log& log();
+    /// For a run that stays: nothing is held back.
+    log::Log& serviceLog();
     /// Ready for requests. Fails with a sentence that needs no further words.
     std::expected<session::Session*, Failure> session();
     /// The run is about to end: requests that look at the disk fail soon, with ECANCELED. Any thread, once there is a

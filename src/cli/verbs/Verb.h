@@ -42,6 +42,7 @@ std::unique_ptr<Verb> makeSearchVerb();
 std::unique_ptr<Verb> makeThumbnailVerb();
 std::unique_ptr<Verb> makeRefreshVerb();
 std::unique_ptr<Verb> makeDefaultContainerVerb();
+std::unique_ptr<Verb> makeServeVerb();
 std::unique_ptr<Verb> makeStatusVerb();
 std::unique_ptr<Verb> makeDoctorVerb();
 std::unique_ptr<Verb> makeKnownLibrariesVerb();

@@ -1,0 +1,34 @@
+#include "cli/verbs/RunningService.h"
+
+#include <cerrno>
+#include <filesystem>
+
+#include "bus/client/BusSession.h"
+
+namespace tarnwell::cli {
+namespace {
+
+bool isSame(const std::string& served, const std::string& own) {
+    std::error_code none;
+    return std::filesystem::weakly_canonical(own, none).string() == served && !none;
+}
+
+}  // namespace
+
+std::expected<std::unique_ptr<session::Session>, Failure> connectToService(const host::Settings& settings) {
+    auto session = bus::BusSession::connect(bus::BusSession::Start::never);
+    if (!session) {
+        if (!session.error().is(ErrorDomain::posix, EACCES)) return nullptr;
+        Failure refused = failureOf(session.error());
+        refused.message = "the service does not answer this program: " + refused.message;
+        return std::unexpected(std::move(refused));
+    }
+    const auto info = (*session)->info();
+    if (!info || !isSame(info->storageRoot, settings.storageRoot) ||
+        !isSame(info->stateDirectory, settings.stateDirectory)) {
+        return nullptr;
+    }
+    return std::move(*session);
+}
+
+}  // namespace tarnwell::cli
