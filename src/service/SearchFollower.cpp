@@ -55,10 +55,7 @@ void SearchFollower::run() {
     // Of this thread alone (setpriority(2) with a thread's number); whoever searches does the work at his own priority.
     (void)::setpriority(PRIO_PROCESS, static_cast<id_t>(::syscall(SYS_gettid)), kNiceness);
     while (waitForChange()) {
-        const auto outcome = [&] {
-            const std::lock_guard turn(context_.searchIndex().turn());
-            return host::SearchCatchUp(context_.provider(), context_.searchIndex()).run();
-        }();
+        const auto outcome = host::SearchCatchUp(context_.provider(), context_.searchIndex()).run();
         if (outcome) continue;
         std::unique_lock lock(mutex_);
         if (isEnding_) return;

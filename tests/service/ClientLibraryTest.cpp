@@ -56,11 +56,11 @@ TEST_F(ClientLibraryTest, ErrorsAreToldApartWithoutReadingThem) {
     EXPECT_EQ(failureOf([&] { host_->item("did=4242424"); }), Kind::noSuchItem);
     EXPECT_EQ(failureOf([&] { host_->itemAtPath("/nothing"); }), Kind::noSuchItem);
     EXPECT_EQ(failureOf([&] { host_->changes("RootContainer", {1, 2, 3}); }), Kind::anchorExpired);
-    host_->createFolder("Twice", client::kRoot);
-    EXPECT_EQ(failureOf([&] { host_->createFolder("Twice", client::kRoot); }), Kind::nameTaken);
+    host_->createFolder("Twice", "#org.example.Notes");
+    EXPECT_EQ(failureOf([&] { host_->createFolder("Twice", "#org.example.Notes"); }), Kind::nameTaken);
     EXPECT_EQ(failureOf([&] { host_->rename("#org.example.Notes", "x"); }), Kind::denied);
     try {
-        host_->createFolder("Twice", client::kRoot);
+        host_->createFolder("Twice", "#org.example.Notes");
         FAIL();
     } catch (const client::Error& error) {
         EXPECT_EQ(error.name(), "org.tarnwell.Error.FilenameCollision");
@@ -85,7 +85,7 @@ TEST_F(ClientLibraryTest, PagesAndAllOfThem) {
 }
 
 TEST_F(ClientLibraryTest, ItemsAreChanged) {
-    const client::Item folder = host_->createFolder("Desk", client::kRoot);
+    const client::Item folder = host_->createFolder("Desk", "#org.example.Notes");
     testing::writeFile(directory_.path("in.txt"), "in");
     int told = 0;
     const auto imported = host_->import({directory_.path("in.txt"), directory_.path("none")}, folder.identifier,
@@ -94,15 +94,15 @@ TEST_F(ClientLibraryTest, ItemsAreChanged) {
     ASSERT_TRUE(imported[0].item);
     EXPECT_EQ(imported[1].error->kind(), Kind::noSuchItem);
     const std::string id = imported[0].item->identifier;
-    EXPECT_EQ(host_->rename(id, "out.txt").filename, "out.txt");
+    EXPECT_EQ(host_->rename(id, "zebra.txt").filename, "zebra.txt");
     EXPECT_EQ(host_->setTags(id, {"a", "b"}).tags, (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(host_->setFavoriteRank(id, 4).favoriteRank, 4U);
     const client::Time date(std::chrono::nanoseconds(1'700'000'000'000'000'000));
     EXPECT_EQ(host_->setLastUsed(id, date).lastUsed, date);
-    EXPECT_EQ(host_->move({id}, client::kRoot).at(0).item->parent, client::kRoot);
+    EXPECT_EQ(host_->move({id}, "#org.example.Sketches").at(0).item->parent, "#org.example.Sketches");
     EXPECT_TRUE(host_->trash({id}).at(0).item->isTrashed);
     EXPECT_FALSE(host_->restore({id}).at(0).item->isTrashed);
-    const auto found = host_->search("out");
+    const auto found = host_->search("zebra");
     ASSERT_EQ(found.size(), 1U);
     EXPECT_EQ(found[0].identifier, id);
     EXPECT_FALSE(host_->remove({id, folder.identifier}).at(0).error);

@@ -219,7 +219,7 @@ TEST_F(ServiceTest, AReloadMeetsAnApplicationThatTheWatchHasNotMet) {
     testing::makeDirectories(home + ".var/app/org.example.Later/Documents");
     testing::makeDirectories(home + ".local/share/applications");
     testing::writeFile(home + ".local/share/applications/org.example.Later.desktop",
-                       "[Desktop Entry]\nType=Application\nName=Later\nExec=later\nX-Tarnwell-FileSharing=true\n"
+                       "[Desktop Entry]\nType=Application\nName=Later\nExec=later\nX-Tarnwell-SupportsDocumentBrowser=true\n"
                        "X-Tarnwell-DataContainer=" +
                            home + ".var/app/org.example.Later\n");
     service_->reload();

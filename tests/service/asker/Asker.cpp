@@ -72,10 +72,10 @@ const std::map<std::string, Ask>& questions() {
         {"clean", [](Session& s, const std::string&) { return outcomeOf(s.cleanTrash(tarnwell::Date())); }},
         {"applications",
          [](Session& s, const std::string&) {
-             const auto all = s.applications();
-             if (!all) return outcomeOf(all);
+             const auto applications = s.applications();
+             if (!applications) return outcomeOf(applications);
              std::string text = "ok";
-             for (const auto& one : *all) text += " " + one.item.identifier;
+             for (const auto& one : *applications) text += " " + one.item.identifier;
              return text;
          }},
         {"search",
