@@ -108,7 +108,9 @@ Result<void> copyLink(int sourceFolder, const std::string& sourceName, int folde
     if (::fstatat(sourceFolder, sourceName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return failedCall();
     if (untilNotInterrupted([&] { return ::symlinkat(text.data(), folder, name.c_str()); }) != 0) return failedCall();
     if (owner == CopiedOwner::ofSource) {
-        (void)::fchownat(folder, name.c_str(), status.st_uid, status.st_gid, AT_SYMLINK_NOFOLLOW);
+        // Whoever may not give it away keeps it.
+        [[maybe_unused]] const int given =
+            ::fchownat(folder, name.c_str(), status.st_uid, status.st_gid, AT_SYMLINK_NOFOLLOW);
     }
     // A link whose times cannot be set is as good.
     const std::array<struct timespec, 2> times{status.st_atim, status.st_mtim};
