@@ -11,9 +11,11 @@ set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# A package with a library says so, and has the loader look for it.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
-# No package has scripts that run when it is installed or removed. The service is started by the message bus, so there
+# Packages have no scripts of ours that run when they are installed or removed. The service is started by the message bus, so there
 # is no unit to enable; the bus and the managers of sessions find new files by themselves; and what is a person's (the
 # documents, the store, the list of libraries, the caches) is never a package's to touch, not even when it is purged.
 
@@ -33,7 +35,6 @@ fish.")
 set(CPACK_DEBIAN_CLIENT_PACKAGE_NAME libtarnwell-client0)
 set(CPACK_DEBIAN_CLIENT_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_CLIENT_PACKAGE_RECOMMENDS tarnwell)
-set(CPACK_DEBIAN_CLIENT_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_COMPONENT_CLIENT_DESCRIPTION "Documents of this device in one place: library for programs
 With this library a program asks the service of the package tarnwell for the
 documents of this device, and is told what changes.")
@@ -46,12 +47,5 @@ set(CPACK_COMPONENT_CLIENT-DEV_DESCRIPTION "Documents of this device in one plac
 The headers of libtarnwell-client0, and what CMake and pkg-config need to
 build programs with it.")
 
-# A component of which nothing is installed yet makes no package.
-get_cmake_property(installed COMPONENTS)
-set(CPACK_COMPONENTS_ALL "")
-foreach(component service client client-dev)
-  if(component IN_LIST installed)
-    list(APPEND CPACK_COMPONENTS_ALL ${component})
-  endif()
-endforeach()
+set(CPACK_COMPONENTS_ALL service client client-dev)
 include(CPack)

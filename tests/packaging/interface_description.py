@@ -46,8 +46,8 @@ for interface in xml.parse(project / "packaging/dbus/org.tarnwell.Host1.xml").ge
     for member in interface:
         found = ([], [])
         for argument in member.findall("arg"):
-            isIn = argument.get("direction", "out") == "in"
-            found[0 if isIn else 1].append((argument.get("type"), argument.get("name")))
+            is_in = argument.get("direction", "out") == "in"
+            found[0 if is_in else 1].append((argument.get("type"), argument.get("name")))
         members[member.tag, member.get("name")] = found
 
 complaints = []

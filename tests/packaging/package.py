@@ -14,6 +14,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import device  # noqa: E402
@@ -45,8 +46,8 @@ def pack(build, scratch):
     shutil.rmtree(packages, ignore_errors=True)
     run("cpack", "-B", packages, cwd=build)
     found = {run("dpkg-deb", "--field", path, "Package").strip(): path for path in packages.glob("*.deb")}
-    if "tarnwell" not in found:
-        sys.exit(f"there is no package tarnwell among {found}")
+    if found.keys() != {"tarnwell", "libtarnwell-client0", "libtarnwell-client-dev"}:
+        sys.exit(f"the packages are {found}")
     return found
 
 
@@ -77,11 +78,74 @@ def state_of(home):
     return state
 
 
-def in_copy(build, scratch, path):
+PROGRAM = r"""
+#include <tarnwell/client.h>
+
+#include <cstdio>
+
+int main() {
+    try {
+        tarnwell::client::Client client;
+        for (const auto& item : client.listAll(tarnwell::client::kRoot)) std::printf("%s\n", item.identifier.c_str());
+    } catch (const tarnwell::client::Error& error) {
+        std::fprintf(stderr, "%s\n", error.what());
+        return 1;
+    }
+}
+"""
+
+
+def wait_for_end(name):
+    """Until no process of that name is left; the mount of /proc shows those of this test only."""
+    deadline = time.monotonic() + 60
+    while time.monotonic() < deadline:
+        running = set()
+        for process in pathlib.Path("/proc").glob("[0-9]*/stat"):
+            try:
+                command, _, state = process.read_text(encoding="utf-8").partition("(")[2].rpartition(")")
+            except OSError:
+                continue  # it has just ended
+            # What has ended and is asked by nobody how, stays in the list.
+            if not state.startswith(" Z"):
+                running.add(command)
+        if name not in running:
+            return
+        time.sleep(0.05)
+    sys.exit(f"{name} does not end")
+
+
+def check_library(scratch, environment):
+    """A program of somebody else's is built with the library, and has the bus start the service."""
+    run("dpkg", "--install", scratch / "libtarnwell-client0.deb", scratch / "libtarnwell-client-dev.deb")
+    program, source = scratch / "program", scratch / "program.cpp"
+    source.write_text(PROGRAM, encoding="utf-8")
+    flags = run("pkg-config", "--cflags", "--libs", "tarnwell-client").split()
+    run("c++", "-std=c++17", "-Wall", "-Wextra", "-Werror", "-o", program, source, *flags)
+    if shutil.which("dbus-run-session") is None:
+        print("without dbus-run-session the service was not started by a bus")
+    else:
+        listed = run("dbus-run-session", "--", program, env={**environment, "TARNWELL_LOG": "info"}, timeout=120)
+        if device.LIBRARY not in listed.splitlines():
+            sys.exit(f"the service lists {listed}")
+        # Without its bus the service ends, too.
+        wait_for_end("tarnwell")
+    project = scratch / "project"
+    project.mkdir()
+    (project / "CMakeLists.txt").write_text(
+        "cmake_minimum_required(VERSION 3.25)\nproject(program CXX)\nfind_package(tarnwell-client REQUIRED)\n"
+        f"add_executable(program {source})\ntarget_link_libraries(program PRIVATE tarnwell::tarnwell-client)\n",
+        encoding="utf-8")
+    run("cmake", "-S", project, "-B", project / "build")
+    run("cmake", "--build", project / "build")
+    run("dpkg", "--purge", "libtarnwell-client-dev", "libtarnwell-client0")
+
+
+def in_copy(scratch):
     """In the new root, which is not this machine's any more."""
-    before = set(run("dpkg-query", "-W", "-f=${Package}\n").split())
-    if "tarnwell" in before:
-        run("dpkg", "--purge", "tarnwell")
+    path = scratch / "tarnwell.deb"
+    for name in run("dpkg-query", "-W", "-f=${Package}\n").split():
+        if name in ("tarnwell", "libtarnwell-client0", "libtarnwell-client-dev"):
+            run("dpkg", "--purge", "--force-depends", name)
     run("dpkg", "--install", path)
     for name in INSTALLED:
         if not pathlib.Path("/", name).is_file():
@@ -112,6 +176,8 @@ def in_copy(build, scratch, path):
         if said.returncode != 0 or complaints:
             sys.exit("systemd-analyze verify: " + "\n".join(complaints or [said.stderr]))
 
+    check_library(scratch, environment)
+
     kept = state_of(home)
     run("dpkg", "--remove", "tarnwell")
     if (left := [name for name in INSTALLED if pathlib.Path("/", name).exists()]):
@@ -128,7 +194,7 @@ def in_copy(build, scratch, path):
 
 def main():
     project, build, scratch = map(pathlib.Path, sys.argv[1:4])
-    for tool in ("cpack", "dpkg", "dpkg-shlibdeps", "unshare", "mount", "chroot"):
+    for tool in ("cpack", "dpkg", "dpkg-shlibdeps", "file", "unshare", "mount", "chroot"):
         if shutil.which(tool) is None:
             skip(f"{tool} is not installed")
     if os.environ.get("TARNWELL_PACKAGE_TEST") != "in-copy":
@@ -147,24 +213,24 @@ def main():
 mkdir -p "$1/copy"
 mount -t tmpfs none "$1/copy"
 mkdir "$1/copy/upper" "$1/copy/work" "$1/copy/root"
-cp "$2" "$1/copy/package.deb"
-cp -r "$3" "$1/copy/tests"
+mkdir "$1/copy/test"
+cp -r "$2" "$1/copy/test/tests"
+cp "$3" "$1/copy/test/tarnwell.deb"
+cp "$4" "$1/copy/test/libtarnwell-client0.deb"
+cp "$5" "$1/copy/test/libtarnwell-client-dev.deb"
 mount -t overlay none -o "lowerdir=/,upperdir=$1/copy/upper,workdir=$1/copy/work" "$1/copy/root"
-mount -t proc none "$1/copy/root/proc" 2>/dev/null || mount --bind /proc "$1/copy/root/proc"
+mount -t proc none "$1/copy/root/proc"
 mount --rbind /dev "$1/copy/root/dev"
 mount -t tmpfs none "$1/copy/root/tmp"
 mount -t tmpfs none "$1/copy/root/run"
-mkdir "$1/copy/root/tmp/test"
-mv "$1/copy/package.deb" "$1/copy/root/tmp/test/"
-mv "$1/copy/tests" "$1/copy/root/tmp/test/"
+mv "$1/copy/test" "$1/copy/root/tmp/"
 exec chroot "$1/copy/root" /usr/bin/env TARNWELL_PACKAGE_TEST=in-copy PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root \
     python3 -B /tmp/test/tests/package.py / / /tmp/test"""
         ran = subprocess.run(["unshare", "--mount", "--pid", "--fork", "--propagation=private", "sh", "-c", script, "sh",
-                              scratch, found["tarnwell"], project / "tests/packaging"], check=False, cwd="/")
-        if pathlib.Path("/usr/share/dbus-1/services/org.tarnwell.Host1.service").exists() and ran.returncode == 0:
-            print("the package was installed before this test, and still is")
+                              scratch, project / "tests/packaging", found["tarnwell"], found["libtarnwell-client0"],
+                              found["libtarnwell-client-dev"]], check=False, cwd="/")
         return ran.returncode
-    in_copy(build, scratch, scratch / "package.deb")
+    in_copy(scratch)
     return 0
 
 
