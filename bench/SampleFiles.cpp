@@ -20,6 +20,13 @@ namespace {
 
 /// The index trusts change times that are older than 25 ms of a clock that ticks every 10 ms at most.
 constexpr std::chrono::milliseconds kTrustedAge{50};
+/// The registry trusts the times of what it parsed once they are two seconds old.
+constexpr std::chrono::milliseconds kTrustedAgeOfParsedFiles{2500};
+
+void waitFor(std::chrono::milliseconds time) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    while (std::chrono::steady_clock::now() < end) ::usleep(1000);
+}
 
 struct NamedValue {
     std::string name;
@@ -81,10 +88,9 @@ bool changeFile(const std::string& path) {
     return file.valid() && ::write(file.get(), "x", 1) == 1;
 }
 
-void waitUntilTrusted() {
-    const auto end = std::chrono::steady_clock::now() + kTrustedAge;
-    while (std::chrono::steady_clock::now() < end) ::usleep(1000);
-}
+void waitUntilTrusted() { waitFor(kTrustedAge); }
+
+void waitUntilParsedFilesAreTrusted() { waitFor(kTrustedAgeOfParsedFiles); }
 
 std::string sampleName(std::size_t number) {
     static constexpr std::array<std::string_view, 8> kEndings = {".pdf", ".txt", ".jpg", ".odt",

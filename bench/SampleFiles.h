@@ -20,6 +20,8 @@ Outcome<void> makeFolder(const std::string& path);
 bool changeFile(const std::string& path);
 /// Waits until the index can trust the change times of what was made before.
 void waitUntilTrusted();
+/// Waits until the same is true of desktop files and the like, which lie on file systems of any kind.
+void waitUntilParsedFilesAreTrusted();
 
 /// The name of the file with that number; one in a hundred declares no type.
 std::string sampleName(std::size_t number);

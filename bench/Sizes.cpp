@@ -15,6 +15,7 @@ std::optional<Sizes> sizesNamed(std::string_view name) {
                      .operations = 10000,
                      .imports = 10000,
                      .largeMebibytes = 1024,
+                     .applications = 1'000,
                      .rounds = 5};
     }
     if (name == "small") {
@@ -29,6 +30,7 @@ std::optional<Sizes> sizesNamed(std::string_view name) {
                      .operations = 3000,
                      .imports = 3000,
                      .largeMebibytes = 256,
+                     .applications = 1'000,
                      .rounds = 5};
     }
     if (name == "ci") {
@@ -43,6 +45,7 @@ std::optional<Sizes> sizesNamed(std::string_view name) {
                      .operations = 200,
                      .imports = 100,
                      .largeMebibytes = 8,
+                     .applications = 20,
                      .rounds = 2};
     }
     return std::nullopt;

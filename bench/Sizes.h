@@ -22,6 +22,7 @@ struct Sizes {
     std::size_t operations = 0;      ///< renames and the like in one round
     std::size_t imports = 0;         ///< small files imported in one round
     std::size_t largeMebibytes = 0;  ///< of the one large file
+    std::size_t applications = 0;    ///< installed applications that keep documents
     unsigned rounds = 0;
 
     std::size_t treeFolders() const { return outerFolders * (1 + foldersInEach); }

@@ -58,6 +58,7 @@ void addOperations(Suite& suite);
 void addSearch(Suite& suite);
 void addIcons(Suite& suite);
 void addBus(Suite& suite);
+void addApplications(Suite& suite);
 void addMemory(Suite& suite);
 
 /// The part of the memory benchmark that runs in a process of its own, on that person's home: prints one line of

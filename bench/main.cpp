@@ -73,6 +73,7 @@ int run(const Options& options, const Sizes& sizes) {
     addOperations(suite);
     addIcons(suite);
     addBus(suite);
+    addApplications(suite);
     benchmark::AddCustomContext("size", sizes.name);
     benchmark::AddCustomContext("rounds", std::to_string(sizes.rounds));
 

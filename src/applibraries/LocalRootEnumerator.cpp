@@ -1,6 +1,7 @@
 #include "applibraries/LocalRootEnumerator.h"
 
-#include <algorithm>
+#include <string>
+#include <unordered_set>
 
 #include "applibraries/ListText.h"
 #include "hostframework/HostError.h"
@@ -99,13 +100,12 @@ Result<void> LocalRootEnumerator::bringUpToMainCache(hostframework::ChangeObserv
         return failure(hostframework::syncAnchorExpired());
     }
     log.debug("change token version matches local version");
-    const auto former = appLibraryManager_->rootURLsForAppLibraries();
+    std::unordered_set<std::string> former;
+    for (const URL& root : appLibraryManager_->rootURLsForAppLibraries()) former.insert(root.path());
     if (!upgrade(&observer)) return {};
     token.appLibraryVersionToken = appLibraryManager_->versionToken();
     auto added = appLibraryManager_->rootURLsForAppLibraries();
-    std::erase_if(added, [&](const URL& root) {
-        return std::ranges::any_of(former, [&](const URL& held) { return held.path() == root.path(); });
-    });
+    std::erase_if(added, [&](const URL& root) { return former.contains(root.path()); });
     return tellContentsOf(added, token);
 }
 

@@ -1,8 +1,5 @@
 #include "platform/registry/ApplicationScanner.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cerrno>
 
@@ -13,32 +10,6 @@ namespace tarnwell::registry {
 namespace {
 
 constexpr std::string_view kDesktopSuffix = ".desktop";
-
-struct FolderEntry {
-    std::string name;
-    bool isFolder = false;
-};
-
-/// A link to a folder is none: links could lead round in circles.
-bool isFolder(const std::string& path, unsigned char type) {
-    if (type != DT_UNKNOWN) return type == DT_DIR;
-    struct stat status{};
-    return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
-
-/// The entries by name, at most kMaxFolderEntries; none where there is no such folder.
-std::vector<FolderEntry> entriesOf(const std::string& folder) {
-    std::vector<FolderEntry> entries;
-    std::unique_ptr<DIR, int (*)(DIR*)> open(opendir(folder.c_str()), closedir);
-    if (!open) return entries;
-    while (const dirent* entry = readdir(open.get())) {
-        if (entry->d_name[0] == '.') continue;
-        if (entries.size() == kMaxFolderEntries) break;
-        entries.push_back({entry->d_name, isFolder(folder + "/" + entry->d_name, entry->d_type)});
-    }
-    std::ranges::sort(entries, {}, &FolderEntry::name);
-    return entries;
-}
 
 /// "x" of "x.desktop"; nothing for any other name.
 std::optional<std::string> stemOf(std::string_view name) {
@@ -81,11 +52,14 @@ void add(Application& application, const DesktopEntry& entry) {
         application.supportsDocumentBrowser.value_or(false) || *entry.supportsDocumentBrowser;
 }
 
+}  // namespace
+
 /// The desktop files below a folder by their IDs: in sub-folders "a/b.desktop" has the ID "a-b". The first of an ID
 /// counts; of two in one folder, the first by name.
-void collectDesktopFiles(const std::string& folder, const std::string& prefix, int depth,
-                         std::map<std::string, std::string>& paths) {
-    for (const FolderEntry& entry : entriesOf(folder)) {
+void ApplicationScanner::collectDesktopFiles(const std::string& folder, const std::string& prefix, int depth,
+                                             DesktopFiles& paths) {
+    const auto listing = listings_.of(folder);
+    for (const FolderEntry& entry : *listing) {
         const std::string path = folder + "/" + entry.name;
         if (entry.isFolder) {
             if (depth < kMaxDesktopFolderDepth && paths.size() < kMaxFolderEntries) {
@@ -97,10 +71,34 @@ void collectDesktopFiles(const std::string& folder, const std::string& prefix, i
     }
 }
 
+/// The one of an ID that `collectDesktopFiles` would find, by the few names that it may have.
+std::optional<std::string> ApplicationScanner::findDesktopFile(const std::string& folder, std::string_view identifier,
+                                                               int depth) {
+    std::vector<std::string> names{std::string(identifier) + std::string(kDesktopSuffix)};
+    for (std::size_t dash = identifier.find('-', 1); dash != std::string_view::npos && depth < kMaxDesktopFolderDepth;
+         dash = identifier.find('-', dash + 1)) {
+        names.emplace_back(identifier.substr(0, dash));
+    }
+    std::ranges::sort(names);
+    const auto listing = listings_.of(folder);
+    for (const std::string& name : names) {
+        const FolderEntry* entry = listing->find(name);
+        if (entry == nullptr) continue;
+        const std::string path = folder + "/" + name;
+        if (!entry->isFolder) {
+            if (name.size() > identifier.size()) return path;
+        } else if (name.size() < identifier.size()) {
+            if (auto found = findDesktopFile(path, identifier.substr(name.size() + 1), depth + 1)) return found;
+        }
+    }
+    return std::nullopt;
+}
+
 /// Desktop files in the folder, and in its sub-folders from that depth on, may come, go and change.
-void watchDesktopFiles(WatchedFolders& watched, const std::string& folder, int depth) {
+void ApplicationScanner::watchDesktopFiles(WatchedFolders& watched, const std::string& folder, int depth) {
     watched.addContents(folder);
-    for (const FolderEntry& entry : entriesOf(folder)) {
+    const auto listing = listings_.of(folder);
+    for (const FolderEntry& entry : *listing) {
         const std::string path = folder + "/" + entry.name;
         if (entry.isFolder) {
             if (depth < kMaxDesktopFolderDepth) watchDesktopFiles(watched, path, depth + 1);
@@ -111,15 +109,16 @@ void watchDesktopFiles(WatchedFolders& watched, const std::string& folder, int d
     }
 }
 
-}  // namespace
-
 ApplicationScanner::ApplicationScanner(RegistrySources sources, ProblemLog& problems)
     : sources_(std::move(sources)), problems_(problems) {}
 
 std::vector<ApplicationPtr> ApplicationScanner::applications(ApplicationType type) {
     Found found = scan({.type = type});
     if (type == ApplicationType::system) {
-        for (const auto& [identifier, application] : scan({.type = ApplicationType::user})) found.erase(identifier);
+        // One by one: where the user's are thousands, the system's are few, or the other way round.
+        std::erase_if(found, [&](const auto& entry) {
+            return scan({.type = ApplicationType::user, .identifier = &entry.first}).contains(entry.first);
+        });
     }
     std::vector<ApplicationPtr> result;
     result.reserve(found.size());
@@ -191,7 +190,10 @@ ApplicationScanner::Found ApplicationScanner::scanFlatpaks(const std::string& in
     Found found;
     if (sources_.varApp.empty()) return found;
     const std::string folder = installation + "/exports/share/applications";
-    for (const FolderEntry& file : entriesOf(folder)) {
+    const auto listing = listings_.of(folder);
+    const std::string beginning = query.identifier ? *query.identifier : std::string();
+    for (auto at = listing->firstWith(beginning); at != listing->end() && at->name.starts_with(beginning); ++at) {
+        const FolderEntry& file = *at;
         const auto stem = stemOf(file.name);
         if (!stem || (query.identifier && !belongsTo(*stem, *query.identifier))) continue;
         const std::string path = folder + "/" + file.name;
@@ -201,19 +203,19 @@ ApplicationScanner::Found ApplicationScanner::scanFlatpaks(const std::string& in
         const std::string& identifier = named ? *entry->flatpakIdentifier : *stem;
         if (query.identifier && *query.identifier != identifier) continue;
         if (!acceptIdentifier(identifier, path, Origin::flatpak)) continue;
-        auto [at, isFirst] = found.try_emplace(identifier);
+        auto [application, isFirst] = found.try_emplace(identifier);
         if (isFirst) {
-            at->second = {.identifier = identifier,
-                          .origin = Origin::flatpak,
-                          .type = query.type,
-                          .containerPath = sources_.varApp + "/" + identifier,
-                          .localizedName = entry->localizedName,
-                          .sharesFiles = keepsDocuments(installation, identifier),
-                          .icon = entry->icon,
-                          .iconDirs = {installation + "/exports/share/icons"}};
+            application->second = {.identifier = identifier,
+                                   .origin = Origin::flatpak,
+                                   .type = query.type,
+                                   .containerPath = sources_.varApp + "/" + identifier,
+                                   .localizedName = entry->localizedName,
+                                   .sharesFiles = keepsDocuments(installation, identifier),
+                                   .icon = entry->icon,
+                                   .iconDirs = {installation + "/exports/share/icons"}};
         }
-        if (*stem == identifier) beMain(at->second, *entry);
-        add(at->second, *entry);
+        if (*stem == identifier) beMain(application->second, *entry);
+        add(application->second, *entry);
         problems_.settle(path);
     }
     return found;
@@ -224,7 +226,11 @@ ApplicationScanner::Found ApplicationScanner::scanSnaps(const std::string& folde
     if (sources_.snapHome.empty()) return found;
     const auto wanted = query.identifier ? snapInstanceOf(*query.identifier) : std::nullopt;
     if (query.identifier && !wanted) return found;
-    for (const FolderEntry& file : entriesOf(folder)) {
+    const auto listing = listings_.of(folder);
+    const std::string beginning(wanted ? withoutKey(*wanted) : std::string_view());
+    for (auto entryAtName = listing->firstWith(beginning);
+         entryAtName != listing->end() && entryAtName->name.starts_with(beginning); ++entryAtName) {
+        const FolderEntry& file = *entryAtName;
         const auto stem = stemOf(file.name);
         if (!stem) continue;
         const std::string nameInFile = snapNameOf(*stem);
@@ -256,19 +262,7 @@ ApplicationScanner::Found ApplicationScanner::scanSnaps(const std::string& folde
 }
 
 ApplicationScanner::Found ApplicationScanner::scanDesktopEntries(const Query& query) {
-    std::map<std::string, std::string> ofUser;
-    if (!sources_.userDesktopDir.empty()) collectDesktopFiles(sources_.userDesktopDir, "", 0, ofUser);
-    std::map<std::string, std::string> paths;
-    if (query.type == ApplicationType::user) {
-        paths = std::move(ofUser);
-    } else {
-        for (const std::string& folder : sources_.systemDesktopDirs) {
-            std::map<std::string, std::string> inFolder;
-            collectDesktopFiles(folder, "", 0, inFolder);
-            paths.merge(inFolder);
-        }
-        for (const auto& [identifier, path] : ofUser) paths.erase(identifier);
-    }
+    const bool ofUser = query.type == ApplicationType::user;
     Found found;
     const auto consider = [&](const std::string& identifier, const std::string& path) {
         if (auto application = desktopApplication(identifier, path, query.type)) {
@@ -276,10 +270,30 @@ ApplicationScanner::Found ApplicationScanner::scanDesktopEntries(const Query& qu
         }
     };
     if (query.identifier) {
-        if (const auto at = paths.find(*query.identifier); at != paths.end()) consider(at->first, at->second);
-    } else {
-        for (const auto& [identifier, path] : paths) consider(identifier, path);
+        auto path = sources_.userDesktopDir.empty() ? std::nullopt
+                                                    : findDesktopFile(sources_.userDesktopDir, *query.identifier, 0);
+        if (path.has_value() != ofUser) return found;
+        for (auto folder = sources_.systemDesktopDirs.begin(); !path && folder != sources_.systemDesktopDirs.end();
+             ++folder) {
+            path = findDesktopFile(*folder, *query.identifier, 0);
+        }
+        if (path) consider(*query.identifier, *path);
+        return found;
     }
+    DesktopFiles usersFiles;
+    if (!sources_.userDesktopDir.empty()) collectDesktopFiles(sources_.userDesktopDir, "", 0, usersFiles);
+    DesktopFiles paths;
+    if (ofUser) {
+        paths = std::move(usersFiles);
+    } else {
+        for (const std::string& folder : sources_.systemDesktopDirs) {
+            DesktopFiles inFolder;
+            collectDesktopFiles(folder, "", 0, inFolder);
+            paths.merge(inFolder);
+        }
+        for (const auto& [identifier, path] : usersFiles) paths.erase(identifier);
+    }
+    for (const auto& [identifier, path] : paths) consider(identifier, path);
     return found;
 }
 

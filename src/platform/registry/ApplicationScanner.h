@@ -10,6 +10,7 @@
 #include "platform/registry/AppRegistry.h"
 #include "platform/registry/DesktopEntry.h"
 #include "platform/registry/FlatpakMetadata.h"
+#include "platform/registry/FolderListings.h"
 #include "platform/registry/ParsedFileCache.h"
 #include "platform/registry/ProblemLog.h"
 #include "platform/registry/RegistrySources.h"
@@ -17,7 +18,6 @@
 
 namespace tarnwell::registry {
 
-inline constexpr std::size_t kMaxFolderEntries = 20'000;
 inline constexpr int kMaxDesktopFolderDepth = 4;
 
 /// One application as the disk told of it at one time.
@@ -71,6 +71,11 @@ private:
     Found scanSnaps(const std::string& folder, const Query& query);
     Found scanDesktopEntries(const Query& query);
 
+    using DesktopFiles = std::map<std::string, std::string>;  ///< paths by identifier
+    void collectDesktopFiles(const std::string& folder, const std::string& prefix, int depth, DesktopFiles& paths);
+    std::optional<std::string> findDesktopFile(const std::string& folder, std::string_view identifier, int depth);
+    void watchDesktopFiles(WatchedFolders& watched, const std::string& folder, int depth);
+
     std::optional<Application> desktopApplication(const std::string& identifier, const std::string& path,
                                                   ApplicationType type);
     bool keepsDocuments(const std::string& installation, const std::string& identifier);
@@ -83,6 +88,7 @@ private:
 
     RegistrySources sources_;
     ProblemLog& problems_;
+    FolderListings listings_;
     ParsedFileCache<DesktopEntry> entries_;
     ParsedFileCache<FlatpakMetadata> metadata_;
 };

@@ -33,6 +33,11 @@ Result<FileStamp> stampOf(const std::string& path);
 /// systems tick in milliseconds or slower, so one that changed just now may change again within the tick.
 bool isSettled(const FileStamp& stamp);
 
+/// The same two for a folder, by which its entries are told to be the same. On local file systems that stamp with the
+/// kernel's clock a folder is settled after some of its ticks; `descriptor` is the open folder.
+Result<FileStamp> stampOfFolder(const std::string& path);
+bool isSettledFolder(const FileStamp& stamp, int descriptor);
+
 /// The file's bytes; EFBIG past kMaxParsedFileBytes. Never blocks.
 Result<std::string> readParsedFile(const std::string& path);
 
