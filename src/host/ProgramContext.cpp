@@ -6,6 +6,7 @@
 #include <future>
 #include <mutex>
 #include <optional>
+#include <utility>
 
 #include "applibraries/AppLibraryDiscovery.h"
 #include "applibraries/TWPAppLibraryManager.h"
@@ -209,7 +210,14 @@ Result<void> ProgramContext::beginWatching() {
     };
     if (auto watch = parts_->registry->watch(refresh)) {
         parts_->registryWatch = std::move(*watch);
-        refresh();  // what changed since they were met
+        // The first look at what changed since they were met. Every look may find another folder where a library's was,
+        // and nothing but that look tells of it.
+        parts_->provider->refreshInstalledAppsWithCompletionHandler(
+            [parts = parts_.get(), known = parts_->roots.generation()]() mutable {
+                if (std::exchange(known, parts->roots.generation()) == known) return;
+                parts->appLibraries->backgroundQueue().async(
+                    [parts] { (void)parts->events->currentEventID({}, events::Interest::nothing); });
+            });
     } else {
         parts_->programLog.error("applications that come and go are found at the next start; " +
                                  describe(watch.error()));

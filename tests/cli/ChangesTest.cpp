@@ -341,6 +341,29 @@ TEST(Changes, FollowDocumentsFoldersThatAreMadeLater) {
     EXPECT_EQ(program.finish().status, 0);
 }
 
+TEST(Changes, FollowDocumentsFoldersThatAreMadeAgain) {
+    Device device;
+    makeDirectories(device.path("home/Charts/Documents"));
+    writeFile(device.path("home/Charts/Documents/Old.txt"), "text");
+    writeFile(device.path("home/.local/share/applications/net.example.Charts.desktop"),
+              "[Desktop Entry]\nType=Application\nName=Charts\nX-Tarnwell-DataContainer=~/Charts\n"
+              "X-Tarnwell-SupportsDocumentBrowser=true\n");
+    const auto former = device.idOf(device.path("home/Charts/Documents/Old.txt"));
+    auto program = device.start({"--json", "changes", "root", "--follow"});
+    ASSERT_TRUE(program.readLine());
+    // Nothing else happens then: that the folder is another one is all there is to notice.
+    makeDirectories(device.path("home/Charts/next"));
+    writeFile(device.path("home/Charts/next/New.txt"), "text");
+    disk::remove_all(device.path("home/Charts/Documents"));
+    disk::rename(device.path("home/Charts/next"), device.path("home/Charts/Documents"));
+    followTo(program, "New.txt");
+    writeFile(device.path("home/Charts/Documents/Later.txt"), "text");
+    followTo(program, "Later.txt");
+    program.sendSignal(SIGTERM);
+    EXPECT_EQ(program.finish().status, 0);
+    EXPECT_NE(device.run({"path", former}).status, 0);
+}
+
 TEST(Changes, FollowASnapFromRevisionToRevision) {
     Device device;
     const std::string snap = device.path("home/snap/scanner");

@@ -228,6 +228,76 @@ TEST(Roots, AVersionGivesWayToTheNextUnderTheNameOfTheLink) {
     }
 }
 
+TEST(Roots, AFolderThatIsMadeAgainIsTheRootFromThenOn) {
+    for (const std::string home : {"home", "Documents/home"}) {  // with a name of its own, and with one made up
+        SCOPED_TRACE(home);
+        const Sandbox sandbox;
+        const std::string documents = home + "/app/Documents";
+        sandbox.folder(documents);
+        Roots roots;
+        const auto url = roots.addContainer(sandbox.path(home + "/app"));
+        ASSERT_TRUE(url);
+        const std::string name = url->appending("Documents").path();
+        const auto former = roots.locate(name)->root;
+        std::uint64_t generation = roots.generation();
+
+        // Gone, it is held open for as long as nothing stands in its place.
+        std::filesystem::remove(sandbox.path(documents));
+        EXPECT_EQ(roots.addContainer(sandbox.path(home + "/app")), url);
+        EXPECT_EQ(roots.generation(), generation);
+        EXPECT_EQ(roots.locate(name)->root, former);
+        std::filesystem::create_symlink("..", sandbox.path(documents));
+        EXPECT_EQ(roots.addContainer(sandbox.path(home + "/app")), url);
+        EXPECT_EQ(roots.locate(name)->root, former) << "a link is no folder";
+        std::filesystem::remove(sandbox.path(documents));
+
+        sandbox.folder(documents);
+        EXPECT_EQ(roots.addContainer(sandbox.path(home + "/app")), url);
+        EXPECT_GT(roots.generation(), generation);
+        const auto next = roots.locate(name + "/file")->root;
+        EXPECT_NE(next, former);
+        EXPECT_EQ(next->former, former);
+        EXPECT_FALSE(next->isVersion);
+        EXPECT_EQ(roots.all(), (std::vector{next}));
+        EXPECT_TRUE(roots.isRoot(next->directory.get()));
+        EXPECT_FALSE(roots.isRoot(former->directory.get()));
+        EXPECT_EQ(roots.urlForRealPath(sandbox.path(documents + "/file")).path(), name + "/file");
+
+        // Moved away, and brought back.
+        std::filesystem::rename(sandbox.path(documents), sandbox.path(home + "/app/aside"));
+        sandbox.folder(documents);
+        EXPECT_EQ(roots.addContainer(sandbox.path(home + "/app")), url);
+        EXPECT_NE(roots.locate(name)->root, next);
+        std::filesystem::remove(sandbox.path(documents));
+        std::filesystem::rename(sandbox.path(home + "/app/aside"), sandbox.path(documents));
+        EXPECT_EQ(roots.addContainer(sandbox.path(home + "/app")), url);
+        EXPECT_EQ(roots.locate(name)->root->inode, next->inode);
+        generation = roots.generation();
+        EXPECT_EQ(roots.addContainer(sandbox.path(home + "/app")), url);
+        EXPECT_EQ(roots.generation(), generation);
+    }
+}
+
+TEST(Roots, AFolderThatIsMadeAgainMayBeNoOtherRoot) {
+    const Sandbox sandbox;
+    sandbox.folder("one/Documents");
+    sandbox.folder("two/Documents");
+    Roots roots;
+    const auto one = roots.addContainer(sandbox.path("one"));
+    const auto two = roots.addContainer(sandbox.path("two"));
+    ASSERT_TRUE(one && two);
+    std::filesystem::remove(sandbox.path("two/Documents"));
+    std::filesystem::rename(sandbox.path("one/Documents"), sandbox.path("two/Documents"));
+    const auto refused = roots.addContainer(sandbox.path("two"));
+    ASSERT_FALSE(refused);
+    EXPECT_TRUE(refused.error().is(ErrorDomain::posix, EXDEV));
+    // Once the first has another folder, its former one is free.
+    sandbox.folder("one/Documents");
+    EXPECT_EQ(roots.addContainer(sandbox.path("one")), one);
+    EXPECT_EQ(roots.addContainer(sandbox.path("two")), two);
+    EXPECT_EQ(roots.all().size(), 2U);
+}
+
 TEST(Roots, AVersionMayLieInNoOtherRoot) {
     const Sandbox sandbox;
     sandbox.folder("app/1/Documents");

@@ -75,12 +75,15 @@ Result<void> ComparingEventService::tellContents(const std::vector<URL>& roots, 
     constexpr std::size_t kAtOnce = 1000;
     std::vector<FileID> pending;
     if (upTo > store_.lastEventID()) return {};  // nobody can have that position
-    {
-        store::Session session(store_);
-        for (auto root = roots.rbegin(); root != roots.rend(); ++root) {
-            if (auto row = session.index().childNamed(FileID{0}, root->path())) pending.push_back(row->fileID);
+    const auto places = hub_->placesOf(roots);
+    for (auto place = places.rbegin(); place != places.rend(); ++place) {
+        // Not by its name, which may have been that of another folder before.
+        auto row = hub_->withServices([&](store::Store&, files::Comparer& comparer) { return comparer.rowAt(*place); });
+        if (row) {
+            pending.push_back(row->fileID);
+        } else if (row.error().domain != ErrorDomain::posix) {
+            return failure(row.error());
         }
-        if (auto checked = session.check(); !checked) return checked;
     }
     while (!pending.empty()) {
         const FileID folder = pending.back();

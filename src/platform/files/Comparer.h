@@ -171,6 +171,8 @@ private:
     /// Under runMutex_: the roots that a comparison of all of them looked at, and their generation then.
     std::set<const Root*> rootsCompared_;
     std::uint64_t rootsGeneration_ = 0;
+    /// Under runMutex_: the roots whose places others took, and whose rows were brought in line with that.
+    std::set<const Root*> partedFrom_;
     /// Under runMutex_: folders of whose contents no hint will tell, to be read with all below them: such as were given
     /// up when the folder became hidden or went, or were there before it was watched.
     std::set<FileID> unread_;

@@ -80,6 +80,7 @@ Result<ObjectRow> ComparisonRun::rootRow(const std::shared_ptr<const Root>& root
     if (auto released = release(); !released) return failure(released.error());
     auto identity = comparer_.identityOf(*status, root->directory.get());
     if (!identity) return failure(identity.error());
+    if (auto parted = partFromFormers(*root); !parted) return failure(parted.error());
     auto row = session().index().byIdentity(*identity);
     if (row && row->parent == 0 && row->name == root->name && row->state == ObjectState::live) return *row;
     write();
@@ -109,6 +110,53 @@ Result<ObjectRow> ComparisonRun::rootRow(const std::shared_ptr<const Root>& root
     fresh.changed = status->changed;
     session().index().insert(fresh);
     return fresh;
+}
+
+/// Another folder stands where a library's was. What that one held is gone if it was removed: nobody can remove a
+/// folder that holds something, so what did lie in it is to be looked for elsewhere. Moved or covered by a mount, it is
+/// unavailable, and all in it stays what it is.
+Result<void> ComparisonRun::partFromFormers(const Root& root) {
+    if (root.isVersion) return {};  // it is succeeded by the next one
+    // Several, where nobody asked for what was in between.
+    for (const Root* former = root.former.get(); former != nullptr; former = former->former.get()) {
+        if (comparer_.partedFrom_.contains(former)) break;
+        if (auto parted = partFrom(*former); !parted) return parted;
+        comparer_.partedFrom_.insert(former);
+    }
+    return {};
+}
+
+Result<void> ComparisonRun::partFrom(const Root& former) {
+    const auto status = filesystem::statusOf(former.directory.get());
+    if (!status) return failure(status.error());
+    if (auto released = release(); !released) return released;
+    const auto identity = comparer_.identityOf(*status, former.directory.get());
+    if (!identity) return failure(identity.error());
+    auto row = session().index().byIdentity(*identity);
+    // By now it may be known as a folder below another root.
+    if (!row || row->parent != 0 || row->name != former.name) return session().check();
+    unwatchBelow(row->fileID);
+    if (status->links == 0) {
+        write();
+        row->state = ObjectState::missing;
+        row->visible = false;  // its name goes on, so nobody is told that it left
+        session().index().update(*row);
+        comparer_.unsettled_ = true;
+    }
+    return session().check();
+}
+
+/// Hints of what happens there could not be followed any more.
+void ComparisonRun::unwatchBelow(FileID folder) {
+    if (comparer_.watch_ == nullptr) return;
+    std::vector<FileID> pending{folder};
+    while (!pending.empty()) {
+        const FileID next = pending.back();
+        pending.pop_back();
+        comparer_.watch_->forget(next);
+        comparer_.unread_.erase(next);
+        for (const EntryRow& row : session().index().folders(next)) pending.push_back(row.fileID);
+    }
 }
 
 /// A new version of a folder was copied from the one before: what has the same name and content in it is what was

@@ -91,6 +91,9 @@ private:
     FolderContext contextOf(const store::EntryRow& folder);
     static bool showsContents(const store::EntryRow& folder);
     Result<store::ObjectRow> rootRow(const std::shared_ptr<const Root>& root);
+    Result<void> partFromFormers(const Root& root);
+    Result<void> partFrom(const Root& former);
+    void unwatchBelow(FileID folder);
     Result<std::optional<store::ObjectRow>> succeed(const Root& root, const store::ObjectIdentity& identity);
     Result<void> succeedBelow(const Root& root, FileID folder, const std::string& relative,
                               std::vector<std::pair<FileID, std::string>>& pending);

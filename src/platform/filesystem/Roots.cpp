@@ -108,12 +108,6 @@ Result<ResolvedFolder> resolveFolder(const std::string& path) {
     return ResolvedFolder{std::move(realPath), std::move(*directory)};
 }
 
-bool isSameFolder(const Root& a, const Root& b) {
-    struct stat first{}, second{};
-    if (::fstat(a.directory.get(), &first) != 0 || ::fstat(b.directory.get(), &second) != 0) return false;
-    return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
-}
-
 }  // namespace
 
 Roots::~Roots() {
@@ -155,18 +149,34 @@ Result<URL> Roots::addVersionedContainer(const std::string& link) {
     return addLibrary(link, joined(above->path, link.substr(slash + 1)), true);
 }
 
+/// The root of the path's container, if the folder that stands there is the one that is held open: by one system call,
+/// since every look at the applications asks for all of them.
+const Root* Roots::knownLibrary(const std::string& container) const {
+    if (!container.starts_with('/') || container.find('\0') != std::string::npos) return nullptr;
+    const std::string documents = joined(container, kDocuments);
+    const Root* known = find(nameForRealPath(documents));
+    if (known == nullptr || known->kind != Root::Kind::library) return nullptr;
+    struct stat status{};
+    if (untilNotInterrupted([&] { return ::lstat(documents.c_str(), &status); }) != 0) return nullptr;
+    return status.st_dev == known->device && status.st_ino == known->inode ? known : nullptr;
+}
+
 /// `namedContainer` is what the name is made of where that is not the resolved path.
 Result<URL> Roots::addLibrary(const std::string& container, const std::string& namedContainer, bool isVersion) {
+    if (auto known = knownLibrary(container)) return URL::file(parentOf(known->name));
     auto resolved = resolveFolder(container);
     if (!resolved) return failure(resolved.error());
     std::string realPath = joined(resolved->path, kDocuments);
     std::string name = nameForRealPath(isVersion ? joined(namedContainer, kDocuments) : realPath);
     const Root* known = find(name);
     const bool isKnown = known != nullptr && known->kind == Root::Kind::library;
-    if (isKnown && (!isVersion || known->realPath == realPath)) return URL::file(parentOf(name));
+    const bool isThere = isKnown && known->realPath == realPath;
+    // The name is that of a link, at whose place another container stands now.
+    if (isKnown && !isThere && !isVersion) return URL::file(parentOf(name));
 
     auto documents = openFolder(resolved->directory.get(), kDocuments.data(), RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS);
     if (!documents) {
+        if (isThere) return URL::file(parentOf(name));
         if (!documents.error().is(ErrorDomain::posix, ELOOP)) return failure(documents.error());
         return failure(posixError(ENOTDIR, "a link stands where a folder is needed: " + realPath));
     }
@@ -177,16 +187,18 @@ Result<URL> Roots::addLibrary(const std::string& container, const std::string& n
     return URL::file(parentOf((*added)->name));
 }
 
-/// `territory` is all that belongs to the new root: the storage root itself, a library's whole container.
-Result<void> Roots::compatible(const Root& root, const std::string& territory, const Root& other) {
-    if (root.kind == Root::Kind::storage && other.kind == Root::Kind::storage) {
-        return failure(posixError(EEXIST, "there is a storage root already: " + other.realPath));
-    }
-    const bool bothLibraries = root.kind == other.kind;
-    const std::string_view mine = bothLibraries ? std::string_view(root.realPath) : territory;
-    const std::string_view theirs = !bothLibraries && other.kind == Root::Kind::library
-                                        ? parentOf(other.realPath)
-                                        : std::string_view(other.realPath);
+namespace {
+
+bool isSameFolder(const Root& a, const Root& b) { return a.device == b.device && a.inode == b.inode; }
+
+/// True for two folders of one library, of which the first was found earlier.
+bool givesWay(const Root& former, const Root& next) {
+    if (former.kind != Root::Kind::library || next.kind != former.kind || former.name != next.name) return false;
+    return former.realPath == next.realPath || (former.isVersion && next.isVersion);
+}
+
+/// EXDEV where one of two territories lies in the other.
+Result<void> apart(std::string_view mine, std::string_view theirs) {
     if (relationship(theirs, mine) != Relationship::other) {
         return failure(posixError(
             EXDEV, std::string(mine) + " lies in " + std::string(theirs) + ", which belongs to another root"));
@@ -195,8 +207,41 @@ Result<void> Roots::compatible(const Root& root, const std::string& territory, c
         return failure(posixError(
             EXDEV, std::string(mine) + " contains " + std::string(theirs) + ", which belongs to another root"));
     }
-    if (isSameFolder(root, other)) {
-        return failure(posixError(EXDEV, root.realPath + " is the same folder as " + other.realPath));
+    return {};
+}
+
+}  // namespace
+
+/// `territory` is all that belongs to the new root: the storage root itself, a library's whole container.
+Result<void> Roots::compatible(const Root& root, const std::string& territory) const {
+    const Root* storage =
+        roots_.empty() || roots_.front()->kind != Root::Kind::storage ? nullptr : roots_.front().get();
+    if (root.kind == Root::Kind::storage) {
+        if (storage != nullptr) {
+            return failure(posixError(EEXIST, "there is a storage root already: " + storage->realPath));
+        }
+        for (const auto& library : roots_) {
+            if (auto fits = apart(territory, parentOf(library->realPath)); !fits) return fits;
+        }
+    } else if (storage != nullptr) {
+        if (auto fits = apart(territory, storage->realPath); !fits) return fits;
+    }
+    const std::string_view path = root.realPath;
+    for (std::size_t end = path.rfind('/'); end != 0 && end != std::string_view::npos; end = path.rfind('/', end - 1)) {
+        const auto above = byRealPath_.find(path.substr(0, end));
+        if (above == byRealPath_.end() || givesWay(*above->second, root)) continue;
+        if (auto fits = apart(path, above->first); !fits) return fits;
+    }
+    const std::string inside = path == "/" ? "/" : root.realPath + "/";
+    for (auto below = byRealPath_.lower_bound(inside); below != byRealPath_.end() && below->first.starts_with(inside);
+         ++below) {
+        if (givesWay(*below->second, root)) continue;
+        if (auto fits = apart(path, below->first); !fits) return fits;
+    }
+    // The same folder under another path, by another mount of it.
+    const auto same = byFolder_.find({root.device, root.inode});
+    if (same != byFolder_.end() && !givesWay(*same->second, root)) {
+        return failure(posixError(EXDEV, root.realPath + " is the same folder as " + same->second->realPath));
     }
     return {};
 }
@@ -204,40 +249,39 @@ Result<void> Roots::compatible(const Root& root, const std::string& territory, c
 Result<std::shared_ptr<const Root>> Roots::insert(Root root, const std::string& territory) {
     const auto status = filesystem::statusOf(root.directory.get());
     if (!status) return failure(status.error());
+    root.device = status->device;
     root.inode = status->inode;
     root.birth = status->birth;
+
+    const std::lock_guard lock(mutex_);
+    // A folder that is held open keeps its numbers, also when it is removed.
+    if (const auto known = byRealPath_.find(root.realPath);
+        known != byRealPath_.end() && known->second->kind == root.kind &&
+        (isSameFolder(*known->second, root) || !givesWay(*known->second, root))) {
+        return known->second;
+    }
+    if (auto fits = compatible(root, territory); !fits) return failure(fits.error());
+    const std::shared_ptr<const Root>* holder = nullptr;
+    if (find(root.name, &holder) != nullptr && givesWay(**holder, root)) root.former = *holder;
     const auto added = std::make_shared<const Root>(std::move(root));
     auto node = std::make_unique<Node>(Node{added, nullptr});
-    for (;;) {
-        // The comparison asks the kernel, so it runs outside of the lock, again if a root came in between.
-        const std::uint64_t generation = this->generation();
-        const auto before = all();
-        const auto isFormer = [&](const std::shared_ptr<const Root>& other) {
-            return added->isVersion && other->isVersion && other->name == added->name;
-        };
-        for (const auto& other : before) {
-            if (other->kind == added->kind && other->realPath == added->realPath) return other;
-            if (isFormer(other)) continue;
-            auto fits = compatible(*added, territory, *other);
-            if (!fits) return failure(fits.error());
-        }
-        const std::lock_guard lock(mutex_);
-        if (generation != this->generation()) continue;
-        const auto former = std::ranges::find_if(roots_, isFormer);
-        if (former != roots_.end()) {
-            byRealPath_.erase((*former)->realPath);
-            *former = added;
-        } else {
-            roots_.insert(added->kind == Root::Kind::storage ? roots_.begin() : roots_.end(), added);
-        }
-        byRealPath_.emplace(added->realPath, added);
-        // In front, so that it is found before the one that it takes the place of.
-        auto& bucket = byName_[TextHash{}(added->name) % kBuckets];
-        node->next = bucket.load(std::memory_order_relaxed);
-        bucket.store(node.release(), std::memory_order_release);
-        generation_.fetch_add(1, std::memory_order_release);
-        return added;
+    if (added->former) {
+        byRealPath_.erase(added->former->realPath);
+        byFolder_.erase({added->former->device, added->former->inode});
+        descriptors_.erase(added->former->directory.get());
+        std::ranges::replace(roots_, added->former, added);
+    } else {
+        roots_.insert(added->kind == Root::Kind::storage ? roots_.begin() : roots_.end(), added);
     }
+    byRealPath_.emplace(added->realPath, added);
+    byFolder_.emplace(FolderKey{added->device, added->inode}, added.get());
+    descriptors_.insert(added->directory.get());
+    // In front, so that it is found before the one that it takes the place of.
+    auto& bucket = byName_[TextHash{}(added->name) % kBuckets];
+    node->next = bucket.load(std::memory_order_relaxed);
+    bucket.store(node.release(), std::memory_order_release);
+    generation_.fetch_add(1, std::memory_order_release);
+    return added;
 }
 
 std::shared_ptr<const Root> Roots::storage() const {
@@ -253,7 +297,7 @@ std::vector<std::shared_ptr<const Root>> Roots::all() const {
 
 bool Roots::isRoot(int descriptor) const {
     const std::lock_guard lock(mutex_);
-    return std::ranges::any_of(roots_, [&](const auto& root) { return root->directory.get() == descriptor; });
+    return descriptors_.contains(descriptor);
 }
 
 std::optional<Place> Roots::locate(std::string_view path) const {

@@ -3,12 +3,14 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "platform/base/Descriptor.h"
@@ -27,9 +29,12 @@ struct Root {
     std::string realPath;
     /// O_PATH descriptor of the folder.
     Descriptor directory;
-    /// Which folder it is: another one may have had its name at an earlier start.
+    /// Which folder it is: another one may have had its name before. The device's number counts while it is held open.
+    std::uint64_t device = 0;
     std::uint64_t inode = 0;
     std::int64_t birth = 0;
+    /// The one whose place it took; null for the first of its name.
+    std::shared_ptr<const Root> former = nullptr;
     /// True where the name is that of a link to versions of a folder: another folder of the name is the next version,
     /// and what lies in it is what lay in the one before.
     bool isVersion = false;
@@ -45,7 +50,8 @@ struct Place {
 /// take no lock.
 ///
 /// R1: no two roots have the same name or are the same folder, none lies in another, none is dropped or changed once
-///     added (a folder that is removed and made again stays unavailable). Only a version gives way to another one.
+///     added. A library's folder gives way to another one under its name: to the next version, or to the one that
+///     stands at its path now, the former having been removed, moved or covered by a mount. The former stays open.
 /// R2: a root's name holds the component "Documents" exactly once, at its end. Where the real path is such a path, it
 ///     is the name; elsewhere the name is "/.tarnwell/<real path with % and / escaped>/Documents". For the real path of
 ///     a version stands that of the link and what is below it.
@@ -64,9 +70,10 @@ public:
 
     /// Adds the library whose data container is at `realContainer` (links followed once), if its "Documents" is a real
     /// folder, not a link. Returns the URL that names the container; appending "Documents" names the root.
-    /// Adding a container again gives the same URL, whatever became of its Documents. ENOENT where there is no
-    /// Documents folder, ENOTDIR where it is a link or no folder, EXDEV where the container lies in the storage root or
-    /// the other way round, or its Documents and another library's lie in one another, EINVAL as for `addStorage`.
+    /// Adding a container again gives the same URL, whatever became of its Documents; another folder that stands there
+    /// by then is the root from now on. ENOENT where there is no Documents folder, ENOTDIR where it is a link or no
+    /// folder, EXDEV where the container lies in the storage root or the other way round, or its Documents and another
+    /// library's lie in one another, EINVAL as for `addStorage`.
     Result<URL> addContainer(const std::string& realContainer);
     /// The same for a container whose path ends in a link that leads to another version of it from time to time. The
     /// URL names the link, and the version that it leads to now takes the place of the one before.
@@ -102,18 +109,25 @@ private:
     };
     static constexpr std::size_t kBuckets = 1024;
 
+    using FolderKey = std::pair<std::uint64_t, std::uint64_t>;  ///< device and inode of a folder that is held open
+
     const Root* find(std::string_view name, const std::shared_ptr<const Root>** holder = nullptr) const;
     /// Adds the root unless R1 forbids it or another of its name came first, which is given then.
     Result<std::shared_ptr<const Root>> insert(Root root, const std::string& territory);
+    const Root* knownLibrary(const std::string& container) const;
     Result<URL> addLibrary(const std::string& container, const std::string& namedContainer, bool isVersion);
-    static Result<void> compatible(const Root& root, const std::string& territory, const Root& other);
+    /// Whether R1 allows the root beside those that are there. Of libraries only those are looked at that lie above or
+    /// below it, since there may be thousands. Under mutex_.
+    Result<void> compatible(const Root& root, const std::string& territory) const;
 
     /// Chains of nodes that are only ever added to, at their front (R1), so that readers need no lock.
     std::array<std::atomic<const Node*>, kBuckets> byName_{};
     std::atomic<std::uint64_t> generation_{0};  ///< changed under mutex_
     mutable std::mutex mutex_;
     std::vector<std::shared_ptr<const Root>> roots_;
-    std::unordered_map<std::string, std::shared_ptr<const Root>, TextHash, std::equal_to<>> byRealPath_;
+    std::map<std::string, std::shared_ptr<const Root>, std::less<>> byRealPath_;
+    std::map<FolderKey, const Root*> byFolder_;
+    std::unordered_set<int> descriptors_;
 };
 
 }  // namespace tarnwell
