@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "applibraries/AppLibraryIndexCleanup.h"
+#include "items/TWPFileObjectIdentifier.h"
 
 namespace tarnwell::applibraries {
 
@@ -27,11 +28,16 @@ std::vector<hostframework::ProviderItemPtr> itemsOf(const AppLibraryGeneration& 
     return items;
 }
 
-/// The identifiers of `before` that `after` has no more, in the order of `before`.
+/// The identifiers of `before` that `after` has no more, in the order of `before`; last those whose documents were gone
+/// when `before` was loaded: whoever has an anchor of that generation may have been told of them while they were there.
 std::vector<std::string> removedIdentifiers(const AppLibraryGeneration& before, const AppLibraryGeneration& after) {
     std::vector<std::string> removed;
     for (const auto& [identifier, item] : before.appLibrariesByItemIDs) {
         if (!after.appLibrariesByItemIDs.contains(identifier)) removed.push_back(identifier);
+    }
+    for (const std::string& identifier : before.withoutItem) {
+        const bool isTold = before.appLibrariesByItemIDs.contains(identifier);
+        if (!isTold && !after.appLibrariesByItemIDs.contains(identifier)) removed.push_back(identifier);
     }
     return removed;
 }
@@ -75,6 +81,7 @@ std::shared_ptr<AppLibraryGeneration> LocalAppLibraryManager::build(const AppLib
         AppLibraryItemPtr item = items::LocalAppLibraryItem::initFrom(services_.environment, *record);
         if (!item) {
             services_.environment.log.debug([&] { return std::string(failureText) + record->description(); });
+            generation->withoutItem.push_back(items::appLibraryIdentifier(*record));
             continue;
         }
         generation->bundleProxiesByRootURLs.set(item->fileURL(), record);
@@ -166,7 +173,10 @@ bool LocalAppLibraryManager::upgradeFromMainCache(hostframework::ChangeObserver*
     }
 
     const AppLibraryRecords records = main.queue().sync([&] { return main.load(); });
-    std::shared_ptr<const AppLibraryGeneration> after = build(records, "can't create app library for ");
+    const auto built = build(records, "can't create app library for ");
+    // Nobody is told of these with this generation.
+    built->withoutItem.clear();
+    const std::shared_ptr<const AppLibraryGeneration> after = built;
     if (observer && !after->appLibrariesByItemIDs.empty()) observer->didUpdateItems(itemsOf(*after));
 
     const std::vector<std::string> removed = removedIdentifiers(*before, *after);

@@ -29,6 +29,8 @@ struct AppLibraryGeneration {
     std::uint64_t versionToken = 0;
     OrderedDictionary<hostframework::ItemIdentifier, AppLibraryItemPtr> appLibrariesByItemIDs;
     OrderedDictionary<URL, registry::BundleRecordPtr, URLHash, URLEqual> bundleProxiesByRootURLs;
+    /// Of records in a loaded cache file that gave no item.
+    std::vector<hostframework::ItemIdentifier> withoutItem;
 };
 
 /// Holds one generation of the app libraries: filled from its cache file when it is made, and changed only by an

@@ -239,6 +239,27 @@ TEST_F(ManagerUpgradeTest, PassesOverRecordsWithoutALibraryAndReportsThemGone) {
                      "[DEBUG] upgraded manager " + manager->description()}));
 }
 
+TEST_F(ManagerUpgradeTest, ReportsALibraryGoneWhoseDataWasGoneWhenTheManagerWasMade) {
+    setLibraries({"A", "B"});
+    auto former = makeManager(CacheSource::workingSet);
+    ASSERT_TRUE(former->upgradeFromMainCache(nullptr, IndexCleanup::no));
+    ASSERT_TRUE(former->saveToCache());
+    // Uninstalled with its data, before a manager of the generation that clients were told of is made again.
+    restart();
+    std::filesystem::remove_all(std::filesystem::path(device_.makeContainer("B")));
+    auto manager = makeManager(CacheSource::workingSet);
+    ASSERT_EQ(identifiersOf(*manager), Lines{"#org.example.A"});
+    setLibraries({"A"});
+    RecordingChangeObserver observer;
+    EXPECT_TRUE(manager->upgradeFromMainCache(&observer, IndexCleanup::yes));
+    EXPECT_EQ(observer.calls, (Lines{"update #org.example.A", "delete #org.example.B"}));
+    EXPECT_EQ(deletions(), std::vector<Lines>{{"#org.example.B"}});
+    // Told once.
+    setLibraries({"A", "C"});
+    EXPECT_TRUE(manager->upgradeFromMainCache(&observer, IndexCleanup::no));
+    EXPECT_EQ(observer.calls.back(), "update #org.example.A #org.example.C");
+}
+
 TEST_F(ManagerUpgradeTest, TakesNothingFromADamagedFile) {
     setLibraries({"A"});
     auto manager = makeManager(CacheSource::main);
