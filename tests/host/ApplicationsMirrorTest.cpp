@@ -542,9 +542,10 @@ private:
     void restart() {
         // Documents that are made again are known to be others only to a program that had the former ones open, and
         // looks at them: a new start cannot tell a folder that was removed from one that is not available, of which
-        // nothing is told.
+        // nothing is told. So everybody is told before.
         device_.refresh();
         EXPECT_TRUE(device_.context().events().currentEventID({}, events::Interest::everything));
+        for (const auto& client : clients_) client->ask(client->anchors() - 1, true);
         for (const auto& client : clients_) client->stopFollowing();
         device_.start();
     }
