@@ -1,5 +1,6 @@
 #include "platform/registry/FolderListings.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -97,6 +98,23 @@ TEST(FolderListingsTest, AFolderIsReadAgainOnlyWhenItChanged) {
     EXPECT_EQ(namesOf(*listings.of(device.path("some"))), Names{"z"});
     std::filesystem::remove_all(device.path("some"));
     EXPECT_EQ(namesOf(*listings.of(device.path("some"))), Names());
+}
+
+TEST(FolderListingsTest, AFolderIsSettledSomeTicksAfterItsLastChange) {
+    RegistryDevice device;
+    device.makeFolder("some");
+    const Descriptor open(::open(device.path("some").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::int64_t now =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    const std::int64_t old = now - 60'000'000'000, future = now + 60'000'000'000;
+    EXPECT_TRUE(isSettledFolder({.modified = old, .changed = old}, open.get()));
+    EXPECT_FALSE(isSettledFolder({.modified = old, .changed = now}, open.get()));
+    EXPECT_FALSE(isSettledFolder({.modified = now, .changed = old}, open.get()));
+    EXPECT_FALSE(isSettledFolder({.modified = old, .changed = future}, open.get()));
+    // Of a file system that is not known to stamp in ticks.
+    const Descriptor proc(::open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    EXPECT_FALSE(isSettledFolder({.modified = old, .changed = now - 500'000'000}, proc.get()));
 }
 
 TEST(FolderListingsTest, AnUnchangedApplicationsFilesAreNotOpenedAgain) {
