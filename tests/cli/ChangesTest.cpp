@@ -351,6 +351,12 @@ TEST(Changes, FollowDocumentsFoldersThatAreMadeAgain) {
     const auto former = device.idOf(device.path("home/Charts/Documents/Old.txt"));
     auto program = device.start({"--json", "changes", "root", "--follow"});
     ASSERT_TRUE(program.readLine());
+    // Until the looks that belong to the start are over.
+    makeDirectories(device.path("home/Plans/Documents"));
+    writeFile(device.path("home/.local/share/applications/net.example.Plans.desktop"),
+              "[Desktop Entry]\nType=Application\nName=Plans\nX-Tarnwell-DataContainer=~/Plans\n"
+              "X-Tarnwell-SupportsDocumentBrowser=true\n");
+    followTo(program, "Plans");
     // Nothing else happens then: that the folder is another one is all there is to notice.
     makeDirectories(device.path("home/Charts/next"));
     writeFile(device.path("home/Charts/next/New.txt"), "text");
