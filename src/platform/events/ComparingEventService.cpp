@@ -77,6 +77,7 @@ Result<void> ComparingEventService::tellContents(const std::vector<URL>& roots, 
     if (upTo > store_.lastEventID()) return {};  // nobody can have that position
     const auto places = hub_->placesOf(roots);
     for (auto place = places.rbegin(); place != places.rend(); ++place) {
+        if (!place->relative.empty()) continue;  // no root
         // Not by its name, which may have been that of another folder before.
         auto row = hub_->withServices([&](store::Store&, files::Comparer& comparer) { return comparer.rowAt(*place); });
         if (row) {
