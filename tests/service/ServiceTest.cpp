@@ -218,10 +218,11 @@ TEST_F(ServiceTest, AReloadMeetsAnApplicationThatTheWatchHasNotMet) {
     const std::string home = device_.root + "/home/";
     testing::makeDirectories(home + ".var/app/org.example.Later/Documents");
     testing::makeDirectories(home + ".local/share/applications");
-    testing::writeFile(home + ".local/share/applications/org.example.Later.desktop",
-                       "[Desktop Entry]\nType=Application\nName=Later\nExec=later\nX-Tarnwell-SupportsDocumentBrowser=true\n"
-                       "X-Tarnwell-DataContainer=" +
-                           home + ".var/app/org.example.Later\n");
+    testing::writeFile(
+        home + ".local/share/applications/org.example.Later.desktop",
+        "[Desktop Entry]\nType=Application\nName=Later\nExec=later\nX-Tarnwell-SupportsDocumentBrowser=true\n"
+        "X-Tarnwell-DataContainer=" +
+            home + ".var/app/org.example.Later\n");
     service_->reload();
     EXPECT_TRUE(soon([&] { return client_->items({"#org.example.Later"}).at(0).has_value(); }));
 }

@@ -25,7 +25,8 @@ public:
     /// Whether the bus may start the service.
     enum class Start { ifNeeded, never };
 
-    /// To the session's bus, or that of a D-Bus address. Fails with ECONNREFUSED where no service runs, and with another POSIX error where there is no bus.
+    /// To the session's bus, or that of a D-Bus address. Fails with ECONNREFUSED where no service runs, and with
+    /// another POSIX error where there is no bus.
     static Result<std::unique_ptr<BusSession>> connect(Start start, const std::string& busAddress = {});
     /// No request may be under way.
     ~BusSession() override;

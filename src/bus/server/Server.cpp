@@ -139,10 +139,11 @@ public:
     }
 
     Result<void> start() {
-        auto loop = Loop::connect(options_.busAddress, [this](sd_bus* connection) { return begin(connection); },
-                                  [this] {
-                                      if (options_.onDisconnect) options_.onDisconnect();
-                                  });
+        auto loop = Loop::connect(
+            options_.busAddress, [this](sd_bus* connection) { return begin(connection); },
+            [this] {
+                if (options_.onDisconnect) options_.onDisconnect();
+            });
         if (!loop) return failure(loop.error());
         loop_ = std::move(*loop);
         return {};

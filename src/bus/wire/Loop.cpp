@@ -123,7 +123,8 @@ struct Loop::State {
     }
 };
 
-Result<std::unique_ptr<Loop>> Loop::connect(const std::string& address, const std::function<Result<void>(sd_bus*)>& begin,
+Result<std::unique_ptr<Loop>> Loop::connect(const std::string& address,
+                                            const std::function<Result<void>(sd_bus*)>& begin,
                                             std::function<void()> onEnd) {
     auto state = std::make_unique<State>();
     state->onEnd = std::move(onEnd);

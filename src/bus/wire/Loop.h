@@ -19,7 +19,8 @@ public:
     /// Connects to the bus of that D-Bus address; an empty one stands for that of DBUS_SESSION_BUS_ADDRESS, else of the
     /// runtime folder. `begin` sets up what the connection answers, on the calling thread, before anything is read from
     /// it. Fails with a POSIX error.
-    static Result<std::unique_ptr<Loop>> connect(const std::string& address,const std::function<Result<void>(sd_bus*)>& begin,
+    static Result<std::unique_ptr<Loop>> connect(const std::string& address,
+                                                 const std::function<Result<void>(sd_bus*)>& begin,
                                                  std::function<void()> onEnd = {});
     /// Runs what was posted, sends what is to be sent, and ends the connection. Not on the loop's thread.
     ~Loop();
