@@ -40,7 +40,8 @@ public:
         testing::makeDirectories(directory_.path("run"));
         testing::makeDirectories(documents());
         for (std::size_t i = 0; i < files; i += kFilesInEach) {
-            if (auto made = makeFiles(folder(i), kFilesInEach, Attributes::onEveryTenth, i); !made) return made;
+            if (auto made = makeFiles(folder(i), kFilesInEach, Attributes::onEveryTenth, i); !made)
+                return std::unexpected(made.error());
         }
         return {};
     }

@@ -80,6 +80,8 @@ struct HostedDevice::Connection {
 
 HostedDevice::~HostedDevice() = default;
 
+void HostedDevice::disconnect() { connections_.clear(); }
+
 void HostedDevice::start() {
     if (finding_ == Finding::serving) {
         if (!bus_) bus_ = std::make_unique<testing::PrivateBus>();

@@ -40,7 +40,7 @@ public:
     void killWhileItAnswers(const Message& message, unsigned microseconds);
 
     /// Ends the connections of all clients, as if they had crashed; they come back with their next request.
-    void disconnect() { connections_.clear(); }
+    void disconnect();
 
 private:
     struct Connection;
