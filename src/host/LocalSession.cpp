@@ -156,9 +156,10 @@ Result<std::unique_ptr<session::Watch>> LocalSession::watch(const ItemIdentifier
     (void)context_.watchForChanges();
     auto lent = enumerators_.take(container);
     if (!lent) return failure(lent.error());
-    auto watch =
-        std::make_unique<ContainerWatch>(enumerators_, context_.providerManager(), container, std::move(changed));
+    auto watch = std::make_unique<ContainerWatch>(enumerators_, context_.providerManager(), container, changed);
     enumerators_.giveBack(container, std::move(lent->enumerator), EnumeratorPool::Keep::whileWatched);
+    // Until it is first asked for changes, a view may not look at the libraries that came since its list was written.
+    changed();
     return watch;
 }
 

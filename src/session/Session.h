@@ -127,8 +127,9 @@ public:
     virtual Result<std::optional<Bytes>> currentAnchor(const ItemIdentifier& container) = 0;
     /// -1002 where the anchor has expired.
     virtual Result<ChangeBatch> changes(const ItemIdentifier& container, const Bytes& anchor) = 0;
-    /// Tells whenever something in the container may have changed, on a thread of the session's that must not be
-    /// held. What changes after this returned is told.
+    /// Tells once at the beginning, and whenever something in the container may have changed, on a thread of the
+    /// session's that must not be held. What changes after this returned is told, if the first telling was followed by
+    /// a request for changes.
     virtual Result<std::unique_ptr<Watch>> watch(const ItemIdentifier& container, std::function<void()> changed) = 0;
 
     enum class Access { read, readWrite };

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -60,6 +61,8 @@ ChildProgram::ChildProgram(const std::vector<std::string>& arguments, const tour
     process_ = ::fork();
     if (process_ < 0) stop("fork");
     if (process_ == 0) {
+        // A test that crashes leaves nothing running.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         for (const auto& [name, value] : environment) {
             if (value) {
                 ::setenv(name.c_str(), value->c_str(), 1);

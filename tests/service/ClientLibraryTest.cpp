@@ -131,6 +131,12 @@ TEST_F(ClientLibraryTest, AWatchTellsToLook) {
     std::atomic<bool> isTold = false;
     std::optional<client::Watch> watch = host_->watch(client::kWorkingSet, [&] { isTold = true; });
     client::Bytes anchor = host_->anchor(client::kWorkingSet);
+    // Once at the beginning, whereupon everybody asks.
+    EXPECT_TRUE(soon([&] { return isTold.load(); }));
+    while (isTold.exchange(false)) {
+        anchor = host_->changes(client::kWorkingSet, anchor).anchor;
+        ::usleep(300'000);
+    }
     testing::writeFile(note("new.txt"), "");
     EXPECT_TRUE(soon([&] { return isTold.load(); }));
     const client::Changes news = host_->changes(client::kWorkingSet, anchor);

@@ -153,7 +153,7 @@ void ComparisonRun::placeUnknown(Folder& folder, const DiskEntry& entry, ObjectR
     }
     auto left = displaced == nullptr ? recentlyLeft(folder, entry) : std::nullopt;
     if (left && left->fileID != row->fileID) displaced = &*left;
-    auto heritage = heritageOf(displaced);
+    auto heritage = keepsNames(folder) ? heritageOf(displaced) : std::nullopt;
     if (heritage && heritage->displaced == row->fileID) heritage.reset();  // back at its own name
     // What stands now where the object was known to be?
     std::optional<std::pair<std::uint64_t, std::int64_t>> there;
@@ -243,8 +243,14 @@ bool ComparisonRun::exchange(Folder& folder, const DiskEntry& entry, ObjectRow& 
 }
 
 /// The document that left this name a short time ago, in a comparison that went before.
+/// In a trash a name says nothing: what was put there under one that was free is no new version of what had it before.
+/// (Of the hidden folders only a root's own trash is visible.)
+bool ComparisonRun::keepsNames(const Folder& folder) {
+    return !(folder.row.visible && folder.row.name.starts_with('.'));
+}
+
 std::optional<ObjectRow> ComparisonRun::recentlyLeft(const Folder& folder, const DiskEntry& entry) {
-    if (!isLive()) return std::nullopt;
+    if (!isLive() || !keepsNames(folder)) return std::nullopt;
     const auto left = comparer_.recentlyLeft({raw(folder.row.fileID), entry.name});
     if (!left) return std::nullopt;
     auto row = session().index().byFileID(left->object);
@@ -264,7 +270,7 @@ void ComparisonRun::addNew(Folder& folder, const DiskEntry& entry, ObjectRow* di
     row.size = entry.status.size;
     row.modified = entry.status.modified;
     row.setChanged(entry.status.changed);
-    const auto heritage = row.isDocument() ? heritageOf(displaced) : std::nullopt;
+    const auto heritage = row.isDocument() && keepsNames(folder) ? heritageOf(displaced) : std::nullopt;
     if (row.visible) {
         if (row.isDocument() && !heritage) row.documentID = session().numbers().nextDocument();
         session().journal().recordChange(row, store::kChangeCreated);

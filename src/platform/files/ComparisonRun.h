@@ -123,6 +123,7 @@ private:
     bool exchange(Folder& folder, const DiskEntry& entry, store::ObjectRow& displaced, store::ObjectRow& moved);
     void notePackageChange(const Job& job);
     std::optional<store::ObjectRow> recentlyLeft(const Folder& folder, const DiskEntry& entry);
+    static bool keepsNames(const Folder& folder);
     void noteIfChanged(store::ObjectRow& row, const filesystem::Status& status);
     void noteAttributes(store::ObjectRow& row, const filesystem::Status& status);
     void insertWithKept(const Folder& folder, store::ObjectRow& row, const filesystem::Status& status);

@@ -159,9 +159,9 @@ public:
     /// Where the container's changes are now. To be taken before its listing.
     Bytes anchor(const std::string& container);
     Changes changes(const std::string& container, const Bytes& anchor);
-    /// Calls `changed`, on a thread of the client's that must not be held, when there may be changes: at least once for
-    /// what changed after this returned, and again only when the client has asked something since. `changed` must not
-    /// call the client.
+    /// Calls `changed`, on a thread of the client's that must not be held, once at the beginning and then when there
+    /// may be changes, again only when the client has asked something since. Ask for changes each time, from another
+    /// thread: `changed` must not call the client.
     Watch watch(const std::string& container, std::function<void()> changed);
 
     File open(const std::string& identifier, bool forWriting = false);
