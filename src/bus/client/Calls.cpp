@@ -58,6 +58,7 @@ Result<std::shared_ptr<Calls>> Calls::connect(bool startService, const std::stri
     auto loop = Loop::connect(busAddress, [raw = calls.get()](sd_bus* connection) { return raw->begin(connection); });
     if (!loop) return failure(loop.error());
     calls->loop_ = std::move(*loop);
+    calls->loop_->start();
     return calls;
 }
 

@@ -146,6 +146,7 @@ public:
             });
         if (!loop) return failure(loop.error());
         loop_ = std::move(*loop);
+        loop_->start();
         return {};
     }
 

@@ -134,14 +134,17 @@ Result<std::unique_ptr<Loop>> Loop::connect(const std::string& address,
         return failure(posixError(-opened, "there is no session bus: " + describe(posixError(-opened))));
     }
     if (auto begun = begin(state->connection); !begun) return failure(begun.error());
-    State* running = state.get();
-    state->thread = std::thread([running] { running->run(); });
     return std::unique_ptr<Loop>(new Loop(std::move(state)));
 }
 
 Loop::Loop(std::unique_ptr<State> state) : state_(std::move(state)) {}
 
+void Loop::start() {
+    state_->thread = std::thread([state = state_.get()] { state->run(); });
+}
+
 Loop::~Loop() {
+    if (!state_->thread.joinable()) return;
     {
         const std::lock_guard lock(state_->mutex);
         state_->isStopping = true;

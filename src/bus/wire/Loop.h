@@ -17,8 +17,8 @@ public:
     using Task = std::move_only_function<void(sd_bus* connection)>;
 
     /// Connects to the bus of that D-Bus address; an empty one stands for that of DBUS_SESSION_BUS_ADDRESS, else of the
-    /// runtime folder. `begin` sets up what the connection answers, on the calling thread, before anything is read from
-    /// it. Fails with a POSIX error.
+    /// runtime folder. `begin` sets up what the connection answers, on the calling thread. Nothing is read from it, and
+    /// nothing of what is posted is run, before `start`. Fails with a POSIX error.
     static Result<std::unique_ptr<Loop>> connect(const std::string& address,
                                                  const std::function<Result<void>(sd_bus*)>& begin,
                                                  std::function<void()> onEnd = {});
@@ -27,6 +27,8 @@ public:
     Loop(const Loop&) = delete;
     Loop& operator=(const Loop&) = delete;
 
+    /// Once. Whoever is called back may need what holds the loop, so that comes first.
+    void start();
     /// Any thread may call it.
     void post(Task task);
     bool isCurrent() const;
