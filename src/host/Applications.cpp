@@ -27,7 +27,8 @@ std::vector<session::Application> Applications::list() const {
 
 Applications::Folders Applications::foldersBefore() {
     Folders folders;
-    if (hasRefreshed_) {
+    // A program that stays has met by itself what came since its start.
+    if (hasRefreshed_ || context_.liveStatus()) {
         for (const auto& item : libraries()) {
             folders.emplace(item->itemIdentifier(), context_.roots().realPath(item->fileURL().path()));
         }

@@ -18,7 +18,7 @@ public:
 
     std::vector<session::Application> list() const;
     /// Looks at what is installed now. The first time it is compared with what the last run of the program left behind,
-    /// later with what was known right before.
+    /// later, and in a program that stays, with what was known right before.
     session::Refreshed refresh();
     /// Invalid parameter, with the rest of a sentence, where there is none.
     Result<session::Item> libraryOf(const std::string& bundleIdentifier) const;

@@ -1,5 +1,4 @@
-#ifndef TARNWELL_CLIENT_H
-#define TARNWELL_CLIENT_H
+#pragma once
 
 #include <chrono>
 #include <cstdint>
@@ -195,5 +194,3 @@ private:
 };
 
 }  // namespace tarnwell::client
-
-#endif
