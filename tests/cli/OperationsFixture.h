@@ -60,7 +60,8 @@ protected:
         Everything found;
         for (files::recursive_directory_iterator entry(device_.path("home")), end; entry != end; ++entry) {
             const std::string path = entry->path().string();
-            if (path.ends_with("/.local")) {
+            // The program's own: the store, and what can be made anew.
+            if (path.ends_with("/.local") || path.ends_with("/.cache")) {
                 entry.disable_recursion_pending();
                 continue;
             }
