@@ -10,7 +10,7 @@
 struct sd_bus_message;
 
 /// One D-Bus message, written and read value by value (sd_bus_message_append and sd_bus_message_read of libsystemd).
-/// Types are letters of the D-Bus specification. Only for the thread that the connection belongs to.
+/// Types are D-Bus's letters. Only for the thread that the connection belongs to.
 namespace tarnwell::bus {
 
 /// Appends values to a message, which it borrows. After a failure nothing more is appended, and `error` says why.
