@@ -291,6 +291,18 @@ TEST_F(ServerTest, AClientThatGoesLeavesNothing) {
     EXPECT_TRUE(soon([&] { return session_.use_count() == 1; }));
 }
 
+TEST_F(ServerTest, AClientThatGoesBeforeItIsKnownLeavesNothing) {
+    for (int i = 0; i < 10; ++i) {
+        // Nobody is let in as long as it is held.
+        const std::lock_guard lock(mutex_);
+        const RawClient client(bus_->address());
+        for (int j = 0; j < 5; ++j) client.send(client.newCall("Info"));
+        EXPECT_TRUE(soon([&] { return server_->counts().requests == 5; }));
+    }
+    EXPECT_TRUE(soon([&] { return server_->counts().clients == 0; }));
+    EXPECT_EQ(server_->counts().requests, 0U);
+}
+
 TEST_F(ServerTest, OneClientAtATimeBeyondTheMost) {
     mostClients_ = 2;
     restart({});

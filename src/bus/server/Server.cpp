@@ -412,9 +412,7 @@ private:
             client->refusal->userInfo["refused"] = "yes";
             log_.write(log::Level::info, "refused " + name + ": " + describe(session.error()));
         }
-        auto waiting = std::move(client->waiting);
-        client->waiting.clear();
-        for (auto& request : waiting) request();
+        for (auto& request : std::exchange(client->waiting, {})) request();
         if (client->state != Client::State::refused) return;
         client->jobs.clear();
         client->watches.clear();
@@ -436,7 +434,8 @@ private:
             for (const auto& [container, entry] : client->watches) entry->watch.reset();
             jobWorkers_->add(client->jobLane, [client] { client->session.reset(); });
         });
-        client->waiting.clear();
+        // Each finds that nobody waits for it any more, and lets go of its message.
+        for (auto& request : std::exchange(client->waiting, {})) request();
     }
 
     // Requests
