@@ -7,6 +7,7 @@
 
 #include "bus/client/BusSession.h"
 #include "bus/wire/Errors.h"
+#include "session/Listing.h"
 
 namespace tarnwell::client {
 namespace {
@@ -172,21 +173,11 @@ Page Client::list(const std::string& container, const Bytes& page) {
 }
 
 std::vector<Item> Client::listAll(const std::string& container) {
-    constexpr int kMostRestarts = 8;
-    for (int restarts = 0;; ++restarts) {
-        try {
-            std::vector<Item> all;
-            Bytes next;
-            do {
-                Page page = list(container, next);
-                for (auto& one : page.items) all.push_back(std::move(one));
-                next = std::move(page.next);
-            } while (!next.empty());
-            return all;
-        } catch (const Error& error) {
-            if (error.kind() != Error::Kind::anchorExpired || restarts == kMostRestarts) throw;
-        }
+    std::vector<Item> all;
+    for (auto& listed : valueOf(session::listContainer(*impl_->session, container))) {
+        all.push_back(itemOf(std::move(listed.item)));
     }
+    return all;
 }
 
 Bytes Client::anchor(const std::string& container) {

@@ -88,16 +88,7 @@ Result<Item> itemFrom(Calls& calls, const char* member, Calls::Write write) {
 Result<std::unique_ptr<BusSession>> BusSession::connect(Start start, const std::string& busAddress) {
     auto calls = Calls::connect(start == Start::ifNeeded, busAddress);
     if (!calls) return failure(calls.error());
-    std::unique_ptr<BusSession> session(new BusSession(std::move(*calls)));
-    if (auto info = session->info(); !info) return failure(info.error());
-    return session;
-}
-
-BusSession::BusSession(std::shared_ptr<Calls> calls) : calls_(std::move(calls)) {}
-BusSession::~BusSession() = default;
-
-Result<ServiceInfo> BusSession::info() {
-    return calls_->call<ServiceInfo>(Calls::host("Info"), noArguments(), [](Reader& reader) {
+    auto service = (*calls)->call<ServiceInfo>(Calls::host("Info"), noArguments(), [](Reader& reader) {
         ServiceInfo info;
         info.interfaceVersion = reader.uint32();
         info.programVersion = reader.string();
@@ -105,7 +96,13 @@ Result<ServiceInfo> BusSession::info() {
         info.stateDirectory = reader.text();
         return info;
     });
+    if (!service) return failure(service.error());
+    return std::unique_ptr<BusSession>(new BusSession(std::move(*calls), std::move(*service)));
 }
+
+BusSession::BusSession(std::shared_ptr<Calls> calls, ServiceInfo service)
+    : calls_(std::move(calls)), service_(std::move(service)) {}
+BusSession::~BusSession() = default;
 
 Session::Each<Item> BusSession::items(const std::vector<ItemIdentifier>& identifiers) {
     return inParts<Item>(identifiers, [&](const std::vector<std::string>& part, std::size_t) {

@@ -31,7 +31,8 @@ public:
     /// No request may be under way.
     ~BusSession() override;
 
-    Result<ServiceInfo> info();
+    /// What the service said of itself when this connected.
+    const ServiceInfo& service() const { return service_; }
 
     Each<session::Item> items(const std::vector<session::ItemIdentifier>& identifiers) override;
     Each<session::ItemIdentifier> identifiersAtPaths(const std::vector<std::string>& paths,
@@ -68,8 +69,9 @@ public:
     Result<session::Status> status() override;
 
 private:
-    explicit BusSession(std::shared_ptr<Calls> calls);
+    BusSession(std::shared_ptr<Calls> calls, ServiceInfo service);
     std::shared_ptr<Calls> calls_;
+    ServiceInfo service_;
 };
 
 }  // namespace tarnwell::bus

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "bus/server/Client.h"
+#include "bus/wire/Dictionary.h"
 #include "bus/wire/Errors.h"
 #include "bus/wire/Loop.h"
 #include "bus/wire/Names.h"
@@ -362,29 +363,16 @@ private:
             server.admitted(peer.name, failure(posixError(EACCES, "the bus does not say who asks")));
             return 0;
         }
-        reader.enter('a', "{sv}");
-        while (reader.more()) {
-            reader.enter('e', "sv");
-            const std::string key = reader.string();
-            const std::string contents(reader.variantContents());
-            reader.enter('v', contents.c_str());
-            if (key == "ProcessID" && contents == "u") {
-                peer.pid = static_cast<pid_t>(reader.uint32());
-            } else if (key == "UnixUserID" && contents == "u") {
-                peer.uid = reader.uint32();
-                hasUser = true;
-            } else if (key == "LinuxSecurityLabel" && contents == "ay") {
-                std::string label = reader.text();
-                // The bus gives it with the NUL at its end.
-                if (!label.empty() && label.back() == '\0') label.pop_back();
-                peer.securityLabel = std::move(label);
-            } else {
-                reader.skip(contents.c_str());
-            }
-            reader.exit();
-            reader.exit();
-        }
-        reader.exit();
+        readDictionary(reader, [&](std::string_view key, std::string_view contents) {
+            if (key == "ProcessID" && contents == "u") return peer.pid = static_cast<pid_t>(reader.uint32()), true;
+            if (key == "UnixUserID" && contents == "u") return peer.uid = reader.uint32(), hasUser = true;
+            if (key != "LinuxSecurityLabel" || contents != "ay") return false;
+            std::string label = reader.text();
+            // The bus gives it with the NUL at its end.
+            if (!label.empty() && label.back() == '\0') label.pop_back();
+            peer.securityLabel = std::move(label);
+            return true;
+        });
         if (reader.error() < 0 || !hasUser || peer.pid <= 0) {
             server.admitted(peer.name, failure(posixError(EACCES, "the bus does not say who asks")));
             return 0;

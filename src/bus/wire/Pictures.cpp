@@ -7,6 +7,7 @@
 
 #include <cerrno>
 
+#include "bus/wire/Dictionary.h"
 #include "bus/wire/Errors.h"
 
 namespace tarnwell::bus {
@@ -75,25 +76,11 @@ session::Session::Each<Bytes> readPictures(Reader& reader) {
     reader.enter('a', "a{sv}");
     while (reader.more()) {
         Entry entry;
-        reader.enter('a', "{sv}");
-        while (reader.more()) {
-            reader.enter('e', "sv");
-            const std::string key = reader.string();
-            const std::string contents(reader.variantContents());
-            reader.enter('v', contents.c_str());
-            if (key == "file" && contents == "u") {
-                entry.file = reader.uint32();
-            } else if (key == "error" && contents == "s") {
-                entry.error = reader.string();
-            } else if (key == "message" && contents == "s") {
-                entry.message = reader.string();
-            } else {
-                reader.skip(contents.c_str());
-            }
-            reader.exit();
-            reader.exit();
-        }
-        reader.exit();
+        readDictionary(reader, [&](std::string_view key, std::string_view contents) {
+            if (key == "file" && contents == "u") return entry.file = reader.uint32(), true;
+            if (key == "error" && contents == "s") return entry.error = reader.string(), true;
+            return key == "message" && contents == "s" && (entry.message = reader.string(), true);
+        });
         entries.push_back(std::move(entry));
     }
     reader.exit();

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <utility>
 
+#include "bus/wire/Dictionary.h"
 #include "bus/wire/Errors.h"
 #include "bus/wire/Names.h"
 
@@ -63,23 +64,6 @@ public:
 private:
     Writer& writer_;
 };
-
-/// Reads a{sv}: `take` is told of each key and reads the value, or says that it does not know it.
-template <typename Take>
-void readDictionary(Reader& reader, Take take) {
-    reader.enter('a', kEntry);
-    while (reader.more()) {
-        reader.enter('e', "sv");
-        const std::string key = reader.string();
-        const std::string contents(reader.variantContents());
-        if (reader.error() != 0) return;
-        reader.enter('v', contents.c_str());
-        if (!take(std::string_view(key), std::string_view(contents))) reader.skip(contents.c_str());
-        reader.exit();
-        reader.exit();
-    }
-    reader.exit();
-}
 
 Date dateOf(std::int64_t nanoseconds) { return Date(std::chrono::nanoseconds(nanoseconds)); }
 

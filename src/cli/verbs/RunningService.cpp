@@ -23,9 +23,9 @@ std::expected<std::unique_ptr<session::Session>, Failure> connectToService(const
         refused.message = "the service does not answer this program: " + refused.message;
         return std::unexpected(std::move(refused));
     }
-    const auto info = (*session)->info();
-    if (!info || !isSame(info->storageRoot, settings.storageRoot) ||
-        !isSame(info->stateDirectory, settings.stateDirectory)) {
+    const bus::ServiceInfo& service = (*session)->service();
+    if (!isSame(service.storageRoot, settings.storageRoot) ||
+        !isSame(service.stateDirectory, settings.stateDirectory)) {
         return nullptr;
     }
     return std::move(*session);
