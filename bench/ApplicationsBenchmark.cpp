@@ -16,6 +16,7 @@
 #include "host/ProgramContext.h"
 #include "platform/base/Descriptor.h"
 #include "testing/TemporaryDirectory.h"
+#include "testing/Variables.h"
 
 namespace tarnwell::bench {
 
@@ -72,12 +73,7 @@ public:
         std::map<std::string, std::string> variables{{"HOME", home_}, {"XDG_DATA_DIRS", home_ + "/system"}};
         variables["FLATPAK_SYSTEM_DIR"] = home_ + "/system/flatpak";
         variables["FLATPAK_CONFIG_DIR"] = home_ + "/system/etc";
-        const auto settings = host::Settings::from(
-            [&](const char* name) -> std::optional<std::string> {
-                const auto found = variables.find(name);
-                return found == variables.end() ? std::nullopt : std::optional(found->second);
-            },
-            std::nullopt);
+        const auto settings = host::Settings::from(testing::variables(variables), std::nullopt);
         if (!settings) return std::unexpected(tarnwell::describe(settings.error()));
         const Stopwatch stopwatch;
         auto context = host::ProgramContext::create(*settings, log_);

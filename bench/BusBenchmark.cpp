@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <thread>
 
 #include "bench/SampleFiles.h"
@@ -17,6 +18,7 @@
 #include "host/ProgramContext.h"
 #include "testing/PrivateBus.h"
 #include "testing/TemporaryDirectory.h"
+#include "testing/Variables.h"
 
 /// What a client of the service pays beside one that loads the provider itself.
 namespace tarnwell::bench {
@@ -48,7 +50,7 @@ public:
     std::string documents() const { return directory_.path("home/Documents"); }
     std::string folder(std::size_t firstFile) const { return documents() + "/f" + std::to_string(firstFile); }
 
-    std::vector<std::pair<std::string, std::string>> environment() const {
+    std::map<std::string, std::string> environment() const {
         return {{"HOME", directory_.path("home")},
                 {"XDG_DATA_HOME", directory_.path("home/data")},
                 {"XDG_STATE_HOME", directory_.path("home/state")},
@@ -62,13 +64,7 @@ public:
                 {"DBUS_SESSION_BUS_ADDRESS", bus_.address()}};
     }
     Result<host::Settings> settings() const {
-        const auto all = environment();
-        return host::Settings::from(
-            [&](const char* name) -> std::optional<std::string> {
-                const auto found = std::ranges::find(all, name, &std::pair<std::string, std::string>::first);
-                return found == all.end() ? std::nullopt : std::optional(found->second);
-            },
-            std::nullopt);
+        return host::Settings::from(testing::variables(environment()), std::nullopt);
     }
     const std::string& address() const { return bus_.address(); }
 

@@ -72,8 +72,15 @@ session::Session::Each<Item> ConfinedSession::items(const std::vector<ItemIdenti
 session::Session::Each<ItemIdentifier> ConfinedSession::identifiersAtPaths(const std::vector<std::string>& paths,
                                                                            session::PathUse use) {
     auto outcomes = session_->identifiersAtPaths(paths, use);
+    std::vector<ItemIdentifier> found;
+    for (const auto& outcome : outcomes) {
+        if (outcome) found.push_back(*outcome);
+    }
+    const auto seen = items(found);
+    auto next = seen.begin();
     for (auto& outcome : outcomes) {
-        if (!outcome || !check(*outcome)) outcome = failure(nothingThere());
+        const bool isOwn = outcome && next != seen.end() && (next++)->has_value();
+        if (!isOwn) outcome = failure(nothingThere());
     }
     return outcomes;
 }

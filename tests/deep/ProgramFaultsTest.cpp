@@ -16,6 +16,7 @@
 #include "platform/store/Store.h"
 #include "testing/CapturingLog.h"
 #include "testing/TemporaryDirectory.h"
+#include "testing/Variables.h"
 
 namespace tarnwell::deep {
 namespace {
@@ -37,13 +38,7 @@ protected:
 
     host::Settings settings() const {
         const std::map<std::string, std::string> variables{{"HOME", home_}, {"XDG_DATA_DIRS", home_ + "/system"}};
-        return host::Settings::from(
-                   [&](const char* name) -> std::optional<std::string> {
-                       const auto found = variables.find(name);
-                       return found == variables.end() ? std::nullopt : std::optional(found->second);
-                   },
-                   std::nullopt)
-            .value();
+        return host::Settings::from(testing::variables(variables), std::nullopt).value();
     }
     Result<std::unique_ptr<ProgramContext>> tryOpen() {
         auto context = ProgramContext::create(settings(), log_);

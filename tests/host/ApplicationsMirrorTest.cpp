@@ -20,6 +20,7 @@
 #include "testing/CapturingLog.h"
 #include "testing/LongRun.h"
 #include "testing/TemporaryDirectory.h"
+#include "testing/Variables.h"
 
 /// Applications that come, go, move and change at random on a real device, with restarts in between, and clients that
 /// come back with anchors of any age: each request ends as the generations of both sides say, and a client that obeys
@@ -90,12 +91,7 @@ public:
                                                            {"XDG_DATA_DIRS", home_ + "/system"},
                                                            {"FLATPAK_SYSTEM_DIR", home_ + "/system/flatpak"},
                                                            {"FLATPAK_CONFIG_DIR", home_ + "/system/etc"}};
-        const auto settings = Settings::from(
-            [&](const char* name) -> std::optional<std::string> {
-                const auto found = variables.find(name);
-                return found == variables.end() ? std::nullopt : std::optional(found->second);
-            },
-            std::nullopt);
+        const auto settings = Settings::from(testing::variables(variables), std::nullopt);
         ASSERT_TRUE(settings);
         auto context = ProgramContext::create(*settings, log_);
         ASSERT_TRUE(context) << describe(context.error());

@@ -9,6 +9,7 @@
 #include "host/ProgramContext.h"
 #include "testing/CapturingLog.h"
 #include "testing/TemporaryDirectory.h"
+#include "testing/Variables.h"
 
 namespace tarnwell::host {
 namespace {
@@ -112,12 +113,7 @@ protected:
 
     void open() {
         const std::map<std::string, std::string> variables{{"HOME", home_}, {"XDG_DATA_DIRS", home_ + "/system"}};
-        const auto settings = Settings::from(
-            [&](const char* name) -> std::optional<std::string> {
-                const auto found = variables.find(name);
-                return found == variables.end() ? std::nullopt : std::optional(found->second);
-            },
-            std::nullopt);
+        const auto settings = Settings::from(testing::variables(variables), std::nullopt);
         ASSERT_TRUE(settings);
         auto context = ProgramContext::create(*settings, log_);
         ASSERT_TRUE(context) << describe(context.error());

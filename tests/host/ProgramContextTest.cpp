@@ -15,6 +15,7 @@
 #include "host/Paths.h"
 #include "testing/CapturingLog.h"
 #include "testing/TemporaryDirectory.h"
+#include "testing/Variables.h"
 
 namespace tarnwell::host {
 namespace {
@@ -41,12 +42,7 @@ protected:
 
     Settings settings(const std::optional<std::string>& storage = std::nullopt) const {
         const std::map<std::string, std::string> variables{{"HOME", home_}, {"XDG_DATA_DIRS", home_ + "/system"}};
-        auto result = Settings::from(
-            [&](const char* name) -> std::optional<std::string> {
-                const auto found = variables.find(name);
-                return found == variables.end() ? std::nullopt : std::optional(found->second);
-            },
-            storage);
+        auto result = Settings::from(testing::variables(variables), storage);
         EXPECT_TRUE(result);
         return *result;
     }

@@ -16,6 +16,7 @@
 #include "host/SearchCatchUp.h"
 #include "testing/CapturingLog.h"
 #include "testing/TemporaryDirectory.h"
+#include "testing/Variables.h"
 
 namespace tarnwell::host {
 
@@ -48,12 +49,7 @@ protected:
 
     Settings settings() const {
         const std::map<std::string, std::string> variables{{"HOME", home_}, {"XDG_DATA_DIRS", home_ + "/system"}};
-        auto result = Settings::from(
-            [&](const char* name) -> std::optional<std::string> {
-                const auto found = variables.find(name);
-                return found == variables.end() ? std::nullopt : std::optional(found->second);
-            },
-            std::nullopt);
+        auto result = Settings::from(testing::variables(variables), std::nullopt);
         EXPECT_TRUE(result);
         return *result;
     }
