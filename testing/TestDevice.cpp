@@ -34,7 +34,8 @@ struct TestDevice::Services {
         : pool(dispatch::ThreadPool::create()),
           store(require(openStore(state, log), "the store")),
           types(mime::TypeDatabase::create()),
-          comparer(roots, *store, *types, files::KeptAttributes(items::LocalItem::keptAttributeNames(), &log)),
+          comparer(roots, *store, *types, files::KeptAttributes(items::LocalItem::keptAttributeNames(), &log),
+                   &ownChanges),
           files(roots, *store, comparer, *types),
           generationStore(roots, *store, comparer, files),
           events(roots, *store, comparer, pool, {std::chrono::milliseconds(20)}),
@@ -56,6 +57,7 @@ struct TestDevice::Services {
     std::shared_ptr<dispatch::ThreadPool> pool;
     std::unique_ptr<store::Store> store;
     Roots roots;
+    filesystem::OwnChanges ownChanges;
     std::shared_ptr<mime::TypeDatabase> types;
     files::Comparer comparer;
     files::LocalFileSystem files;
@@ -125,6 +127,7 @@ files::FileSystem& TestDevice::files() { return services_->files; }
 store::GenerationStoreManager& TestDevice::generationStore() { return services_->generationStore; }
 events::FileEventService& TestDevice::events() { return services_->events; }
 store::Store& TestDevice::store() { return *services_->store; }
+filesystem::OwnChanges& TestDevice::ownChanges() { return services_->ownChanges; }
 files::Comparer& TestDevice::comparer() { return services_->comparer; }
 FakeAppRegistry& TestDevice::registry() { return services_->registry; }
 RecordingProviderManager& TestDevice::providerManager() { return services_->providerManager; }

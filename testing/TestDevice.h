@@ -44,6 +44,8 @@ public:
     store::GenerationStoreManager& generationStore();
     events::FileEventService& events();
     store::Store& store();
+    /// For operations that change this device's files.
+    filesystem::OwnChanges& ownChanges();
     files::Comparer& comparer();
     FakeAppRegistry& registry();
     RecordingProviderManager& providerManager();

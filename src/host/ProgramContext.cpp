@@ -28,17 +28,19 @@ struct ProgramContext::Parts {
         : settings(programSettings),
           store(std::move(openStore)),
           programLog(log, pool),
-          fileOperations(operations::Context{roots, *store, log}, pool),
+          fileOperations(operations::Context{roots, *store, log, &ownChanges}, pool),
           device(device::DeviceSources::fromEnvironment(), log),
           icons({.program = icons::ProcessIconRenderer::programBesideThisOne(),
                  .cacheFolder = programSettings.cacheDirectory + "/icons"},
                 log),
-          comparer(roots, *store, *types, files::KeptAttributes(items::LocalItem::keptAttributeNames(), &log)) {}
+          comparer(roots, *store, *types, files::KeptAttributes(items::LocalItem::keptAttributeNames(), &log),
+                   &ownChanges) {}
 
     const Settings settings;
     const std::shared_ptr<dispatch::ThreadPool> pool = dispatch::ThreadPool::create();
     const std::unique_ptr<store::Store> store;
     Roots roots;
+    filesystem::OwnChanges ownChanges;
     items::ProgramLog programLog;
     HostFileOperations fileOperations;
     device::LinuxDeviceInfo device;

@@ -28,7 +28,8 @@ protected:
     FileOperationsContract() {
         if (!isReal()) return;
         real_ = std::make_unique<HostFileOperations>(
-            operations::Context{device_.roots(), device_.store(), device_.log()}, device_.pool());
+            operations::Context{device_.roots(), device_.store(), device_.log(), &device_.ownChanges()},
+            device_.pool());
     }
     static bool isReal() { return GetParam(); }
     hostframework::FileOperations& operations() {

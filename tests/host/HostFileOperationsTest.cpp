@@ -52,7 +52,7 @@ protected:
 
     testing::TestDevice device_;
     std::unique_ptr<HostFileOperations> operations_ = std::make_unique<HostFileOperations>(
-        operations::Context{device_.roots(), device_.store(), device_.log()}, device_.pool());
+        operations::Context{device_.roots(), device_.store(), device_.log(), &device_.ownChanges()}, device_.pool());
 };
 
 TEST_F(HostFileOperationsTest, WhatThrowsIsAnErrorAndKeepsNoPlaceAmongTheOperations) {
@@ -310,7 +310,9 @@ TEST_F(HostFileOperationsTest, AFreshStartSettlesWhatWasLeft) {
     record(store::TemporaryKind::aside, aside, "folder");
     record(store::TemporaryKind::copy, "no temporary", "");
     record(store::TemporaryKind::copy, ".tarnwell-" + UUID::random().text(), "");
-    HostFileOperations(operations::Context{device_.roots(), device_.store(), device_.log()}, device_.pool()).cleanUp();
+    HostFileOperations(operations::Context{device_.roots(), device_.store(), device_.log(), &device_.ownChanges()},
+                       device_.pool())
+        .cleanUp();
     EXPECT_FALSE(std::filesystem::exists(device_.path(copy)));
     EXPECT_EQ(readFile(device_.path("folder/mine")), "mine");
     EXPECT_EQ(readFile(device_.path(others)), "nobody recorded it");

@@ -52,7 +52,8 @@ protected:
         EXPECT_EQ(answer.wait(), std::nullopt);
     }
 
-    HostFileOperations real_{operations::Context{device_.roots(), device_.store(), device_.log()}, device_.pool()};
+    HostFileOperations real_{
+        operations::Context{device_.roots(), device_.store(), device_.log(), &device_.ownChanges()}, device_.pool()};
     std::shared_ptr<provider::LocalProvider> provider_;
 };
 

@@ -17,8 +17,9 @@ bool isVisibleEntry(const FolderContext& folder, std::string_view name, bool isD
     return !(folder.isRoot && isDirectory && name == "Inbox");
 }
 
-Comparer::Comparer(const Roots& roots, store::Store& store, mime::TypeDatabase& types, KeptAttributes kept)
-    : roots_(roots), store_(store), types_(types), kept_(std::move(kept)) {}
+Comparer::Comparer(const Roots& roots, store::Store& store, mime::TypeDatabase& types, KeptAttributes kept,
+                   filesystem::OwnChanges* ownChanges)
+    : roots_(roots), store_(store), types_(types), kept_(std::move(kept)), ownChanges_(ownChanges) {}
 
 Result<void> Comparer::compare(const std::vector<Place>& folders, Detail detail) {
     std::lock_guard running(runMutex_);
@@ -126,8 +127,15 @@ Result<void> Comparer::purgeGone() {
     return session.commit();
 }
 
-void Comparer::noteLeft(const store::ObjectRow& row) {
+void Comparer::noteLeft(store::Session& session, const store::ObjectRow& row) {
     if (watch_ == nullptr || !row.documentID) return;
+    if (ownChanges_ != nullptr) {
+        const auto folder = session.index().byFileID(FileID{row.parent});
+        if (folder &&
+            ownChanges_->found(ownName(*folder, row.name, row.identity), filesystem::OwnChanges::Change::taken)) {
+            return;
+        }
+    }
     constexpr std::size_t kMostKept = 10'000;
     if (left_.size() >= kMostKept) left_.clear();
     left_.insert_or_assign({row.parent, row.name}, Left{row.fileID, *row.documentID, std::chrono::steady_clock::now()});

@@ -17,6 +17,7 @@
 #include "platform/files/FolderWatch.h"
 #include "platform/files/KeptAttributes.h"
 #include "platform/filesystem/Beneath.h"
+#include "platform/filesystem/OwnChanges.h"
 #include "platform/filesystem/Roots.h"
 #include "platform/mime/TypeDatabase.h"
 #include "platform/store/Store.h"
@@ -43,14 +44,15 @@ bool isVisibleEntry(const FolderContext& folder, std::string_view name, bool isD
 /// C1: what a comparison cannot read (denied, gone meanwhile, an unavailable root) is left as it was known.
 /// C2: an object is told by its identity; a document ID stays with the object wherever it turns up, except that where a
 ///     document was replaced under its name it stays with the name: a rename over it, an exchange of two documents, a
-///     new file after the old one went or took a backup name.
+///     new file after the old one went or took a backup name. Not so where this program itself took the name from the
+///     one or gave it to the other, which is no way to save: the document ID stays with the object.
 /// C3: one comparison at a time; lookups of known objects go on meanwhile.
 /// C4: attributes that are kept for a document are those of the object that has its document ID; where another object
 ///     takes that over, it is given those that it lacks, as last seen.
 class Comparer {
 public:
-    Comparer(const Roots& roots, store::Store& store, mime::TypeDatabase& types,
-             KeptAttributes kept = KeptAttributes());
+    Comparer(const Roots& roots, store::Store& store, mime::TypeDatabase& types, KeptAttributes kept = KeptAttributes(),
+             filesystem::OwnChanges* ownChanges = nullptr);
 
     /// Compares the folders and everything below them; all roots when the list is empty.
     Result<void> compare(const std::vector<Place>& folders, Detail detail);
@@ -155,7 +157,7 @@ private:
         std::chrono::steady_clock::time_point when;
     };
     using NameKey = std::pair<std::uint64_t, std::string>;  ///< folder, name
-    void noteLeft(const store::ObjectRow& row);
+    void noteLeft(store::Session& session, const store::ObjectRow& row);
     std::optional<Left> recentlyLeft(const NameKey& name);
     bool leadsTo(store::Session& session, const store::EntryRow& row, const Place& place) const;
 
@@ -163,7 +165,8 @@ private:
     store::Store& store_;
     mime::TypeDatabase& types_;
     const KeptAttributes kept_;
-    std::mutex runMutex_;  ///< held by the comparison under way
+    filesystem::OwnChanges* const ownChanges_;  ///< of this program; may be null
+    std::mutex runMutex_;                       ///< held by the comparison under way
     /// Missing objects may wait to be settled: an earlier program may have been cut off. Under runMutex_.
     bool unsettled_ = true;
     bool takeoversLeft_ = true;     ///< the same for takeovers, also after a comparison that failed

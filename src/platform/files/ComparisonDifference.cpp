@@ -153,7 +153,7 @@ void ComparisonRun::placeUnknown(Folder& folder, const DiskEntry& entry, ObjectR
     }
     auto left = displaced == nullptr ? recentlyLeft(folder, entry) : std::nullopt;
     if (left && left->fileID != row->fileID) displaced = &*left;
-    auto heritage = keepsNames(folder) ? heritageOf(displaced) : std::nullopt;
+    auto heritage = heritageAt(folder, entry, displaced);
     if (heritage && heritage->displaced == row->fileID) heritage.reset();  // back at its own name
     // What stands now where the object was known to be?
     std::optional<std::pair<std::uint64_t, std::int64_t>> there;
@@ -242,13 +242,24 @@ bool ComparisonRun::exchange(Folder& folder, const DiskEntry& entry, ObjectRow& 
     return true;
 }
 
-/// The document that left this name a short time ago, in a comparison that went before.
 /// In a trash a name says nothing: what was put there under one that was free is no new version of what had it before.
 /// (Of the hidden folders only a root's own trash is visible.)
 bool ComparisonRun::keepsNames(const Folder& folder) {
     return !(folder.row.visible && folder.row.name.starts_with('.'));
 }
 
+/// What the entry takes over by coming to a name that another had.
+std::optional<ComparisonRun::Heritage> ComparisonRun::heritageAt(const Folder& folder, const DiskEntry& entry,
+                                                                 const ObjectRow* displaced) {
+    if (filesystem::OwnChanges* own = comparer_.ownChanges_) {
+        if (own->found(ownName(folder.row, entry.name, entry.identity), filesystem::OwnChanges::Change::given))
+            return {};
+        if (displaced != nullptr && own->wasTaken(ownName(folder.row, entry.name, displaced->identity))) return {};
+    }
+    return keepsNames(folder) ? heritageOf(displaced) : std::nullopt;
+}
+
+/// The document that left this name a short time ago, in a comparison that went before.
 std::optional<ObjectRow> ComparisonRun::recentlyLeft(const Folder& folder, const DiskEntry& entry) {
     if (!isLive() || !keepsNames(folder)) return std::nullopt;
     const auto left = comparer_.recentlyLeft({raw(folder.row.fileID), entry.name});
@@ -270,7 +281,8 @@ void ComparisonRun::addNew(Folder& folder, const DiskEntry& entry, ObjectRow* di
     row.size = entry.status.size;
     row.modified = entry.status.modified;
     row.setChanged(entry.status.changed);
-    const auto heritage = row.isDocument() && keepsNames(folder) ? heritageOf(displaced) : std::nullopt;
+    auto heritage = heritageAt(folder, entry, displaced);
+    if (!row.isDocument()) heritage.reset();
     if (row.visible) {
         if (row.isDocument() && !heritage) row.documentID = session().numbers().nextDocument();
         session().journal().recordChange(row, store::kChangeCreated);
@@ -288,7 +300,7 @@ void ComparisonRun::moveHere(Folder& folder, ObjectRow& row, const DiskEntry& en
     bool toldOf = old.visible && old.state != ObjectState::gone;
     std::string oldPath = toldOf ? pathOf(old) : std::string();
     bool sameFolder = old.parent == raw(folder.row.fileID);
-    if (toldOf && (!sameFolder || old.name != entry.name)) comparer_.noteLeft(old);
+    if (toldOf && (!sameFolder || old.name != entry.name)) comparer_.noteLeft(session(), old);
 
     row.parent = raw(folder.row.fileID);
     row.name = entry.name;

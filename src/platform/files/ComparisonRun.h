@@ -12,6 +12,12 @@
 
 namespace tarnwell::files {
 
+/// By what a name that this program gave or took is known.
+inline filesystem::OwnChanges::Name ownName(const store::ObjectRow& folder, const std::string& name,
+                                            const store::ObjectIdentity& object) {
+    return {folder.identity.inode, name, object.inode, object.birth};
+}
+
 /// One comparison from its start to its end. Used by Comparer only, under its run mutex. Its parts: which folders are
 /// read (ComparisonRun.cpp), which object is which in one of them (ComparisonDifference.cpp), what became of those that
 /// were missing (ComparisonSettling.cpp), what documents carry (ComparisonKept.cpp), what a watch was told of
@@ -138,6 +144,7 @@ private:
         FileID displaced{};
         DocumentID documentID{};
     };
+    std::optional<Heritage> heritageAt(const Folder& folder, const DiskEntry& entry, const store::ObjectRow* displaced);
     std::optional<Heritage> heritageOf(const store::ObjectRow* displaced);
     void noteTakeover(store::Takeover takeover);
     void settleTakeovers();

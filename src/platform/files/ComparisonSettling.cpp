@@ -272,7 +272,7 @@ void ComparisonRun::leave(ObjectRow row, const std::string& path, Leaving leavin
         }
         if (step.row.visible) {
             session().journal().recordDeparture(step.row.fileID, step.row.documentID, step.row.parent, step.path);
-            comparer_.noteLeft(step.row);
+            comparer_.noteLeft(session(), step.row);
         }
         if (leaving == Leaving::gone && step.row.isDirectory()) forgetFolder(step.row.fileID);
         // Hidden, a file is found where it stands when its folder is read again; if it is not, another name that it has

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/filesystem/OwnChanges.h"
 #include "platform/filesystem/Roots.h"
 #include "platform/log/Log.h"
 #include "platform/store/Store.h"
@@ -11,6 +12,8 @@ struct Context {
     const Roots& roots;
     store::Store& store;
     log::Log& log;
+    /// Told of every name that an operation gives or takes; null where nobody looks at the disk meanwhile.
+    filesystem::OwnChanges* ownChanges = nullptr;
 };
 
 }  // namespace tarnwell::operations

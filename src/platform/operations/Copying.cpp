@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "platform/base/SystemCall.h"
+#include "platform/operations/Announced.h"
 #include "platform/operations/NoReplace.h"
 #include "platform/operations/OperationErrors.h"
 #include "platform/operations/Removal.h"
@@ -157,7 +158,9 @@ private:
         }
         auto name = putUnderName(folder_, name_, options_.taken, [&](const std::string& tried) {
             if (options_.aboutToAppear) options_.aboutToAppear(status, tried);
-            return put(tried);
+            Announced announced(context_);
+            announced.give(folder_.status, tried, status);
+            return announced.madeIf(put(tried));
         });
         if (!name) return failure(name.error());
         return Copied{*name, status, digest_};

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/base/SystemCall.h"
+#include "platform/operations/Announced.h"
 #include "platform/operations/Copying.h"
 #include "platform/operations/OperationErrors.h"
 #include "platform/operations/Scratch.h"
@@ -139,13 +140,17 @@ Result<std::string> moveByCopying(const Context& context, const OpenItem& item, 
     const auto copied = copyIntoFolder(context, source, folder, name, copying);
     if (!copied) return failure(copied.error());
 
+    // The copy may be known as what the source was by then.
+    Announced announced(context);
+    announced.take(item.folder.status, item.name, item.status);
+    announced.take(item.folder.status, item.name, copied->status);
     // The copy has to survive a power cut before the source goes.
     auto gone = synchronizeFolder(folder);
     if (gone) {
         const auto found = comparePairs(item, object, folder, *copied, options);
         gone = found ? removeAfterMove(context, item.folder, item.name, item.status, *found) : failure(found.error());
     }
-    if (gone) return copied->name;
+    if (announced.madeIf(std::move(gone))) return copied->name;
     tellBack(item, folder, *copied, options);
     // The copy is no longer wanted, as long as it is still the copy that has the name.
     const auto standing = filesystem::statusAt(folder.get(), copied->name.c_str());

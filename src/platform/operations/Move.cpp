@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "platform/operations/Announced.h"
 #include "platform/operations/CrossDevice.h"
 #include "platform/operations/EntryNames.h"
 #include "platform/operations/NoReplace.h"
@@ -59,9 +60,14 @@ Result<void> put(const Context& context, const OpenItem& item, const OpenFolder&
         if (there && !isSameEntry(item, folder, name)) return failure(posixError(EEXIST));
         options.aboutToAppear(item.status, name);
     }
+    Announced announced(context);
+    announced.take(item.folder.status, item.name, item.status);
+    announced.give(folder.status, name, item.status);
     auto done = renameWithoutReplacing(item.folder.get(), item.name, folder.get(), name, S_ISDIR(item.status.mode));
-    if (done || !done.error().is(ErrorDomain::posix, EEXIST) || !isSameEntry(item, folder, name)) return done;
-    return respell(context, item, name);
+    if (!done && done.error().is(ErrorDomain::posix, EEXIST) && isSameEntry(item, folder, name)) {
+        done = respell(context, item, name);
+    }
+    return announced.madeIf(std::move(done));
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <unordered_set>
 
 #include "platform/base/SystemCall.h"
+#include "platform/operations/Announced.h"
 #include "platform/operations/Naming.h"
 #include "platform/operations/NoReplace.h"
 #include "platform/operations/OperationErrors.h"
@@ -202,8 +203,14 @@ Result<void> removeItem(const Context& context, const Place& place) {
     const std::string path = realPath(place);
     const bool isFolder = S_ISDIR(item->status.mode);
     const int flags = isFolder ? AT_REMOVEDIR : 0;
-    if (untilNotInterrupted([&] { return ::unlinkat(item->folder.get(), item->name.c_str(), flags); }) == 0) return {};
-    if (isFolder && (errno == ENOTEMPTY || errno == EEXIST)) return removeFolder(context, *item, path);
+    Announced announced(context);
+    announced.take(item->folder.status, item->name, item->status);
+    if (untilNotInterrupted([&] { return ::unlinkat(item->folder.get(), item->name.c_str(), flags); }) == 0) {
+        return announced.madeIf(Result<void>());
+    }
+    if (isFolder && (errno == ENOTEMPTY || errno == EEXIST)) {
+        return announced.madeIf(removeFolder(context, *item, path));
+    }
     return failure(explained(posixError(errno), kCannot, path, item->folder));
 }
 
