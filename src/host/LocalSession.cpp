@@ -130,6 +130,11 @@ Result<std::optional<Bytes>> LocalSession::currentAnchor(const ItemIdentifier& c
 }
 
 Result<session::ChangeBatch> LocalSession::changes(const ItemIdentifier& container, const Bytes& anchor) {
+    return context_.sharedChanges().changes(
+        container, anchor, [&] { return currentAnchor(container); }, [&] { return ownChanges(container, anchor); });
+}
+
+Result<session::ChangeBatch> LocalSession::ownChanges(const ItemIdentifier& container, const Bytes& anchor) {
     return askEnumerator<session::ChangeBatch>(
         enumerators_, container, Expired::mayBeThisOne,
         [&](hostframework::ProviderEnumerator& enumerator, EnumeratorPool::Keep& keep) -> Result<session::ChangeBatch> {

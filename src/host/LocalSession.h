@@ -64,6 +64,7 @@ public:
     std::size_t idleEnumerators() const { return enumerators_.idle(); }
 
 private:
+    Result<session::ChangeBatch> ownChanges(const session::ItemIdentifier& container, const Bytes& anchor);
     using ProviderOutcome = Result<hostframework::ProviderItemPtr>;
     Result<session::Item> record(const ProviderOutcome& outcome) const;
     Result<session::ItemIdentifier> identifierAt(const std::string& path, session::PathUse use) const;

@@ -52,6 +52,7 @@ struct ProgramContext::Parts {
     std::unique_ptr<events::ComparingEventService> events;
     std::unique_ptr<registry::LinuxAppRegistry> registry;
     std::shared_ptr<SearchIndex> searchIndex;
+    SharedChanges sharedChanges;
     std::unique_ptr<HostProviderManager> providerManager;
     std::optional<items::Environment> environment;
     std::optional<fs::FSEnvironment> fsEnvironment;
@@ -241,6 +242,7 @@ hostframework::ObjectRuntime& ProgramContext::objectRuntime() { return parts_->o
 applibraries::AppLibraryContext& ProgramContext::appLibraries() { return *parts_->appLibraries; }
 HostProviderManager& ProgramContext::providerManager() { return *parts_->providerManager; }
 SearchIndex& ProgramContext::searchIndex() { return *parts_->searchIndex; }
+SharedChanges& ProgramContext::sharedChanges() { return parts_->sharedChanges; }
 HostFileOperations& ProgramContext::fileOperations() { return parts_->fileOperations; }
 provider::LocalProvider& ProgramContext::provider() { return *parts_->provider; }
 icons::IconRenderer& ProgramContext::icons() { return parts_->icons; }

@@ -10,6 +10,7 @@
 #include "host/HostProviderManager.h"
 #include "host/SearchIndex.h"
 #include "host/Settings.h"
+#include "host/SharedChanges.h"
 #include "hostframework/ObjectRuntime.h"
 #include "items/Environment.h"
 #include "platform/device/DeviceInfo.h"
@@ -79,6 +80,8 @@ public:
     HostProviderManager& providerManager();
     /// Nothing is opened or made before it is used.
     SearchIndex& searchIndex();
+    /// What clients were told of changes a moment ago.
+    SharedChanges& sharedChanges();
     HostFileOperations& fileOperations();
     provider::LocalProvider& provider();
     icons::IconRenderer& icons();

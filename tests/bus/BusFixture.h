@@ -55,8 +55,8 @@ protected:
         server_ = std::move(*server);
     }
 
-    std::unique_ptr<BusSession> connect() const {
-        auto client = BusSession::connect(BusSession::Start::never, bus_->address());
+    std::unique_ptr<BusSession> connect(BusSession::Form form = BusSession::Form::packed) const {
+        auto client = BusSession::connect(BusSession::Start::never, bus_->address(), form);
         EXPECT_TRUE(client) << describe(client.error());
         return client ? std::move(*client) : nullptr;
     }

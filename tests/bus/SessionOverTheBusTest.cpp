@@ -34,12 +34,24 @@ Date dateOf(std::int64_t nanoseconds) { return Date(std::chrono::nanoseconds(nan
 
 using SessionOverTheBusTest = BusTest;
 
+/// What travels in both forms.
+class ListsOverTheBusTest : public BusTest, public ::testing::WithParamInterface<BusSession::Form> {
+protected:
+    void SetUp() override {
+        BusTest::SetUp();
+        client_ = connect(GetParam());
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(, ListsOverTheBusTest, ::testing::Values(BusSession::Form::packed, BusSession::Form::plain),
+                         [](const auto& form) { return form.param == BusSession::Form::packed ? "Packed" : "Plain"; });
+
 TEST_F(SessionOverTheBusTest, TheServiceSaysWhoItIs) {
     const ServiceInfo& info = client_->service();
     EXPECT_EQ(info.programVersion, "1.2.3");
     EXPECT_EQ(info.storageRoot, "/home/p/Docu\xffments");
     EXPECT_EQ(info.stateDirectory, "/home/p/state");
-    EXPECT_EQ(info.interfaceVersion, 1U);
+    EXPECT_EQ(info.interfaceVersion, 2U);
 }
 
 TEST_F(SessionOverTheBusTest, ItemsComeWithEveryFieldAndTheirErrorsWithEveryDetail) {
@@ -75,7 +87,7 @@ TEST_F(SessionOverTheBusTest, PathsAreBytes) {
     EXPECT_EQ(session_->requests().back(), "identifiersAtPaths [/a] lookUp");
 }
 
-TEST_F(SessionOverTheBusTest, PagesAndTheirTokens) {
+TEST_P(ListsOverTheBusTest, PagesAndTheirTokens) {
     session_->page = session::Page{{fullItem(), bareItem()}, Bytes{0, 1, 255}};
     auto page = client_->enumerate("#org.example.Notes", std::nullopt);
     EXPECT_REQUEST("enumerate #org.example.Notes none");
@@ -94,7 +106,7 @@ TEST_F(SessionOverTheBusTest, PagesAndTheirTokens) {
     EXPECT_EQ(page.error(), session_->page.error());
 }
 
-TEST_F(SessionOverTheBusTest, AnchorsAndChanges) {
+TEST_P(ListsOverTheBusTest, AnchorsAndChanges) {
     session_->anchor = Bytes{7, 0, 7};
     EXPECT_EQ(*client_->currentAnchor("root"), Bytes({7, 0, 7}));
     session_->anchor = std::nullopt;

@@ -6,6 +6,7 @@
 
 #include "bus/client/Calls.h"
 #include "bus/wire/Names.h"
+#include "bus/wire/Packed.h"
 #include "bus/wire/Pictures.h"
 #include "bus/wire/Records.h"
 
@@ -75,6 +76,19 @@ Session::Each<T> runJob(Calls& calls, const char* member, const Calls::Write& wr
     return each<T>(count, std::move(outcomes));
 }
 
+/// Items or changes that are read by who asked, while the connection's thread serves others.
+struct PackedAnswer {
+    Bytes packed, next;
+    bool moreComing = false;
+
+    static PackedAnswer read(Reader& reader) {
+        PackedAnswer answer;
+        answer.packed = reader.bytes(kLongestPacked);
+        answer.next = reader.bytes(kLongestText);
+        return answer;
+    }
+};
+
 Calls::Write noArguments() {
     return [](Writer&) {};
 }
@@ -85,7 +99,7 @@ Result<Item> itemFrom(Calls& calls, const char* member, Calls::Write write) {
 
 }  // namespace
 
-Result<std::unique_ptr<BusSession>> BusSession::connect(Start start, const std::string& busAddress) {
+Result<std::unique_ptr<BusSession>> BusSession::connect(Start start, const std::string& busAddress, Form form) {
     auto calls = Calls::connect(start == Start::ifNeeded, busAddress);
     if (!calls) return failure(calls.error());
     auto service = (*calls)->call<ServiceInfo>(Calls::host("Info"), noArguments(), [](Reader& reader) {
@@ -97,11 +111,12 @@ Result<std::unique_ptr<BusSession>> BusSession::connect(Start start, const std::
         return info;
     });
     if (!service) return failure(service.error());
-    return std::unique_ptr<BusSession>(new BusSession(std::move(*calls), std::move(*service)));
+    if (service->interfaceVersion < kPackedSince) form = Form::plain;
+    return std::unique_ptr<BusSession>(new BusSession(std::move(*calls), std::move(*service), form));
 }
 
-BusSession::BusSession(std::shared_ptr<Calls> calls, ServiceInfo service)
-    : calls_(std::move(calls)), service_(std::move(service)) {}
+BusSession::BusSession(std::shared_ptr<Calls> calls, ServiceInfo service, Form form)
+    : calls_(std::move(calls)), service_(std::move(service)), form_(form) {}
 BusSession::~BusSession() = default;
 
 Session::Each<Item> BusSession::items(const std::vector<ItemIdentifier>& identifiers) {
@@ -125,6 +140,18 @@ Session::Each<ItemIdentifier> BusSession::identifiersAtPaths(const std::vector<s
 }
 
 Result<session::Page> BusSession::enumerate(const ItemIdentifier& container, const std::optional<Bytes>& page) {
+    if (form_ == Form::packed) {
+        auto answer = calls_->call<PackedAnswer>(
+            Calls::host("EnumeratePacked"),
+            [&](Writer& writer) { writer.string(container).bytes(page.value_or(Bytes{})); },
+            [](Reader& reader) { return PackedAnswer::read(reader); });
+        if (!answer) return failure(answer.error());
+        auto items = unpackItems(answer->packed);
+        if (!items) return failure(items.error());
+        session::Page found{std::move(*items), std::nullopt};
+        if (!answer->next.empty()) found.next = std::move(answer->next);
+        return found;
+    }
     return calls_->call<session::Page>(
         Calls::host("Enumerate"), [&](Writer& writer) { writer.string(container).bytes(page.value_or(Bytes{})); },
         readPage);
@@ -140,6 +167,19 @@ Result<std::optional<Bytes>> BusSession::currentAnchor(const ItemIdentifier& con
 }
 
 Result<session::ChangeBatch> BusSession::changes(const ItemIdentifier& container, const Bytes& anchor) {
+    if (form_ == Form::packed) {
+        auto answer = calls_->call<PackedAnswer>(
+            Calls::host("ChangesPacked"), [&](Writer& writer) { writer.string(container).bytes(anchor); },
+            [](Reader& reader) {
+                PackedAnswer read = PackedAnswer::read(reader);
+                read.moreComing = reader.boolean();
+                return read;
+            });
+        if (!answer) return failure(answer.error());
+        auto changes = unpackChanges(answer->packed);
+        if (!changes) return failure(changes.error());
+        return session::ChangeBatch{std::move(*changes), std::move(answer->next), answer->moreComing};
+    }
     return calls_->call<session::ChangeBatch>(
         Calls::host("Changes"), [&](Writer& writer) { writer.string(container).bytes(anchor); }, readChangeBatch);
 }

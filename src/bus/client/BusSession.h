@@ -25,9 +25,14 @@ public:
     /// Whether the bus may start the service.
     enum class Start { ifNeeded, never };
 
+    /// How pages and changes travel: packed into bytes, or value by value, as programs without this library ask for
+    /// them, and as services know that are older than the packing.
+    enum class Form { packed, plain };
+
     /// To the session's bus, or that of a D-Bus address. Fails with ECONNREFUSED where no service runs, and with
     /// another POSIX error where there is no bus.
-    static Result<std::unique_ptr<BusSession>> connect(Start start, const std::string& busAddress = {});
+    static Result<std::unique_ptr<BusSession>> connect(Start start, const std::string& busAddress = {},
+                                                       Form form = Form::packed);
     /// No request may be under way.
     ~BusSession() override;
 
@@ -69,9 +74,10 @@ public:
     Result<session::Status> status() override;
 
 private:
-    BusSession(std::shared_ptr<Calls> calls, ServiceInfo service);
+    BusSession(std::shared_ptr<Calls> calls, ServiceInfo service, Form form);
     std::shared_ptr<Calls> calls_;
     ServiceInfo service_;
+    Form form_;
 };
 
 }  // namespace tarnwell::bus

@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "bus/wire/Names.h"
+#include "bus/wire/Packed.h"
 #include "bus/wire/Pictures.h"
 #include "bus/wire/Records.h"
 
@@ -45,6 +46,21 @@ Answer answerTo(const Session::Each<Bytes>& pictures) {
         files.push_back(picture ? sealedFile(*picture) : Result<Descriptor>(failure(picture.error())));
     }
     return WriteAnswer([files = std::move(files)](Writer& writer) { writePictures(writer, files); });
+}
+
+/// The packing is done by the worker, while the connection's thread serves others.
+Answer packed(Result<session::Page> page) {
+    if (!page) return failure(page.error());
+    return WriteAnswer([items = packItems(page->items), next = std::move(page->next)](Writer& writer) {
+        writer.bytes(items).bytes(next.value_or(Bytes{}));
+    });
+}
+
+Answer packed(Result<session::ChangeBatch> batch) {
+    if (!batch) return failure(batch.error());
+    return WriteAnswer(
+        [changes = packChanges(batch->changes), anchor = std::move(batch->anchor),
+         more = batch->moreComing](Writer& writer) { writer.bytes(changes).bytes(anchor).boolean(more); });
 }
 
 /// Empty bytes stand for none.
@@ -98,6 +114,13 @@ constexpr std::array kMethods = {
                    return answer(session.enumerate(container, page));
                };
            }},
+    Method{{"EnumeratePacked", "say", "container page", "ayay", "items nextPage"},
+           [](Reader& reader) -> Work {
+               auto container = reader.string();
+               return [container = std::move(container), page = readToken(reader)](Session& session) {
+                   return packed(session.enumerate(container, page));
+               };
+           }},
     Method{{"CurrentAnchor", "s", "container", "ay", "anchor"},
            [](Reader& reader) -> Work {
                return [container = reader.string()](Session& session) {
@@ -109,6 +132,13 @@ constexpr std::array kMethods = {
                auto container = reader.string();
                return [container = std::move(container), anchor = reader.bytes(kLongestText)](Session& session) {
                    return answer(session.changes(container, anchor));
+               };
+           }},
+    Method{{"ChangesPacked", "say", "container anchor", "ayayb", "changes anchor moreComing"},
+           [](Reader& reader) -> Work {
+               auto container = reader.string();
+               return [container = std::move(container), anchor = reader.bytes(kLongestText)](Session& session) {
+                   return packed(session.changes(container, anchor));
                };
            }},
     Method{{"Open", "sb", "item write", "h", "file"},

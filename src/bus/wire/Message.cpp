@@ -13,7 +13,12 @@
 namespace tarnwell::bus {
 namespace {
 
+bool isText(std::string_view value) { return value.find('\0') == std::string_view::npos && isUTF8(value); }
+
+}  // namespace
+
 std::string displayable(std::string_view value) {
+    if (isText(value)) return std::string(value);
     std::string result;
     while (!value.empty()) {
         const std::size_t length = value.front() == '\0' ? 0 : utf8CharacterLength(value);
@@ -22,10 +27,6 @@ std::string displayable(std::string_view value) {
     }
     return result;
 }
-
-bool isText(std::string_view value) { return value.find('\0') == std::string_view::npos && isUTF8(value); }
-
-}  // namespace
 
 void Writer::take(int outcome) {
     if (outcome < 0 && error_ == 0) error_ = outcome;
@@ -54,8 +55,7 @@ Writer& Writer::int64(std::int64_t value) {
 }
 Writer& Writer::string(std::string_view value) {
     if (error_ != 0) return *this;
-    const std::string text = isText(value) ? std::string(value) : displayable(value);
-    take(sd_bus_message_append_basic(message_, 's', text.c_str()));
+    take(sd_bus_message_append_basic(message_, 's', displayable(value).c_str()));
     return *this;
 }
 Writer& Writer::objectPath(const std::string& value) {
@@ -126,6 +126,17 @@ Bytes Reader::bytes(std::size_t longest) {
 }
 
 std::string Reader::text() { return std::string(textOf(bytes(kLongestText))); }
+
+std::vector<std::string> Reader::texts() {
+    std::vector<std::string> texts;
+    enter('a', "ay");
+    while (more()) {
+        if (texts.size() == kMostPerRequest) fail(-E2BIG);
+        texts.push_back(text());
+    }
+    exit();
+    return texts;
+}
 
 Descriptor Reader::descriptor() {
     const int borrowed = basic<int>('h');

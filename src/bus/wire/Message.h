@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/base/Descriptor.h"
 #include "platform/base/Ids.h"
@@ -12,6 +13,9 @@ struct sd_bus_message;
 /// One D-Bus message, written and read value by value (sd_bus_message_append and sd_bus_message_read of libsystemd).
 /// Types are D-Bus's letters. Only for the thread that the connection belongs to.
 namespace tarnwell::bus {
+
+/// What a D-Bus string can hold of the bytes: what is no UTF-8, and NUL, is replaced.
+std::string displayable(std::string_view value);
 
 /// Appends values to a message, which it borrows. After a failure nothing more is appended, and `error` says why.
 class Writer {
@@ -23,7 +27,7 @@ public:
     Writer& uint32(std::uint32_t value);
     Writer& uint64(std::uint64_t value);
     Writer& int64(std::int64_t value);
-    /// Bytes that are no UTF-8, and NUL, are replaced: such text is for display only.
+    /// As `displayable` has it.
     Writer& string(std::string_view value);
     Writer& objectPath(const std::string& value);
     Writer& bytes(ByteView value);
@@ -59,6 +63,8 @@ public:
     std::string objectPath();
     Bytes bytes(std::size_t longest);
     std::string text();  ///< an array of bytes
+    /// aay of at most kMostPerRequest.
+    std::vector<std::string> texts();
     /// A duplicate of the message's.
     Descriptor descriptor();
 

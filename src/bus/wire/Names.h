@@ -12,11 +12,16 @@ inline constexpr const char* kInterface = "org.tarnwell.Host1";
 inline constexpr const char* kJobPrefix = "/org/tarnwell/Host1/jobs";
 inline constexpr const char* kJobInterface = "org.tarnwell.Job1";
 /// Grows with what is added.
-inline constexpr std::uint32_t kInterfaceVersion = 1;
+inline constexpr std::uint32_t kInterfaceVersion = 2;
+
+/// The first version with EnumeratePacked and ChangesPacked.
+inline constexpr std::uint32_t kPackedSince = 2;
 
 /// The most that one request may name; more is refused.
 inline constexpr std::size_t kMostPerRequest = 1000;
 /// The longest name, path, identifier, label or token that is read, in bytes.
 inline constexpr std::size_t kLongestText = 64 * 1024;
+/// The longest packed answer that is read; half of what a D-Bus array may hold.
+inline constexpr std::size_t kLongestPacked = 32 * 1024 * 1024;
 
 }  // namespace tarnwell::bus

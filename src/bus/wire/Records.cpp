@@ -6,6 +6,7 @@
 
 #include "bus/wire/Dictionary.h"
 #include "bus/wire/Errors.h"
+#include "bus/wire/ItemEntries.h"
 #include "bus/wire/Names.h"
 
 namespace tarnwell::bus {
@@ -56,6 +57,10 @@ public:
         writeTexts(writer_, values);
         end();
     }
+    void smallNumber(const char* key, std::uint16_t value) {
+        begin(key, "q").uint16(value);
+        end();
+    }
     Writer& begin(const char* key, const char* contents) {
         return writer_.open('e', "sv").string(key).open('v', contents);
     }
@@ -64,69 +69,6 @@ public:
 private:
     Writer& writer_;
 };
-
-Date dateOf(std::int64_t nanoseconds) { return Date(std::chrono::nanoseconds(nanoseconds)); }
-
-void writeEntries(Entries& entries, const Item& item) {
-    entries.text("itemIdentifier", item.identifier);
-    entries.text("parentItemIdentifier", item.parent);
-    entries.bytes("filename", item.filename);
-    entries.text("typeIdentifier", item.typeIdentifier);
-    entries.number("documentSize", item.documentSize);
-    entries.date("creationDate", item.creationDate);
-    entries.date("contentModificationDate", item.contentModificationDate);
-    if (item.childItemCount) {
-        entries.begin("childItemCount", "q").uint16(*item.childItemCount);
-        entries.end();
-    }
-    entries.number("capabilities", item.capabilities);
-    entries.boolean("isTrashed", item.isTrashed);
-    entries.date("lastUsedDate", item.lastUsedDate);
-    if (item.tags) entries.texts("tags", *item.tags);
-    entries.number("favoriteRank", item.favoriteRank);
-    entries.number("fileID", item.fileID);
-    if (item.docID) entries.integer("docID", *item.docID);
-    entries.bytes("path", item.path);
-    entries.maybeText("searchDomainIdentifier", item.searchDomainIdentifier);
-    entries.maybeText("appContainerBundleIdentifier", item.appContainerBundleIdentifier);
-    entries.boolean("isFolder", item.isFolder);
-    entries.boolean("isContainer", item.isContainer);
-    entries.boolean("isUbiquitous", item.isUbiquitous);
-}
-
-/// One entry of an item; false for what is none, or has another type than it should.
-bool readEntry(Reader& reader, std::string_view key, std::string_view type, Item& item) {
-    if (type == "s") {
-        if (key == "itemIdentifier") return item.identifier = reader.string(), true;
-        if (key == "parentItemIdentifier") return item.parent = reader.string(), true;
-        if (key == "typeIdentifier") return item.typeIdentifier = reader.string(), true;
-        if (key == "searchDomainIdentifier") return item.searchDomainIdentifier = reader.string(), true;
-        if (key == "appContainerBundleIdentifier") return item.appContainerBundleIdentifier = reader.string(), true;
-    } else if (type == "ay") {
-        if (key == "filename") return item.filename = reader.text(), true;
-        if (key == "path") return item.path = reader.text(), true;
-    } else if (type == "t") {
-        if (key == "documentSize") return item.documentSize = reader.uint64(), true;
-        if (key == "capabilities") return item.capabilities = reader.uint64(), true;
-        if (key == "favoriteRank") return item.favoriteRank = reader.uint64(), true;
-        if (key == "fileID") return item.fileID = reader.uint64(), true;
-    } else if (type == "x") {
-        if (key == "creationDate") return item.creationDate = dateOf(reader.int64()), true;
-        if (key == "contentModificationDate") return item.contentModificationDate = dateOf(reader.int64()), true;
-        if (key == "lastUsedDate") return item.lastUsedDate = dateOf(reader.int64()), true;
-        if (key == "docID") return item.docID = reader.int64(), true;
-    } else if (type == "b") {
-        if (key == "isTrashed") return item.isTrashed = reader.boolean(), true;
-        if (key == "isFolder") return item.isFolder = reader.boolean(), true;
-        if (key == "isContainer") return item.isContainer = reader.boolean(), true;
-        if (key == "isUbiquitous") return item.isUbiquitous = reader.boolean(), true;
-    } else if (type == "q") {
-        if (key == "childItemCount") return item.childItemCount = reader.uint16(), true;
-    } else if (type == "aay") {
-        if (key == "tags") return item.tags = readTexts(reader), true;
-    }
-    return false;
-}
 
 /// An outcome whose value is read by `take`, or the error that stands in its place.
 template <typename T, typename Take>
@@ -546,16 +488,7 @@ void writeTexts(Writer& writer, const std::vector<std::string>& texts) {
     writeList(writer, "ay", texts, [&](const std::string& text) { writer.bytes(text); });
 }
 
-std::vector<std::string> readTexts(Reader& reader) {
-    std::vector<std::string> texts;
-    reader.enter('a', "ay");
-    while (reader.more()) {
-        if (texts.size() == kMostPerRequest) reader.fail(-E2BIG);
-        texts.push_back(reader.text());
-    }
-    reader.exit();
-    return texts;
-}
+std::vector<std::string> readTexts(Reader& reader) { return reader.texts(); }
 
 void writeOptional(Writer& writer, const std::optional<std::uint64_t>& value) {
     writer.open('a', "t");
