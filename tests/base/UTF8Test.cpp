@@ -56,5 +56,19 @@ TEST(UTF8, AWholeTextIsUTF8OnlyIfEveryCharacterIs) {
     EXPECT_FALSE(isUTF8("cut \xC3"));
 }
 
+TEST(UTF8, AWrongByteIsFoundWhereverItStands) {
+    for (std::size_t length = 1; length < 40; ++length) {
+        EXPECT_TRUE(isUTF8(std::string(length, 'a')));
+        for (std::size_t at = 0; at < length; ++at) {
+            std::string text(length, 'a');
+            text[at] = '\xE9';
+            EXPECT_FALSE(isUTF8(text)) << at << " of " << length;
+        }
+        for (std::size_t at = 0; at + 1 < length; ++at) {
+            EXPECT_TRUE(isUTF8(std::string(length, 'a').replace(at, 2, "\xC3\xA9"))) << at << " of " << length;
+        }
+    }
+}
+
 }  // namespace
 }  // namespace tarnwell

@@ -11,11 +11,8 @@
 #include "platform/base/UTF8.h"
 
 namespace tarnwell::bus {
-namespace {
 
 bool isText(std::string_view value) { return value.find('\0') == std::string_view::npos && isUTF8(value); }
-
-}  // namespace
 
 std::string displayable(std::string_view value) {
     if (isText(value)) return std::string(value);

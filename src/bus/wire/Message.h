@@ -14,6 +14,8 @@ struct sd_bus_message;
 /// Types are D-Bus's letters. Only for the thread that the connection belongs to.
 namespace tarnwell::bus {
 
+/// Whether a D-Bus string can hold the bytes: UTF-8 without NUL.
+bool isText(std::string_view value);
 /// What a D-Bus string can hold of the bytes: what is no UTF-8, and NUL, is replaced.
 std::string displayable(std::string_view value);
 

@@ -17,7 +17,9 @@ using session::Change;
 using session::Item;
 
 /// The alignment of a variant, and so of all that holds one.
-constexpr std::size_t kVariant = 8;
+constexpr std::size_t kVariant = Packer::kVariant;
+/// About the bytes of one item, generously.
+constexpr std::size_t kUsualItem = 800;
 /// So many times the items of a page, and of a batch of changes.
 constexpr std::size_t kMostPacked = 100'000;
 
@@ -27,18 +29,17 @@ public:
     explicit PackedEntries(Packer& packer) : packer_(packer) {}
 
     void text(std::string_view key, std::string_view value) {
-        begin(key);
-        packer_.text(displayable(value));
-        end("s");
+        // The NUL that ends a text, and the one before a variant's type.
+        if (isText(value)) {
+            packer_.entry(key, value, 2, "s");
+        } else {
+            packer_.entry(key, displayable(value), 2, "s");
+        }
     }
     void maybeText(std::string_view key, const std::optional<std::string>& value) {
         if (value) text(key, *value);
     }
-    void bytes(std::string_view key, std::string_view value) {
-        begin(key);
-        packer_.raw(value);
-        end("ay");
-    }
+    void bytes(std::string_view key, std::string_view value) { packer_.entry(key, value, 1, "ay"); }
     void boolean(std::string_view key, bool value) { fixed(key, value ? 1 : 0, 1, "b"); }
     void number(std::string_view key, std::uint64_t value) { fixed(key, value, 8, "t"); }
     void number(std::string_view key, const std::optional<std::uint64_t>& value) {
@@ -50,35 +51,20 @@ public:
     }
     void smallNumber(std::string_view key, std::uint16_t value) { fixed(key, value, 2, "q"); }
     void texts(std::string_view key, const std::vector<std::string>& values) {
-        begin(key);
-        packer_.open();
+        Packer array;
+        array.open();
         for (const std::string& value : values) {
-            packer_.raw(value);
-            packer_.endPart();
+            array.raw(value);
+            array.endPart();
         }
-        packer_.closeArray();
-        end("aay");
+        array.closeArray();
+        packer_.entry(key, textOf(array.take()), 1, "aay");
     }
 
 private:
-    void begin(std::string_view key) {
-        packer_.align(kVariant);
-        packer_.open();
-        packer_.text(key);
-        packer_.endPart();
-        packer_.align(kVariant);
-    }
-    /// A variant ends with its type, after a NUL.
-    void end(std::string_view type) {
-        packer_.number(0, 1);
-        packer_.raw(type);
-        packer_.closeStructure();
-        packer_.endPart();
-    }
     void fixed(std::string_view key, std::uint64_t value, std::size_t width, std::string_view type) {
-        begin(key);
-        packer_.number(value, width);
-        end(type);
+        const auto bytes = littleEndian(value);
+        packer_.entry(key, textOf(ByteView(bytes).first(width)), 1, type);
     }
 
     Packer& packer_;
@@ -108,8 +94,6 @@ std::uint64_t numberOf(ByteView bytes) {
     for (std::size_t i = bytes.size(); i-- > 0;) value = (value << 8) | bytes[i];
     return value;
 }
-
-std::size_t aligned(std::size_t at, std::size_t multiple) { return (at + multiple - 1) / multiple * multiple; }
 
 /// The parts of an array whose elements have a variable size.
 class PackedArray {
@@ -251,6 +235,7 @@ Error malformed() { return posixError(EBADMSG, "the service's answer could not b
 
 Bytes packItems(const std::vector<Item>& items) {
     Packer packer;
+    packer.reserve(items.size() * kUsualItem);
     packer.open();
     for (const Item& item : items) {
         packer.align(kVariant);
@@ -275,6 +260,7 @@ Result<std::vector<Item>> unpackItems(ByteView packed) {
 
 Bytes packChanges(const std::vector<Change>& changes) {
     Packer packer;
+    packer.reserve(changes.size() * kUsualItem);
     packer.open();
     for (const Change& change : changes) {
         packer.align(kVariant);

@@ -1,6 +1,7 @@
 #include "platform/base/UTF8.h"
 
 #include <cstdint>
+#include <cstring>
 
 namespace tarnwell {
 namespace {
@@ -40,7 +41,17 @@ std::size_t utf8CharacterLength(std::string_view text) {
 }
 
 bool isUTF8(std::string_view text) {
+    constexpr std::uint64_t kHighBits = 0x8080808080808080;
     while (!text.empty()) {
+        // Most of most texts is ASCII: eight characters at a time.
+        std::uint64_t eight = 0;
+        if (text.size() >= sizeof(eight)) {
+            std::memcpy(&eight, text.data(), sizeof(eight));
+            if ((eight & kHighBits) == 0) {
+                text.remove_prefix(sizeof(eight));
+                continue;
+            }
+        }
         std::size_t length = utf8CharacterLength(text);
         if (length == 0) return false;
         text.remove_prefix(length);
