@@ -1,6 +1,8 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <latch>
+#include <thread>
 
 #include "tests/bus/BusFixture.h"
 
@@ -309,6 +311,30 @@ TEST_F(SessionOverTheBusTest, TrashesPicturesApplicationsSearchAndStatus) {
     session_->state = session::Status{};
     EXPECT_FALSE(client_->status()->search);
     EXPECT_FALSE(client_->status()->lastCompared);
+}
+
+TEST_F(SessionOverTheBusTest, WhatIsUnderWayCanBeGivenUp) {
+    std::latch isAsked(1), mayAnswer(1);
+    session_->onRequest = [&](const std::string& name) {
+        if (!name.starts_with("changes")) return;
+        isAsked.count_down();
+        mayAnswer.wait();
+    };
+    session_->batch = session::ChangeBatch{};
+    const auto other = connect();
+    std::thread asking([&] {
+        const auto batch = client_->changes("root", {});
+        EXPECT_TRUE(!batch && batch.error().is(ErrorDomain::posix, ECANCELED));
+    });
+    isAsked.wait();
+    client_->giveUp();
+    asking.join();
+    const auto later = client_->currentAnchor("root");
+    EXPECT_TRUE(!later && later.error().is(ErrorDomain::posix, ECANCELED));
+    // The answer that comes afterwards is nobody's, and others are served.
+    mayAnswer.count_down();
+    session_->onRequest = {};
+    EXPECT_TRUE(other->changes("root", {}));
 }
 
 TEST_F(SessionOverTheBusTest, AWatchTellsUntilItEnds) {

@@ -119,6 +119,8 @@ BusSession::BusSession(std::shared_ptr<Calls> calls, ServiceInfo service, Form f
     : calls_(std::move(calls)), service_(std::move(service)), form_(form) {}
 BusSession::~BusSession() = default;
 
+void BusSession::giveUp() { calls_->giveUp(); }
+
 Session::Each<Item> BusSession::items(const std::vector<ItemIdentifier>& identifiers) {
     return inParts<Item>(identifiers, [&](const std::vector<std::string>& part, std::size_t) {
         return calls_->call<Each<Item>>(

@@ -39,6 +39,9 @@ public:
     /// What the service said of itself when this connected.
     const ServiceInfo& service() const { return service_; }
 
+    /// Requests that are under way, and all later ones, fail soon with ECANCELED. Any thread.
+    void giveUp();
+
     Each<session::Item> items(const std::vector<session::ItemIdentifier>& identifiers) override;
     Each<session::ItemIdentifier> identifiersAtPaths(const std::vector<std::string>& paths,
                                                      session::PathUse use) override;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <set>
 
 #include "bus/wire/Errors.h"
@@ -13,18 +14,13 @@ namespace tarnwell::bus {
 
 /// What the connection calls back.
 struct Handlers {
-    /// One call that is under way.
-    struct Pending {
-        Calls::Answer answer;
-    };
-
     static int answered(sd_bus_message* reply, void* data, sd_bus_error*) {
-        const std::unique_ptr<Pending> pending(static_cast<Pending*>(data));
+        const Calls::Answer answer = static_cast<Calls::Pending*>(data)->end();
         const sd_bus_error* error = sd_bus_message_get_error(reply);
         if (error == nullptr) {
-            pending->answer(Reader(reply));
+            answer(Reader(reply));
         } else {
-            pending->answer(failure(errorOfName(error->name, error->message == nullptr ? "" : error->message)));
+            answer(failure(errorOfName(error->name, error->message == nullptr ? "" : error->message)));
         }
         return 0;
     }
@@ -53,6 +49,13 @@ struct Handlers {
     }
 };
 
+Calls::Answer Calls::Pending::end() {
+    Answer taken = std::move(answer);
+    sd_bus_slot_unref(slot);
+    calls.pending_.erase(place);
+    return taken;
+}
+
 Result<std::shared_ptr<Calls>> Calls::connect(bool startService, const std::string& busAddress) {
     const std::shared_ptr<Calls> calls(new Calls(startService));
     auto loop = Loop::connect(busAddress, [raw = calls.get()](sd_bus* connection) { return raw->begin(connection); });
@@ -62,7 +65,17 @@ Result<std::shared_ptr<Calls>> Calls::connect(bool startService, const std::stri
     return calls;
 }
 
-Calls::~Calls() { loop_.reset(); }
+Calls::~Calls() {
+    giveUp();
+    loop_.reset();
+}
+
+void Calls::giveUp() {
+    loop_->post([this](sd_bus*) {
+        givenUp_ = true;
+        while (!pending_.empty()) pending_.front().end()(failure(posixError(ECANCELED)));
+    });
+}
 
 Calls::Target Calls::host(const char* member) { return {member, kInterface, kObjectPath}; }
 
@@ -87,6 +100,7 @@ void Calls::send(const Target& target, Write write, Answer answer) {
         if (connection == nullptr) {
             return answer(failure(posixError(ECONNRESET, "the connection to the session bus has ended")));
         }
+        if (givenUp_) return answer(failure(posixError(ECANCELED)));
         sd_bus_message* message = nullptr;
         int outcome = sd_bus_message_new_method_call(connection, &message, kServiceName, target.path.c_str(),
                                                      target.interface, target.member);
@@ -96,14 +110,15 @@ void Calls::send(const Target& target, Write write, Answer answer) {
             write(writer);
             outcome = writer.error();
         }
-        auto pending = std::make_unique<Handlers::Pending>(std::move(answer));
+        pending_.push_back({*this, std::move(answer)});
+        const auto pending = std::prev(pending_.end());
+        pending->place = pending;
         if (outcome >= 0) {
             // A listing, a search, a copy take as long as they take.
-            outcome = sd_bus_call_async(connection, nullptr, message, Handlers::answered, pending.get(), UINT64_MAX);
+            outcome = sd_bus_call_async(connection, &pending->slot, message, Handlers::answered, &*pending, UINT64_MAX);
         }
         sd_bus_message_unref(message);
-        if (outcome < 0) return pending->answer(failure(posixError(-outcome)));
-        (void)pending.release();
+        if (outcome < 0) pending->end()(failure(posixError(-outcome)));
     });
 }
 

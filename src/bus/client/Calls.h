@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <future>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -10,6 +11,8 @@
 #include "bus/wire/Loop.h"
 #include "bus/wire/Message.h"
 #include "platform/base/Result.h"
+
+struct sd_bus_slot;
 
 namespace tarnwell::bus {
 
@@ -48,6 +51,9 @@ public:
     }
     /// Calls and does not wait; what comes of it is told to nobody.
     void tell(const Target& target, Write write);
+    /// What is under way, and what is called later, fails soon with ECANCELED. What the service was asked to do it may
+    /// do all the same.
+    void giveUp();
     Result<void> callWithoutResult(const Target& target, Write write);
 
     /// Told on the connection's thread.
@@ -76,7 +82,19 @@ private:
     void progressed(const std::string& job, Reader& reader);
     friend struct Handlers;
 
+    /// One call that is under way.
+    struct Pending {
+        Calls& calls;
+        Answer answer;
+        sd_bus_slot* slot = nullptr;
+        std::list<Pending>::iterator place{};
+
+        /// Takes it out of the calls that are under way, and waits for its answer no more.
+        Answer end();
+    };
     const bool startService_;
+    std::list<Pending> pending_;  ///< on the connection's thread
+    bool givenUp_ = false;        ///< likewise
     std::recursive_mutex mutex_;  ///< held while something is told, so that removing waits for it
     std::uint64_t lastWatch_ = 0;
     std::map<std::uint64_t, Watched> watches_;

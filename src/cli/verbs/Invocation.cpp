@@ -39,18 +39,23 @@ std::expected<void, Failure> Invocation::openSession() {
     if (!options_.local) {
         auto service = connectToService(*settings);
         if (!service) return std::unexpected(service.error());
-        if ((session_ = std::move(*service))) return {};
+        if (*service != nullptr) {
+            giveUp_ = [raw = service->get()] { raw->giveUp(); };
+            session_ = std::move(*service);
+            return {};
+        }
     }
     auto context = host::ProgramContext::create(*settings, log());
     if (!context) return std::unexpected(failureOf(context.error()));
     context_ = std::move(*context);
     context_->prepareForRequests();
+    giveUp_ = [raw = context_.get()] { raw->giveUp(); };
     session_ = std::make_unique<host::LocalSession>(*context_);
     return {};
 }
 
 void Invocation::giveUp() {
-    if (context_) context_->giveUp();
+    if (giveUp_) giveUp_();
 }
 
 }  // namespace tarnwell::cli

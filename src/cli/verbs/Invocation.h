@@ -1,6 +1,7 @@
 #pragma once
 
 #include <expected>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -39,7 +40,7 @@ public:
     log::Log& serviceLog();
     /// Ready for requests. Fails with a sentence that needs no further words.
     std::expected<session::Session*, Failure> session();
-    /// The run is about to end: requests that look at the disk fail soon, with ECANCELED. Any thread, once there is a
+    /// The run is about to end: requests that take long fail soon, with ECANCELED. Any thread, once there is a
     /// session.
     void giveUp();
     /// Log lines with this text say nothing to a person who runs this verb.
@@ -59,6 +60,7 @@ private:
     /// Where the provider is loaded in this process.
     std::unique_ptr<host::ProgramContext> context_;
     std::unique_ptr<session::Session> session_;
+    std::function<void()> giveUp_;
 };
 
 }  // namespace tarnwell::cli

@@ -15,7 +15,7 @@ bool isSame(const std::string& served, const std::string& own) {
 
 }  // namespace
 
-std::expected<std::unique_ptr<session::Session>, Failure> connectToService(const host::Settings& settings) {
+std::expected<std::unique_ptr<bus::BusSession>, Failure> connectToService(const host::Settings& settings) {
     auto session = bus::BusSession::connect(bus::BusSession::Start::never);
     if (!session) {
         if (!session.error().is(ErrorDomain::posix, EACCES)) return nullptr;

@@ -3,14 +3,14 @@
 #include <expected>
 #include <memory>
 
+#include "bus/client/BusSession.h"
 #include "cli/verbs/Failure.h"
 #include "host/Settings.h"
-#include "session/Session.h"
 
 namespace tarnwell::cli {
 
 /// A client of the service that runs for these documents; null where there is no bus, no service runs, or it serves
 /// other documents. Fails where it runs and does not let this program in. Starts nothing.
-std::expected<std::unique_ptr<session::Session>, Failure> connectToService(const host::Settings& settings);
+std::expected<std::unique_ptr<bus::BusSession>, Failure> connectToService(const host::Settings& settings);
 
 }  // namespace tarnwell::cli
