@@ -313,6 +313,12 @@ TEST_F(SessionOverTheBusTest, TrashesPicturesApplicationsSearchAndStatus) {
     EXPECT_FALSE(client_->status()->lastCompared);
 }
 
+TEST_F(SessionOverTheBusTest, WithoutABusThereIsNoSession) {
+    const auto session = BusSession::connect(BusSession::Start::never, "unix:path=/nowhere/at/all");
+    ASSERT_FALSE(session);
+    EXPECT_TRUE(session.error().is(ErrorDomain::posix, ENOENT)) << describe(session.error());
+}
+
 TEST_F(SessionOverTheBusTest, WhatIsUnderWayCanBeGivenUp) {
     std::latch isAsked(1), mayAnswer(1);
     session_->onRequest = [&](const std::string& name) {

@@ -66,7 +66,7 @@ Result<std::shared_ptr<Calls>> Calls::connect(bool startService, const std::stri
 }
 
 Calls::~Calls() {
-    giveUp();
+    if (loop_) giveUp();
     loop_.reset();
 }
 
