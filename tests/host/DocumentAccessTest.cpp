@@ -135,9 +135,10 @@ TEST_F(DocumentAccessTest, WhatTakesADocumentsPlaceMeanwhileIsNeverALinksTarget)
     neighbour.join();
     EXPECT_EQ(opened + refused, 300);
     EXPECT_EQ(testing::readFile(home_ + "/secret.txt"), "secret");
-    // Whoever is left alone is served, where the document stands now.
+    // Whoever is left alone is served, where the document stands now: it is still the same.
     const std::string place = note(std::filesystem::is_symlink(note("a.txt")) ? "other" : "a.txt");
-    const auto served = session().open(idOf(place), Access::read);
+    EXPECT_EQ(idOf(place), identifier);
+    const auto served = session().open(identifier, Access::read);
     EXPECT_TRUE(served) << describe(served.error());
 }
 

@@ -127,6 +127,22 @@ Result<void> Comparer::purgeGone() {
     return session.commit();
 }
 
+bool Comparer::mayPurge() const {
+    constexpr std::size_t kMostKept = 10'000;
+    return !lastGone_ || goneCount_ > kMostKept || std::chrono::steady_clock::now() - *lastGone_ > kSavingTime;
+}
+
+void Comparer::noteGone(const store::ObjectRow& row) {
+    lastGone_ = std::chrono::steady_clock::now();
+    // Without a birth time nothing tells it from the next object that gets its inode number.
+    goneCount_ = row.identity.birth == 0 ? SIZE_MAX : goneCount_ + (goneCount_ == SIZE_MAX ? 0 : 1);
+}
+
+void Comparer::notePurged() {
+    lastGone_.reset();
+    goneCount_ = 0;
+}
+
 void Comparer::noteLeft(store::Session& session, const store::ObjectRow& row) {
     if (watch_ == nullptr || !row.documentID) return;
     if (ownChanges_ != nullptr) {

@@ -159,6 +159,10 @@ private:
     using NameKey = std::pair<std::uint64_t, std::string>;  ///< folder, name
     void noteLeft(store::Session& session, const store::ObjectRow& row);
     std::optional<Left> recentlyLeft(const NameKey& name);
+    /// What is gone stays known for kSavingTime: several looks in a row may miss what changes places between them.
+    bool mayPurge() const;
+    void noteGone(const store::ObjectRow& row);
+    void notePurged();
     bool leadsTo(store::Session& session, const store::EntryRow& row, const Place& place) const;
 
     const Roots& roots_;
@@ -180,7 +184,10 @@ private:
     /// up when the folder became hidden or went, or were there before it was watched.
     std::set<FileID> unread_;
     std::set<FileID> namedElsewhere_;  ///< under runMutex_: files with more names than are known
-    std::map<NameKey, Left> left_;     ///< under runMutex_; not older than kSavingTime when it is asked
+    /// Under runMutex_: when the last object went, and how many did since they were last forgotten.
+    std::optional<std::chrono::steady_clock::time_point> lastGone_;
+    std::size_t goneCount_ = 0;
+    std::map<NameKey, Left> left_;  ///< under runMutex_; not older than kSavingTime when it is asked
     std::mutex fileSystemsMutex_;
     std::unordered_map<std::uint64_t, FileSystemEntry> fileSystems_;  ///< by device number
     std::atomic<std::uint64_t> objectsSeen_{0};

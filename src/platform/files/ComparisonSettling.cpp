@@ -35,11 +35,13 @@ Result<void> ComparisonRun::finish() {
     settleTakeovers();
     if (coversRoots_ && complete_) {
         // What this run is about to give up stays known until the next one: moved while the roots were looked at one
-        // after the other, it stands in one that had been looked at before.
-        if (!session().index().inState(ObjectState::gone, 1).empty()) {
+        // after the other, it stands in one that had been looked at before. Where names change all the time, several
+        // looks may miss what changes places between them.
+        if (comparer_.mayPurge() && !session().index().inState(ObjectState::gone, 1).empty()) {
             write();
             session().index().purgeGone();
             session().journal().trim();
+            comparer_.notePurged();
         }
     }
     if (auto result = settleMissing(); !result) return result;
@@ -279,6 +281,7 @@ void ComparisonRun::leave(ObjectRow row, const std::string& path, Leaving leavin
         // may be the one to show it under.
         if (leaving == Leaving::gone || session().index().linksOf(step.row.fileID).empty()) {
             session().index().setState(step.row.fileID, ObjectState::gone);
+            comparer_.noteGone(step.row);
             continue;
         }
         step.row.visible = false;
