@@ -256,11 +256,15 @@ TEST(Roots, AFolderThatIsMadeAgainIsTheRootFromThenOn) {
         EXPECT_GT(roots.generation(), generation);
         const auto next = roots.locate(name + "/file")->root;
         EXPECT_NE(next, former);
-        EXPECT_EQ(next->former, former);
+        EXPECT_EQ(roots.formersOf(name), (std::vector{former}));
+        EXPECT_NE(next->number, former->number);
         EXPECT_FALSE(next->isVersion);
         EXPECT_EQ(roots.all(), (std::vector{next}));
         EXPECT_TRUE(roots.isRoot(next->directory.get()));
         EXPECT_FALSE(roots.isRoot(former->directory.get()));
+        roots.letGo(former);
+        EXPECT_TRUE(roots.formersOf(name).empty());
+        EXPECT_EQ(former.use_count(), 1) << "somebody holds it open still";
         EXPECT_EQ(roots.urlForRealPath(sandbox.path(documents + "/file")).path(), name + "/file");
 
         // Moved away, and brought back.
@@ -278,7 +282,7 @@ TEST(Roots, AFolderThatIsMadeAgainIsTheRootFromThenOn) {
     }
 }
 
-TEST(Roots, AFolderThatIsMadeAgainMayBeNoOtherRoot) {
+TEST(Roots, AFolderThatIsMovedToAnotherLibraryIsThatOnes) {
     const Sandbox sandbox;
     sandbox.folder("one/Documents");
     sandbox.folder("two/Documents");
@@ -286,16 +290,42 @@ TEST(Roots, AFolderThatIsMadeAgainMayBeNoOtherRoot) {
     const auto one = roots.addContainer(sandbox.path("one"));
     const auto two = roots.addContainer(sandbox.path("two"));
     ASSERT_TRUE(one && two);
+    const std::string nameOfOne = one->appending("Documents").path(), nameOfTwo = two->appending("Documents").path();
+    const auto folder = roots.locate(nameOfOne)->root;
     std::filesystem::remove(sandbox.path("two/Documents"));
     std::filesystem::rename(sandbox.path("one/Documents"), sandbox.path("two/Documents"));
-    const auto refused = roots.addContainer(sandbox.path("two"));
-    ASSERT_FALSE(refused);
-    EXPECT_TRUE(refused.error().is(ErrorDomain::posix, EXDEV));
-    // Once the first has another folder, its former one is free.
+    const std::uint64_t generation = roots.generation();
+    EXPECT_EQ(roots.addContainer(sandbox.path("two")), two);
+    EXPECT_GT(roots.generation(), generation);
+    EXPECT_EQ(roots.locate(nameOfTwo)->root->inode, folder->inode);
+    EXPECT_EQ(roots.locate(nameOfOne), std::nullopt);
+    EXPECT_FALSE(roots.addContainer(sandbox.path("one"))) << "it has no Documents any more";
+    EXPECT_EQ(roots.all().size(), 1U);
+    EXPECT_EQ(folder.use_count(), 1) << "somebody holds it open still";
+
     sandbox.folder("one/Documents");
     EXPECT_EQ(roots.addContainer(sandbox.path("one")), one);
-    EXPECT_EQ(roots.addContainer(sandbox.path("two")), two);
+    EXPECT_NE(roots.locate(nameOfOne)->root->inode, folder->inode);
     EXPECT_EQ(roots.all().size(), 2U);
+}
+
+TEST(Roots, AContainerThatIsMovedAndLeavesALinkIsOneLibraryAtItsNewPlace) {
+    const Sandbox sandbox;
+    sandbox.folder("old/Documents");
+    Roots roots;
+    const auto before = roots.addContainer(sandbox.path("old"));
+    ASSERT_TRUE(before);
+    std::filesystem::rename(sandbox.path("old"), sandbox.path("new"));
+    sandbox.link("old", "new");
+    // Asked for by either name, in either order.
+    const auto after = roots.addContainer(sandbox.path("old"));
+    ASSERT_TRUE(after);
+    EXPECT_EQ(after->path(), sandbox.path("new"));
+    EXPECT_EQ(roots.addContainer(sandbox.path("new")), after);
+    EXPECT_EQ(roots.addContainer(sandbox.path("old")), after);
+    EXPECT_EQ(roots.all().size(), 1U);
+    EXPECT_EQ(roots.locate(sandbox.path("old/Documents")), std::nullopt);
+    EXPECT_EQ(roots.locate(sandbox.path("new/Documents"))->root->realPath, sandbox.path("new/Documents"));
 }
 
 TEST(Roots, AVersionMayLieInNoOtherRoot) {

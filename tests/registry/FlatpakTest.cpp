@@ -56,6 +56,32 @@ TEST_F(FlatpakTest, ReachesItsContainerThroughALinkThatIsResolvedOnce) {
     EXPECT_EQ(record->dataContainerURL(), URL::file(device_.path("big-disk/notes")));
 }
 
+TEST_F(FlatpakTest, ThatGotAnotherIDLeavesItsDocumentsToIt) {
+    device_.installFlatpak(kUserFlatpaks, "org.example.Old", RegistryDevice::entry("Old"));
+    device_.makeFolder("home/.var/app/org.example.Old/Documents");
+    const BundleRecordPtr before = device_.record("org.example.Old");
+    EXPECT_EQ(before->dataContainerURL(), URL::file(device_.path("home/.var/app/org.example.Old")));
+    const ArchivedBundleRecord archived = before->archived();
+
+    // As Flatpak does it when the new one is first run.
+    std::filesystem::rename(device_.path("home/.var/app/org.example.Old"),
+                            device_.path("home/.var/app/org.example.New"));
+    std::filesystem::create_directory_symlink("org.example.New", device_.path("home/.var/app/org.example.Old"));
+    const URL moved = URL::file(device_.path("home/.var/app/org.example.New"));
+    EXPECT_EQ(device_.record("org.example.Old")->dataContainerURL(), moved) << "nobody else has them";
+
+    device_.installFlatpak(kSystemFlatpaks, "org.example.New", RegistryDevice::entry("New"));
+    EXPECT_EQ(device_.record("org.example.New")->dataContainerURL(), moved);
+    EXPECT_EQ(device_.record("org.example.Old")->dataContainerURL(), std::nullopt);
+    EXPECT_EQ(device_.registry().recordFromArchive(archived)->dataContainerURL(), std::nullopt);
+    EXPECT_TRUE(device_.log.contains("[DEBUG] no documents of \"org.example.Old\" in \"" +
+                                     device_.path("home/.var/app/org.example.Old") +
+                                     "\"; they are those of \"org.example.New\""));
+
+    std::filesystem::remove_all(device_.path("home/.var/app/org.example.New"));
+    EXPECT_EQ(device_.record("org.example.Old")->dataContainerURL(), std::nullopt);
+}
+
 struct FileSharingRow {
     std::string context;
     std::string systemOverride, userGlobalOverride, userOverride;

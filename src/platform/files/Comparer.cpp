@@ -17,7 +17,7 @@ bool isVisibleEntry(const FolderContext& folder, std::string_view name, bool isD
     return !(folder.isRoot && isDirectory && name == "Inbox");
 }
 
-Comparer::Comparer(const Roots& roots, store::Store& store, mime::TypeDatabase& types, KeptAttributes kept,
+Comparer::Comparer(Roots& roots, store::Store& store, mime::TypeDatabase& types, KeptAttributes kept,
                    filesystem::OwnChanges* ownChanges)
     : roots_(roots), store_(store), types_(types), kept_(std::move(kept)), ownChanges_(ownChanges) {}
 
@@ -39,7 +39,9 @@ Result<void> Comparer::compare(const std::vector<Place>& folders, Detail detail)
 }
 
 void Comparer::noteCompared(const std::vector<std::shared_ptr<const Root>>& roots, std::uint64_t generation) {
-    for (const auto& root : roots) rootsCompared_.insert(root.get());  // they live as long as `roots_`
+    rootsCompared_.clear();
+    for (const auto& root : roots) rootsCompared_.insert(root->number);
+    std::erase_if(rootsMet_, [&](std::uint64_t number) { return !rootsCompared_.contains(number); });
     rootsGeneration_ = generation;
 }
 
@@ -50,7 +52,7 @@ Result<void> Comparer::compareNewRoots() {
     const auto roots = roots_.all();
     ComparisonRun run(*this);
     for (const auto& root : roots) {
-        if (rootsCompared_.contains(root.get())) continue;
+        if (rootsCompared_.contains(root->number)) continue;
         if (auto result = run.compareBelow({root, ""}, Detail::everything); !result) return result;
     }
     auto finished = run.finish();
@@ -206,6 +208,7 @@ Result<Comparer::FileSystemEntry> Comparer::fileSystemOf(std::uint64_t device, i
     if (!identity) return failure(identity.error());
     FileSystemEntry entry;
     entry.keepsChangeTimes = identity->keepsChangeTimes;
+    entry.isNamed = !identity->identity.empty();
     {
         store::Session session(store_);
         session.write();

@@ -51,7 +51,7 @@ bool isVisibleEntry(const FolderContext& folder, std::string_view name, bool isD
 ///     takes that over, it is given those that it lacks, as last seen.
 class Comparer {
 public:
-    Comparer(const Roots& roots, store::Store& store, mime::TypeDatabase& types, KeptAttributes kept = KeptAttributes(),
+    Comparer(Roots& roots, store::Store& store, mime::TypeDatabase& types, KeptAttributes kept = KeptAttributes(),
              filesystem::OwnChanges* ownChanges = nullptr);
 
     /// Compares the folders and everything below them; all roots when the list is empty.
@@ -139,6 +139,7 @@ private:
     struct FileSystemEntry {
         std::uint32_t number = 0;
         bool keepsChangeTimes = false;
+        bool isNamed = false;  ///< no other file system has the number
     };
     bool coverStorage(const std::vector<Place>& folders) const;
     void noteCompared(const std::vector<std::shared_ptr<const Root>>& roots, std::uint64_t generation);
@@ -165,7 +166,7 @@ private:
     void notePurged();
     bool leadsTo(store::Session& session, const store::EntryRow& row, const Place& place) const;
 
-    const Roots& roots_;
+    Roots& roots_;
     store::Store& store_;
     mime::TypeDatabase& types_;
     const KeptAttributes kept_;
@@ -175,11 +176,12 @@ private:
     bool unsettled_ = true;
     bool takeoversLeft_ = true;     ///< the same for takeovers, also after a comparison that failed
     FolderWatch* watch_ = nullptr;  ///< under runMutex_
-    /// Under runMutex_: the roots that a comparison of all of them looked at, and their generation then.
-    std::set<const Root*> rootsCompared_;
+    /// Under runMutex_: the roots, by number, that a comparison of all of them looked at, and their generation then.
+    std::set<std::uint64_t> rootsCompared_;
     std::uint64_t rootsGeneration_ = 0;
-    /// Under runMutex_: the roots whose places others took, and whose rows were brought in line with that.
-    std::set<const Root*> partedFrom_;
+    /// Under runMutex_: the roots, by number, in whose places no former folder is to be looked for any more.
+    std::set<std::uint64_t> rootsMet_;
+    std::set<FileID> formersMoved_;  ///< under runMutex_: former folders of roots that are elsewhere now
     /// Under runMutex_: folders of whose contents no hint will tell, to be read with all below them: such as were given
     /// up when the folder became hidden or went, or were there before it was watched.
     std::set<FileID> unread_;

@@ -20,14 +20,15 @@ using store::ObjectState;
 
 /// How long a run keeps the store before others may look in.
 constexpr auto kSessionSpan = std::chrono::milliseconds(25);
-constexpr std::size_t kKnownAtOnce = 1000;
 
 bool isGoneWhileWorking(const Error& error) {
     return error.domain == ErrorDomain::posix &&
            (error.code == ENOENT || error.code == ENOTDIR || error.code == ELOOP || error.code == ESTALE);
 }
 
-std::string joined(const std::string& folder, std::string_view name) {
+}  // namespace
+
+std::string ComparisonRun::joined(const std::string& folder, std::string_view name) {
     std::string path;
     path.reserve(folder.size() + 1 + name.size());
     path += folder;
@@ -35,8 +36,6 @@ std::string joined(const std::string& folder, std::string_view name) {
     path += name;
     return path;
 }
-
-}  // namespace
 
 // ---- the store, held for a while -------------------------------------------------------------------------------
 
@@ -72,145 +71,6 @@ FolderContext ComparisonRun::contextBelow(const FolderContext& context, const En
     below.contentsVisible = row.visible && !row.package;
     below.package = row.visible && row.package ? std::optional(row.fileID) : context.package;
     return below;
-}
-
-Result<ObjectRow> ComparisonRun::rootRow(const std::shared_ptr<const Root>& root) {
-    auto status = filesystem::statusOf(root->directory.get());
-    if (!status) return failure(status.error());
-    if (auto released = release(); !released) return failure(released.error());
-    auto identity = comparer_.identityOf(*status, root->directory.get());
-    if (!identity) return failure(identity.error());
-    if (auto parted = partFromFormers(*root); !parted) return failure(parted.error());
-    auto row = session().index().byIdentity(*identity);
-    if (row && row->parent == 0 && row->name == root->name && row->state == ObjectState::live) return *row;
-    write();
-    if (row) {
-        // Known from before as a folder inside another root, or as this root under another name.
-        row->parent = 0;
-        row->name = root->name;
-        row->state = ObjectState::live;
-        row->visible = true;
-        row->package = false;
-        row->listed = 0;
-        session().index().update(*row);
-        return *row;
-    }
-    if (root->isVersion) {
-        auto former = succeed(*root, *identity);
-        if (!former) return failure(former.error());
-        if (*former) return **former;
-        write();
-    }
-    ObjectRow fresh;
-    fresh.identity = *identity;
-    fresh.name = root->name;
-    fresh.kind = FileKind::directory;
-    fresh.visible = true;
-    fresh.modified = status->modified;
-    fresh.changed = status->changed;
-    session().index().insert(fresh);
-    return fresh;
-}
-
-/// Another folder stands where a library's was. What that one held is gone if it was removed: nobody can remove a
-/// folder that holds something, so what did lie in it is to be looked for elsewhere. Moved or covered by a mount, it is
-/// unavailable, and all in it stays what it is.
-Result<void> ComparisonRun::partFromFormers(const Root& root) {
-    if (root.isVersion) return {};  // it is succeeded by the next one
-    // Several, where nobody asked for what was in between.
-    for (const Root* former = root.former.get(); former != nullptr; former = former->former.get()) {
-        if (comparer_.partedFrom_.contains(former)) break;
-        if (auto parted = partFrom(*former); !parted) return parted;
-        comparer_.partedFrom_.insert(former);
-    }
-    return {};
-}
-
-Result<void> ComparisonRun::partFrom(const Root& former) {
-    const auto status = filesystem::statusOf(former.directory.get());
-    if (!status) return failure(status.error());
-    if (auto released = release(); !released) return released;
-    const auto identity = comparer_.identityOf(*status, former.directory.get());
-    if (!identity) return failure(identity.error());
-    auto row = session().index().byIdentity(*identity);
-    // By now it may be known as a folder below another root.
-    if (!row || row->parent != 0 || row->name != former.name) return session().check();
-    unwatchBelow(row->fileID);
-    if (status->links == 0) {
-        write();
-        row->state = ObjectState::missing;
-        row->visible = false;  // its name goes on, so nobody is told that it left
-        session().index().update(*row);
-        comparer_.unsettled_ = true;
-    }
-    return session().check();
-}
-
-/// Hints of what happens there could not be followed any more.
-void ComparisonRun::unwatchBelow(FileID folder) {
-    if (comparer_.watch_ == nullptr) return;
-    std::vector<FileID> pending{folder};
-    while (!pending.empty()) {
-        const FileID next = pending.back();
-        pending.pop_back();
-        comparer_.watch_->forget(next);
-        comparer_.unread_.erase(next);
-        for (const EntryRow& row : session().index().folders(next)) pending.push_back(row.fileID);
-    }
-}
-
-/// A new version of a folder was copied from the one before: what has the same name and content in it is what was
-/// there, and so is the folder itself, which comes last: whoever is cut off begins again. The row of the folder, unless
-/// none of its name is known.
-Result<std::optional<ObjectRow>> ComparisonRun::succeed(const Root& root, const store::ObjectIdentity& identity) {
-    const auto former = session().index().childNamed(FileID{0}, root.name);
-    if (!former) return std::optional<ObjectRow>();
-    std::vector<std::pair<FileID, std::string>> pending{{former->fileID, ""}};
-    while (!pending.empty()) {
-        const auto [folder, relative] = std::move(pending.back());
-        pending.pop_back();
-        if (auto done = succeedBelow(root, folder, relative, pending); !done) return failure(done.error());
-    }
-    auto row = session().index().byFileID(former->fileID);
-    if (!row) return std::optional<ObjectRow>();
-    write();
-    row->identity = identity;
-    row->listed = 0;
-    session().index().update(*row);
-    if (comparer_.watch_ != nullptr) comparer_.watch_->forget(row->fileID);
-    return row;
-}
-
-Result<void> ComparisonRun::succeedBelow(const Root& root, FileID folder, const std::string& relative,
-                                         std::vector<std::pair<FileID, std::string>>& pending) {
-    const auto handle = filesystem::openBeneath(root.directory.get(), relative, O_PATH | O_DIRECTORY);
-    if (!handle) return {};  // what was there is not in this version
-    for (std::uint64_t position = 0;;) {
-        auto children = session().index().allChildren(folder, position, kKnownAtOnce);
-        if (auto checked = session().check(); !checked) return checked;
-        if (children.empty()) return {};
-        position = children.back().position;
-        for (ObjectRow& child : children) {
-            if (child.state != ObjectState::live) continue;
-            const auto status = filesystem::statusAt(handle->get(), child.name.c_str());
-            if (!status) continue;
-            const bool isSame = child.isDirectory()
-                                    ? S_ISDIR(status->mode)
-                                    : S_ISREG(status->mode) && child.kind == FileKind::regular &&
-                                          status->size == child.size && status->modified == child.modified;
-            const auto fileSystem = comparer_.knownFileSystem(status->device);
-            if (!isSame || !fileSystem) continue;
-            if (child.isDirectory()) pending.emplace_back(child.fileID, joined(relative, child.name));
-            const store::ObjectIdentity identity{fileSystem->number, status->inode, status->birth};
-            if (session().index().byIdentity(identity)) continue;
-            write();
-            child.identity = identity;
-            child.listed = 0;
-            session().index().update(child);
-            if (child.isDirectory() && comparer_.watch_ != nullptr) comparer_.watch_->forget(child.fileID);
-        }
-        if (auto result = breathe(); !result) return result;
-    }
 }
 
 /// True when clients may be told of what lies in the folder, by what is known of it.

@@ -19,9 +19,9 @@ inline filesystem::OwnChanges::Name ownName(const store::ObjectRow& folder, cons
 }
 
 /// One comparison from its start to its end. Used by Comparer only, under its run mutex. Its parts: which folders are
-/// read (ComparisonRun.cpp), which object is which in one of them (ComparisonDifference.cpp), what became of those that
-/// were missing (ComparisonSettling.cpp), what documents carry (ComparisonKept.cpp), what a watch was told of
-/// (ComparisonHinted.cpp).
+/// read (ComparisonRun.cpp), what became of a root's former folder (ComparisonRoots.cpp), which object is which in one
+/// of them (ComparisonDifference.cpp), what became of those that were missing (ComparisonSettling.cpp), what documents
+/// carry (ComparisonKept.cpp), what a watch was told of (ComparisonHinted.cpp).
 class ComparisonRun {
 public:
     explicit ComparisonRun(Comparer& comparer) : comparer_(comparer) {}
@@ -92,13 +92,20 @@ private:
         std::int64_t began = 0;  ///< when its reading began
     };
 
+    /// Rows of a folder that are read at once.
+    static constexpr std::size_t kKnownAtOnce = 1000;
+    static std::string joined(const std::string& folder, std::string_view name);
     Result<std::optional<Job>> jobFor(const Place& folder);
     Result<std::optional<Job>> jobByNames(const Place& folder, Job job);
     FolderContext contextOf(const store::EntryRow& folder);
     static bool showsContents(const store::EntryRow& folder);
     Result<store::ObjectRow> rootRow(const std::shared_ptr<const Root>& root);
-    Result<void> partFromFormers(const Root& root);
-    Result<void> partFrom(const Root& former);
+    Result<void> partFromFormers(const Root& root, const filesystem::Status& status,
+                                 const store::ObjectIdentity& identity);
+    Result<void> partFromHeld(const Root& former);
+    Result<void> partFromEarlier(const Root& root, const filesystem::Status& status,
+                                 const store::ObjectIdentity& identity);
+    void forgetFormer(store::ObjectRow row);
     void unwatchBelow(FileID folder);
     Result<std::optional<store::ObjectRow>> succeed(const Root& root, const store::ObjectIdentity& identity);
     Result<void> succeedBelow(const Root& root, FileID folder, const std::string& relative,

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <iterator>
+#include <mutex>
 
 #include "platform/base/SystemCall.h"
 #include "platform/filesystem/Beneath.h"
@@ -110,22 +112,14 @@ Result<ResolvedFolder> resolveFolder(const std::string& path) {
 
 }  // namespace
 
-Roots::~Roots() {
-    for (auto& bucket : byName_) {
-        const Node* node = bucket.load(std::memory_order_acquire);
-        while (node != nullptr) {
-            const std::unique_ptr<const Node> owned(node);
-            node = owned->next;
-        }
-    }
+Roots::RootPtr Roots::named(std::string_view name) const {
+    const auto found = byName_.find(name);
+    return found != byName_.end() ? found->second : nullptr;
 }
 
-const Root* Roots::find(std::string_view name, const std::shared_ptr<const Root>** holder) const {
-    const Node* node = byName_[TextHash{}(name) % kBuckets].load(std::memory_order_acquire);
-    while (node != nullptr && node->root->name != name) node = node->next;
-    if (node == nullptr) return nullptr;
-    if (holder != nullptr) *holder = &node->root;
-    return node->root.get();
+Roots::RootPtr Roots::find(std::string_view name) const {
+    const std::shared_lock lock(mutex_);
+    return named(name);
 }
 
 Result<std::shared_ptr<const Root>> Roots::addStorage(const std::string& realPath) {
@@ -149,16 +143,24 @@ Result<URL> Roots::addVersionedContainer(const std::string& link) {
     return addLibrary(link, joined(above->path, link.substr(slash + 1)), true);
 }
 
-/// The root of the path's container, if the folder that stands there is the one that is held open: by one system call,
-/// since every look at the applications asks for all of them.
-const Root* Roots::knownLibrary(const std::string& container) const {
+/// The root of the path's container, if the folder that stands there is the one that is held open: by few system calls,
+/// since every look at the applications asks for all of them. A container that a link stands for now moved, and is to
+/// be named by its new place.
+Roots::RootPtr Roots::knownLibrary(const std::string& container) const {
     if (!container.starts_with('/') || container.find('\0') != std::string::npos) return nullptr;
     const std::string documents = joined(container, kDocuments);
-    const Root* known = find(nameForRealPath(documents));
-    if (known == nullptr || known->kind != Root::Kind::library) return nullptr;
-    struct stat status{};
-    if (untilNotInterrupted([&] { return ::lstat(documents.c_str(), &status); }) != 0) return nullptr;
-    return status.st_dev == known->device && status.st_ino == known->inode ? known : nullptr;
+    RootPtr known = find(nameForRealPath(documents));
+    if (!known || known->kind != Root::Kind::library) return nullptr;
+    const auto statusOf = [](const std::string& path) {
+        struct stat status{};
+        const bool isThere = untilNotInterrupted([&] { return ::lstat(path.c_str(), &status); }) == 0;
+        return isThere ? std::optional(status) : std::nullopt;
+    };
+    const auto status = statusOf(documents);
+    if (!status || status->st_dev != known->device || status->st_ino != known->inode) return nullptr;
+    if (known->isVersion) return known;
+    const auto above = statusOf(container);
+    return above && S_ISDIR(above->st_mode) ? known : nullptr;
 }
 
 /// `namedContainer` is what the name is made of where that is not the resolved path.
@@ -168,8 +170,8 @@ Result<URL> Roots::addLibrary(const std::string& container, const std::string& n
     if (!resolved) return failure(resolved.error());
     std::string realPath = joined(resolved->path, kDocuments);
     std::string name = nameForRealPath(isVersion ? joined(namedContainer, kDocuments) : realPath);
-    const Root* known = find(name);
-    const bool isKnown = known != nullptr && known->kind == Root::Kind::library;
+    const RootPtr known = find(name);
+    const bool isKnown = known && known->kind == Root::Kind::library;
     const bool isThere = isKnown && known->realPath == realPath;
     // The name is that of a link, at whose place another container stands now.
     if (isKnown && !isThere && !isVersion) return URL::file(parentOf(name));
@@ -190,6 +192,13 @@ Result<URL> Roots::addLibrary(const std::string& container, const std::string& n
 namespace {
 
 bool isSameFolder(const Root& a, const Root& b) { return a.device == b.device && a.inode == b.inode; }
+
+/// True when the path leads to the folder that is held open, by no link.
+bool standsAtItsPath(const Root& root) {
+    const auto there = openFolder(AT_FDCWD, root.realPath.c_str(), RESOLVE_NO_SYMLINKS);
+    const auto status = there ? filesystem::statusOf(there->get()) : failure(there.error());
+    return status && status->device == root.device && status->inode == root.inode;
+}
 
 /// True for two folders of one library, of which the first was found earlier.
 bool givesWay(const Root& former, const Root& next) {
@@ -212,8 +221,9 @@ Result<void> apart(std::string_view mine, std::string_view theirs) {
 
 }  // namespace
 
-/// `territory` is all that belongs to the new root: the storage root itself, a library's whole container.
-Result<void> Roots::compatible(const Root& root, const std::string& territory) const {
+/// `territory` is all that belongs to the new root: the storage root itself, a library's whole container. `moved` is
+/// the root that its folder was until now, if any.
+Result<void> Roots::compatible(const Root& root, const std::string& territory, const RootPtr& moved) const {
     const Root* storage =
         roots_.empty() || roots_.front()->kind != Root::Kind::storage ? nullptr : roots_.front().get();
     if (root.kind == Root::Kind::storage) {
@@ -240,10 +250,29 @@ Result<void> Roots::compatible(const Root& root, const std::string& territory) c
     }
     // The same folder under another path, by another mount of it.
     const auto same = byFolder_.find({root.device, root.inode});
-    if (same != byFolder_.end() && !givesWay(*same->second, root)) {
+    if (same != byFolder_.end() && same->second != moved && !givesWay(*same->second, root)) {
         return failure(posixError(EXDEV, root.realPath + " is the same folder as " + same->second->realPath));
     }
     return {};
+}
+
+/// The library that the folder was, if it was moved from there.
+Roots::RootPtr Roots::movedFrom(const Root& root) const {
+    RootPtr same;
+    {
+        const std::shared_lock lock(mutex_);
+        const auto found = byFolder_.find({root.device, root.inode});
+        if (found != byFolder_.end()) same = found->second;
+    }
+    if (!same || same->name == root.name || same->kind != Root::Kind::library || same->isVersion) return nullptr;
+    return standsAtItsPath(*same) ? nullptr : same;
+}
+
+void Roots::remove(const RootPtr& root) {
+    if (const auto own = byName_.find(root->name); own != byName_.end() && own->second == root) byName_.erase(own);
+    byRealPath_.erase(root->realPath);
+    byFolder_.erase({root->device, root->inode});
+    descriptors_.erase(root->directory.get());
 }
 
 Result<std::shared_ptr<const Root>> Roots::insert(Root root, const std::string& territory) {
@@ -252,6 +281,7 @@ Result<std::shared_ptr<const Root>> Roots::insert(Root root, const std::string& 
     root.device = status->device;
     root.inode = status->inode;
     root.birth = status->birth;
+    const RootPtr moved = root.kind == Root::Kind::library && !root.isVersion ? movedFrom(root) : nullptr;
 
     const std::lock_guard lock(mutex_);
     // A folder that is held open keeps its numbers, also when it is removed.
@@ -260,55 +290,68 @@ Result<std::shared_ptr<const Root>> Roots::insert(Root root, const std::string& 
         (isSameFolder(*known->second, root) || !givesWay(*known->second, root))) {
         return known->second;
     }
-    if (auto fits = compatible(root, territory); !fits) return failure(fits.error());
-    const std::shared_ptr<const Root>* holder = nullptr;
-    if (find(root.name, &holder) != nullptr && givesWay(**holder, root)) root.former = *holder;
+    if (auto fits = compatible(root, territory, moved); !fits) return failure(fits.error());
+    if (const auto held = std::ranges::find(roots_, moved); moved && held != roots_.end()) {
+        remove(moved);
+        roots_.erase(held);
+    }
+    RootPtr former = named(root.name);
+    if (former && !givesWay(*former, root)) former = nullptr;
+    root.number = generation_.load(std::memory_order_relaxed) + 1;
     const auto added = std::make_shared<const Root>(std::move(root));
-    auto node = std::make_unique<Node>(Node{added, nullptr});
-    if (added->former) {
-        byRealPath_.erase(added->former->realPath);
-        byFolder_.erase({added->former->device, added->former->inode});
-        descriptors_.erase(added->former->directory.get());
-        std::ranges::replace(roots_, added->former, added);
+    if (former) {
+        remove(former);
+        std::ranges::replace(roots_, former, added);
+        if (!added->isVersion) formers_.push_back(std::move(former));
     } else {
         roots_.insert(added->kind == Root::Kind::storage ? roots_.begin() : roots_.end(), added);
     }
+    byName_.emplace(added->name, added);
     byRealPath_.emplace(added->realPath, added);
-    byFolder_.emplace(FolderKey{added->device, added->inode}, added.get());
+    byFolder_.emplace(FolderKey{added->device, added->inode}, added);
     descriptors_.insert(added->directory.get());
-    // In front, so that it is found before the one that it takes the place of.
-    auto& bucket = byName_[TextHash{}(added->name) % kBuckets];
-    node->next = bucket.load(std::memory_order_relaxed);
-    bucket.store(node.release(), std::memory_order_release);
     generation_.fetch_add(1, std::memory_order_release);
     return added;
 }
 
-std::shared_ptr<const Root> Roots::storage() const {
+std::vector<std::shared_ptr<const Root>> Roots::formersOf(std::string_view name) const {
+    std::vector<RootPtr> formers;
+    const std::shared_lock lock(mutex_);
+    std::ranges::copy_if(formers_, std::back_inserter(formers),
+                         [&](const RootPtr& root) { return root->name == name; });
+    return formers;
+}
+
+void Roots::letGo(const std::shared_ptr<const Root>& former) {
     const std::lock_guard lock(mutex_);
+    std::erase(formers_, former);
+}
+
+std::shared_ptr<const Root> Roots::storage() const {
+    const std::shared_lock lock(mutex_);
     if (roots_.empty() || roots_.front()->kind != Root::Kind::storage) return nullptr;
     return roots_.front();
 }
 
 std::vector<std::shared_ptr<const Root>> Roots::all() const {
-    const std::lock_guard lock(mutex_);
+    const std::shared_lock lock(mutex_);
     return roots_;
 }
 
 bool Roots::isRoot(int descriptor) const {
-    const std::lock_guard lock(mutex_);
+    const std::shared_lock lock(mutex_);
     return descriptors_.contains(descriptor);
 }
 
 std::optional<Place> Roots::locate(std::string_view path) const {
     const std::size_t end = endOfDocuments(path);
     if (end == std::string_view::npos) return std::nullopt;
-    const std::shared_ptr<const Root>* root = nullptr;
-    if (find(path.substr(0, end), &root) == nullptr) return std::nullopt;
-    if (end == path.size()) return Place{*root, {}};
+    RootPtr root = find(path.substr(0, end));
+    if (!root) return std::nullopt;
+    if (end == path.size()) return Place{std::move(root), {}};
     const std::string_view relative = path.substr(end + 1);
     if (!hasPlainComponents(relative)) return std::nullopt;
-    return Place{*root, std::string(relative)};
+    return Place{std::move(root), std::string(relative)};
 }
 
 std::string Roots::realPath(std::string_view path) const {
@@ -317,8 +360,8 @@ std::string Roots::realPath(std::string_view path) const {
     const std::size_t slash = std::min(path.find('/', kMadeUp.size()), path.size());
     std::string_view below = path.substr(std::min(slash + 1, path.size()));
     const std::string container(path.substr(0, slash));
-    const Root* root = find(container + std::string(kDocumentsBelow));
-    if (root == nullptr || hasParentComponent(path)) return std::string(path);
+    const RootPtr root = find(container + std::string(kDocumentsBelow));
+    if (!root || hasParentComponent(path)) return std::string(path);
     if (below != kDocuments && !below.starts_with("Documents/")) return joined(parentOf(root->realPath), below);
     below.remove_prefix(std::min(kDocuments.size() + 1, below.size()));
     return joined(root->realPath, below);
@@ -328,7 +371,7 @@ URL Roots::urlForRealPath(std::string_view realPath) const {
     URL url = URL::file(realPath);
     const std::string_view path = url.path();
     if (hasParentComponent(path)) return url;
-    const std::lock_guard lock(mutex_);
+    const std::shared_lock lock(mutex_);
     if (const auto own = byRealPath_.find(joined(path, kDocuments));
         own != byRealPath_.end() && own->second->kind == Root::Kind::library) {
         return URL::file(parentOf(own->second->name));

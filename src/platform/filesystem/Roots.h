@@ -1,14 +1,14 @@
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
+#include <shared_mutex>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -33,8 +33,8 @@ struct Root {
     std::uint64_t device = 0;
     std::uint64_t inode = 0;
     std::int64_t birth = 0;
-    /// The one whose place it took; null for the first of its name.
-    std::shared_ptr<const Root> former = nullptr;
+    /// Tells it from every other root of the program, those that are gone too.
+    std::uint64_t number = 0;
     /// True where the name is that of a link to versions of a folder: another folder of the name is the next version,
     /// and what lies in it is what lay in the one before.
     bool isVersion = false;
@@ -46,12 +46,13 @@ struct Place {
     std::string relative;  ///< no leading slash, no empty, "." or ".." component, no NUL
 };
 
-/// All roots of one program, by the name that URLs carry. Any thread may call any operation; `locate` and `realPath`
-/// take no lock.
+/// All roots of one program, by the name that URLs carry. Any thread may call any operation; all but the adding ones
+/// hold each other back for no longer than it takes to look a name up.
 ///
-/// R1: no two roots have the same name or are the same folder, none lies in another, none is dropped or changed once
-///     added. A library's folder gives way to another one under its name: to the next version, or to the one that
-///     stands at its path now, the former having been removed, moved or covered by a mount. The former stays open.
+/// R1: no two roots have the same name or are the same folder, none lies in another, none changes once added, and the
+///     storage root stays. A library's folder gives way to another one under its name: to the next version, or to the
+///     one that stands at its path now, the former having been removed, moved or covered by a mount. A folder that was
+///     moved to the place of another library is that one's from then on, and the root that it was is none any more.
 /// R2: a root's name holds the component "Documents" exactly once, at its end. Where the real path is such a path, it
 ///     is the name; elsewhere the name is "/.tarnwell/<real path with % and / escaped>/Documents". For the real path of
 ///     a version stands that of the link and what is below it.
@@ -61,7 +62,6 @@ public:
     Roots() = default;
     Roots(const Roots&) = delete;
     Roots& operator=(const Roots&) = delete;
-    ~Roots();
 
     /// Adds the storage root, a folder that exists (a link to one is followed, now and never again). Adding it again
     /// gives the same root. EEXIST where another storage root stands, EXDEV where it and a library's container lie in
@@ -82,6 +82,10 @@ public:
     std::shared_ptr<const Root> storage() const;
     /// All roots, the storage first, then in the order of adding.
     std::vector<std::shared_ptr<const Root>> all() const;
+    /// The folders that gave way under that name, the last one last, but for versions. They are held open until they
+    /// are let go, so that it can be told what became of them.
+    std::vector<std::shared_ptr<const Root>> formersOf(std::string_view name) const;
+    void letGo(const std::shared_ptr<const Root>& former);
     /// Grows when a root is added or gives way to another.
     std::uint64_t generation() const { return generation_.load(std::memory_order_acquire); }
     /// True for the descriptor that holds a root open.
@@ -99,34 +103,34 @@ public:
     URL urlForRealPath(std::string_view realPath) const;
 
 private:
-    struct Node {
-        std::shared_ptr<const Root> root;
-        const Node* next;
-    };
+    using RootPtr = std::shared_ptr<const Root>;
     struct TextHash {
         using is_transparent = void;
         std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
     };
-    static constexpr std::size_t kBuckets = 1024;
-
     using FolderKey = std::pair<std::uint64_t, std::uint64_t>;  ///< device and inode of a folder that is held open
 
-    const Root* find(std::string_view name, const std::shared_ptr<const Root>** holder = nullptr) const;
+    RootPtr find(std::string_view name) const;
+    /// Under mutex_.
+    RootPtr named(std::string_view name) const;
     /// Adds the root unless R1 forbids it or another of its name came first, which is given then.
-    Result<std::shared_ptr<const Root>> insert(Root root, const std::string& territory);
-    const Root* knownLibrary(const std::string& container) const;
+    Result<RootPtr> insert(Root root, const std::string& territory);
+    RootPtr knownLibrary(const std::string& container) const;
     Result<URL> addLibrary(const std::string& container, const std::string& namedContainer, bool isVersion);
+    RootPtr movedFrom(const Root& root) const;
+    /// It is no root any more. Under mutex_.
+    void remove(const RootPtr& root);
     /// Whether R1 allows the root beside those that are there. Of libraries only those are looked at that lie above or
     /// below it, since there may be thousands. Under mutex_.
-    Result<void> compatible(const Root& root, const std::string& territory) const;
+    Result<void> compatible(const Root& root, const std::string& territory, const RootPtr& moved) const;
 
-    /// Chains of nodes that are only ever added to, at their front (R1), so that readers need no lock.
-    std::array<std::atomic<const Node*>, kBuckets> byName_{};
     std::atomic<std::uint64_t> generation_{0};  ///< changed under mutex_
-    mutable std::mutex mutex_;
-    std::vector<std::shared_ptr<const Root>> roots_;
-    std::map<std::string, std::shared_ptr<const Root>, std::less<>> byRealPath_;
-    std::map<FolderKey, const Root*> byFolder_;
+    mutable std::shared_mutex mutex_;           ///< held for looking up and entering only
+    std::unordered_map<std::string, RootPtr, TextHash, std::equal_to<>> byName_;
+    std::vector<RootPtr> roots_;
+    std::vector<RootPtr> formers_;
+    std::map<std::string, RootPtr, std::less<>> byRealPath_;
+    std::map<FolderKey, RootPtr> byFolder_;
     std::unordered_set<int> descriptors_;
 };
 

@@ -35,18 +35,28 @@ std::string canonicalPath(const std::string& path) {
 /// A data container by real path, and the URL that names it once its Documents folder is there.
 class Container {
 public:
-    Container(std::string identifier, std::string path, Origin origin)
-        : identifier_(std::move(identifier)), path_(std::move(path)), isVersioned_(origin == Origin::snap) {}
+    /// Whether the path may lead through links, or had none when it was written down.
+    enum class Path { asDeclared, real };
+    Container(std::string identifier, std::string path, Origin origin, Path kind)
+        : identifier_(std::move(identifier)), path_(std::move(path)), origin_(origin), kind_(kind) {}
 
     std::optional<URL> url(State& state) const {
         {
             std::lock_guard lock(mutex_);
             if (!name_.empty()) return URL::file(name_);
         }
-        const auto added = isVersioned_ ? state.roots.addVersionedContainer(path_) : state.roots.addContainer(path_);
+        const auto added = isVersioned() ? state.roots.addVersionedContainer(path_) : state.roots.addContainer(path_);
         if (!added) {
             state.problems.report(path_, "no documents of \"" + log::asOneLine(identifier_) + "\" in \"" +
                                              log::asOneLine(path_) + "\"; " + describe(added.error()));
+            return std::nullopt;
+        }
+        // A link stands there now: the container moved, and is another application's unless that says where it is.
+        if (kind_ == Path::real && !isVersioned() && realPathOf(state, *added) != path_) return std::nullopt;
+        if (const auto owner = otherOwner(state, *added)) {
+            state.problems.report(path_, "no documents of \"" + log::asOneLine(identifier_) + "\" in \"" +
+                                             log::asOneLine(path_) + "\"; they are those of \"" +
+                                             log::asOneLine(*owner) + "\"");
             return std::nullopt;
         }
         state.problems.settle(path_);
@@ -58,14 +68,10 @@ public:
     /// Links resolved, but for the one to a revision; nothing where there is no such folder.
     std::optional<std::string> realPath(State& state) const {
         if (const auto named = url(state)) {
-            std::string documents = state.roots.realPath(named->appending("Documents").path());
-            if (documents.ends_with(kDocumentsSuffix)) {
-                documents.resize(documents.size() - kDocumentsSuffix.size());
-                return documents;
-            }
+            if (auto container = realPathOf(state, *named)) return container;
         }
         const std::size_t slash = path_.rfind('/');
-        if (isVersioned_ && slash != std::string::npos && slash > 0) {
+        if (isVersioned() && slash != std::string::npos && slash > 0) {
             const std::string above = canonicalPath(path_.substr(0, slash));
             if (!above.empty() && !canonicalPath(path_).empty()) return above + path_.substr(slash);
             return std::nullopt;
@@ -78,9 +84,31 @@ public:
     const std::string& path() const { return path_; }
 
 private:
+    /// True for a link to one of several revisions, which change places.
+    bool isVersioned() const { return origin_ == Origin::snap; }
+    static std::optional<std::string> realPathOf(State& state, const URL& url) {
+        std::string documents = state.roots.realPath(url.appending("Documents").path());
+        if (!documents.ends_with(kDocumentsSuffix)) return std::nullopt;
+        documents.resize(documents.size() - kDocumentsSuffix.size());
+        return documents;
+    }
+    /// A Flatpak that got another ID leaves a link at its former place, which leads to the container of the one that it
+    /// is now. As long as that one is installed, the documents are shown as its own.
+    std::optional<std::string> otherOwner(State& state, const URL& added) const {
+        if (origin_ != Origin::flatpak) return std::nullopt;
+        const auto container = realPathOf(state, added);
+        if (!container) return std::nullopt;
+        std::string name = container->substr(container->rfind('/') + 1);
+        if (name == identifier_) return std::nullopt;
+        const ApplicationPtr other = state.scanner.application(name, Origin::flatpak);
+        if (!other || canonicalPath(other->containerPath) != *container) return std::nullopt;
+        return name;
+    }
+
     std::string identifier_;
     std::string path_;
-    bool isVersioned_;  ///< a link to one of several revisions, which change places
+    Origin origin_;
+    Path kind_;
     mutable std::mutex mutex_;
     /// The path of the URL, once it is known. Each caller gets a URL with a cache of its own: the container's values
     /// are to be read afresh.
@@ -129,7 +157,8 @@ public:
     InstalledRecord(std::shared_ptr<State> state, ApplicationPtr application)
         : state_(std::move(state)),
           application_(std::move(application)),
-          container_(application_->identifier, application_->containerPath, application_->origin) {}
+          container_(application_->identifier, application_->containerPath, application_->origin,
+                     Container::Path::asDeclared) {}
 
     std::optional<std::string> bundleIdentifier() const override { return application_->identifier; }
     std::optional<URL> dataContainerURL() const override { return container_.url(*state_); }
@@ -164,7 +193,7 @@ public:
         : state_(std::move(state)),
           archived_(std::move(archived)),
           container_(archived_.bundleIdentifier.value_or("(null)"), archived_.dataContainerPath.value_or(""),
-                     archived_.origin) {}
+                     archived_.origin, Container::Path::real) {}
 
     std::optional<std::string> bundleIdentifier() const override { return archived_.bundleIdentifier; }
     std::optional<URL> dataContainerURL() const override {

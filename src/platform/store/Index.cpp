@@ -25,7 +25,7 @@ Index::Index(Database& database, Numbers& numbers)
       allChildren_(database, "SELECT " TARNWELL_ROW_COLUMNS
                              " FROM object WHERE parent = ? AND position > ? AND state < 2 ORDER BY position LIMIT ?"),
       childNamed_(database, "SELECT " TARNWELL_ROW_COLUMNS
-                            " FROM object WHERE parent = ? AND name = ? AND state < 2 ORDER BY state LIMIT 1"),
+                            " FROM object WHERE parent = ? AND name = ? AND state < 2 ORDER BY state"),
       folders_(database, "SELECT " TARNWELL_ENTRY_COLUMNS
                          " FROM object WHERE parent = ? AND kind & 15 = 1 AND state = 0 ORDER BY position"),
       positions_(database,
@@ -149,6 +149,14 @@ std::optional<ObjectRow> Index::childNamed(FileID folder, std::string_view name)
     StatementScope s(childNamed_);
     s->bind(1, raw(folder)).bindBytes(2, name);
     return s->step() ? std::optional(rowFrom(childNamed_)) : std::nullopt;
+}
+
+std::vector<ObjectRow> Index::childrenNamed(FileID folder, std::string_view name) {
+    std::vector<ObjectRow> rows;
+    StatementScope s(childNamed_);
+    s->bind(1, raw(folder)).bindBytes(2, name);
+    while (s->step()) rows.push_back(rowFrom(childNamed_));
+    return rows;
 }
 
 std::vector<EntryRow> Index::folders(FileID folder) {

@@ -120,6 +120,8 @@ public:
                                        std::size_t limit = kMostChildren);
     /// The live or missing child of that name; of both the live one.
     std::optional<ObjectRow> childNamed(FileID folder, std::string_view name);
+    /// All of that name, live and missing; several roots may have had one name after the other.
+    std::vector<ObjectRow> childrenNamed(FileID folder, std::string_view name);
     /// Live children that are folders, in the order in which they came.
     std::vector<EntryRow> folders(FileID folder);
     /// Passes over `count` visible-by-name live children after a position; returns how many there were and the position
