@@ -358,6 +358,10 @@ Result<FileStatus> LocalFileSystem::stat(const URL& url) {
 bool LocalFileSystem::isReachable(const URL& url) {
     auto place = placeOf(url);
     if (!place) return false;
+    // Mostly nothing stands there, or no link.
+    const auto status = filesystem::statusBeneath(place->root->directory.get(), place->relative);
+    if (!status) return false;
+    if (!S_ISLNK(status->mode)) return true;
     auto target = filesystem::followLinks(roots_, *place);
     return target && filesystem::statusBeneath(target->root->directory.get(), target->relative).has_value();
 }

@@ -51,10 +51,15 @@ ssize_t listAt(int folder, const char* name, char* buffer, std::size_t size) {
     return ::llistxattr(pathOfEntry(folder, name).c_str(), buffer, size);
 }
 
-/// A descriptor that only stands for a place refuses the calls on open files, but its path leads to the object itself.
+/// A descriptor that only stands for a place refuses the calls on open files, but a folder is an entry of itself, and
+/// the path of any descriptor leads to its object.
 ssize_t listOf(int descriptor, char* buffer, std::size_t size) {
-    const ssize_t result = ::flistxattr(descriptor, buffer, size);
+    ssize_t result = ::flistxattr(descriptor, buffer, size);
     if (result >= 0 || errno != EBADF) return result;
+    if (kernelTakesFolderAndName()) {
+        result = listAt(descriptor, ".", buffer, size);
+        if (result >= 0 || (errno != ENOTDIR && errno != EACCES)) return result;
+    }
     return ::listxattr(pathOfDescriptor(descriptor).c_str(), buffer, size);
 }
 
