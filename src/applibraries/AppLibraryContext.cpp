@@ -22,8 +22,13 @@ AppLibraryContext::AppLibraryContext(items::Environment& environment, registry::
       workingSetCache_(environment.log, registry, pool, "working-set",
                        cacheURL(applicationSupport, "searchable-app-libraries.plist")),
       backgroundQueue_(dispatch::SerialQueue::create(pool, "tarnwell.app-library.background")),
-      services_{environment, registry,         std::move(pool),
-                mainCache_,  workingSetCache_, [this] { return sharedManager().versionToken(); }},
+      services_{environment,
+                registry,
+                std::move(pool),
+                mainCache_,
+                workingSetCache_,
+                [this] { return sharedManager().versionToken(); },
+                [this] { return namesVersion_.load(); }},
       directory_(*this) {
     environment_.appLibraries = &directory_;
 }
@@ -51,6 +56,12 @@ LocalAppLibraryManager* AppLibraryContext::sharedManagerUnlessLoading() {
 }
 
 bool AppLibraryContext::refreshAppLibraries() { return applibraries::refreshAppLibraries(services_); }
+
+bool AppLibraryContext::renewNames() {
+    if (sharedManager().renewNames().empty()) return false;
+    ++namesVersion_;
+    return true;
+}
 
 std::vector<URL> AppLibraryContext::SharedDirectory::rootURLsForAppLibraries() const {
     LocalAppLibraryManager* manager = context_.sharedManagerUnlessLoading();

@@ -44,6 +44,9 @@ public:
 
     /// See applibraries::refreshAppLibraries.
     bool refreshAppLibraries();
+    /// Finds the applications that got other names since the shared manager made their items: a name makes no other
+    /// list, so nothing else tells of it. True when there are some; root enumerators tell of them from then on.
+    bool renewNames();
 
 private:
     class SharedDirectory : public items::AppLibraryDirectory {
@@ -66,6 +69,7 @@ private:
     LocalAppLibraryCache workingSetCache_;
     std::shared_ptr<dispatch::SerialQueue> backgroundQueue_;
     AppLibraryServices services_;
+    std::atomic<std::uint64_t> namesVersion_{0};
     SharedDirectory directory_;
     std::once_flag sharedOnce_;
     std::atomic<std::thread::id> loadingThread_{};

@@ -195,6 +195,28 @@ bool LocalAppLibraryManager::upgradeFromMainCache(hostframework::ChangeObserver*
     return true;
 }
 
+std::vector<hostframework::ItemIdentifier> LocalAppLibraryManager::renewNames() {
+    const auto before = generation();
+    const auto after = std::make_shared<AppLibraryGeneration>(*before);
+    std::vector<hostframework::ItemIdentifier> renewed;
+    for (const auto& [url, record] : before->bundleProxiesByRootURLs) {
+        const auto identifier = items::appLibraryIdentifier(*record);
+        const AppLibraryItemPtr* item = before->appLibrariesByItemIDs.find(identifier);
+        const auto name = item ? record->localizedName() : std::nullopt;
+        if (!name || *name == (*item)->filename()) continue;
+        if (auto fresh = items::LocalAppLibraryItem::initFrom(services_.environment, *record)) {
+            after->appLibrariesByItemIDs.set(identifier, std::move(fresh));
+            renewed.push_back(identifier);
+        }
+    }
+    if (renewed.empty()) return renewed;
+    queue_->sync([&] {
+        // One that was put in place meanwhile was made of the names of now.
+        if (generation_ == before) generation_ = after;
+    });
+    return renewed;
+}
+
 std::string LocalAppLibraryManager::description() const { return descriptionOf(*generation()); }
 
 std::string LocalAppLibraryManager::descriptionOf(const AppLibraryGeneration& generation) const {

@@ -73,6 +73,9 @@ public:
     /// index cleanup the call blocks until the host has answered (see deleteSearchableItemsOfDomains).
     bool upgradeFromMainCache(hostframework::ChangeObserver* observer, IndexCleanup indexCleanup);
 
+    /// Makes the items of applications anew that have another name by now; their identifiers.
+    std::vector<hostframework::ItemIdentifier> renewNames();
+
     /// For log lines: the object, "SHARED" where it is, token, cache source, number of app libraries.
     std::string description() const;
 

@@ -196,6 +196,19 @@ void ProgramContext::refreshApplications() {
     parts_->provider->refreshInstalledAppsWithCompletionHandler(
         [wait] { std::call_once(wait->once, [&] { wait->done.set_value(); }); });
     wait->done.get_future().wait();
+    renewNames();
+}
+
+void ProgramContext::renewNames() {
+    if (!parts_->appLibraries->renewNames()) return;
+    for (const auto& container : {hostframework::kRootContainer, hostframework::kWorkingSetContainer}) {
+        parts_->providerManager->signalEnumeratorForContainer(container, {});
+    }
+}
+
+void ProgramContext::setLanguages(const std::vector<std::string>& languages) {
+    if (!parts_->registry->setLanguages(languages)) return;
+    parts_->appLibraries->backgroundQueue().async([this] { renewNames(); });
 }
 
 const std::vector<registry::BundleRecordPtr>& ProgramContext::librariesAtStart() const {
@@ -214,12 +227,14 @@ Result<void> ProgramContext::beginWatching() {
     if (auto watch = parts_->registry->watch(refresh)) {
         parts_->registryWatch = std::move(*watch);
         // The first look at what changed since they were met. Every look may find another folder where a library's was,
-        // and nothing but that look tells of it.
+        // or another name, and nothing but that look tells of it.
         parts_->provider->refreshInstalledAppsWithCompletionHandler(
-            [parts = parts_.get(), known = parts_->roots.generation()]() mutable {
-                if (std::exchange(known, parts->roots.generation()) == known) return;
-                parts->appLibraries->backgroundQueue().async(
-                    [parts] { (void)parts->events->currentEventID({}, events::Interest::nothing); });
+            [this, known = parts_->roots.generation()]() mutable {
+                const bool isNew = std::exchange(known, parts_->roots.generation()) != known;
+                parts_->appLibraries->backgroundQueue().async([this, isNew] {
+                    if (isNew) (void)parts_->events->currentEventID({}, events::Interest::nothing);
+                    renewNames();
+                });
             });
     } else {
         parts_->programLog.error("applications that come and go are found at the next start; " +

@@ -51,8 +51,12 @@ public:
     /// installed applications only if they are not the ones that the last look left behind.
     void prepareForRequests();
 
-    /// Asks the provider to look at the installed applications, and waits until it has.
+    /// Asks the provider to look at the installed applications, and waits until it has. Applications that have other
+    /// names by then are told of.
     void refreshApplications();
+    /// Names applications in these languages from now on (RegistrySources::languages); in the background, which tells
+    /// of those that have other names then.
+    void setLanguages(const std::vector<std::string>& languages);
     /// The app libraries as the last run of the program left their list: what a look at the applications is compared
     /// with.
     const std::vector<registry::BundleRecordPtr>& librariesAtStart() const;
@@ -90,6 +94,7 @@ public:
 private:
     struct Parts;
     Result<void> beginWatching();
+    void renewNames();
     explicit ProgramContext(std::unique_ptr<Parts> parts);
     std::unique_ptr<Parts> parts_;
 };

@@ -110,7 +110,23 @@ void ApplicationScanner::watchDesktopFiles(WatchedFolders& watched, const std::s
 }
 
 ApplicationScanner::ApplicationScanner(RegistrySources sources, ProblemLog& problems)
-    : sources_(std::move(sources)), problems_(problems) {}
+    : sources_(std::move(sources)), problems_(problems), entries_(std::make_shared<Entries>()) {
+    entries_->languages = sources_.languages;
+}
+
+std::shared_ptr<ApplicationScanner::Entries> ApplicationScanner::entries() const {
+    const std::lock_guard lock(entriesMutex_);
+    return entries_;
+}
+
+bool ApplicationScanner::setLanguages(const std::vector<std::string>& languages) {
+    auto next = std::make_shared<Entries>();
+    next->languages = languages;
+    const std::lock_guard lock(entriesMutex_);
+    if (entries_->languages == languages) return false;
+    entries_ = std::move(next);
+    return true;
+}
 
 std::vector<ApplicationPtr> ApplicationScanner::applications(ApplicationType type) {
     Found found = scan({.type = type});
@@ -128,10 +144,11 @@ std::vector<ApplicationPtr> ApplicationScanner::applications(ApplicationType typ
     return result;
 }
 
-ApplicationPtr ApplicationScanner::application(const std::string& identifier, std::optional<Origin> origin) {
+ApplicationPtr ApplicationScanner::application(const std::string& identifier, std::optional<Origin> origin,
+                                               Aspect aspect) {
     if (!isUsableIdentifier(identifier)) return nullptr;
     for (const ApplicationType type : {ApplicationType::user, ApplicationType::system}) {
-        Found found = scan({.type = type, .identifier = &identifier, .origin = origin});
+        Found found = scan({.type = type, .identifier = &identifier, .origin = origin, .aspect = aspect});
         if (const auto at = found.find(identifier); at != found.end()) {
             return std::make_shared<const Application>(std::move(at->second));
         }
@@ -205,14 +222,15 @@ ApplicationScanner::Found ApplicationScanner::scanFlatpaks(const std::string& in
         if (!acceptIdentifier(identifier, path, Origin::flatpak)) continue;
         auto [application, isFirst] = found.try_emplace(identifier);
         if (isFirst) {
-            application->second = {.identifier = identifier,
-                                   .origin = Origin::flatpak,
-                                   .type = query.type,
-                                   .containerPath = sources_.varApp + "/" + identifier,
-                                   .localizedName = entry->localizedName,
-                                   .sharesFiles = keepsDocuments(installation, identifier),
-                                   .icon = entry->icon,
-                                   .iconDirs = {installation + "/exports/share/icons"}};
+            application->second = {
+                .identifier = identifier,
+                .origin = Origin::flatpak,
+                .type = query.type,
+                .containerPath = sources_.varApp + "/" + identifier,
+                .localizedName = entry->localizedName,
+                .sharesFiles = query.aspect == Aspect::everything && keepsDocuments(installation, identifier),
+                .icon = entry->icon,
+                .iconDirs = {installation + "/exports/share/icons"}};
         }
         if (*stem == identifier) beMain(application->second, *entry);
         add(application->second, *entry);
@@ -342,9 +360,10 @@ void ApplicationScanner::applyOverrides(PersistentFolders& folders, const std::s
 }
 
 std::shared_ptr<const DesktopEntry> ApplicationScanner::entryAt(const std::string& path, std::string_view neededKey) {
-    const auto entry = entries_.load(path, [&](std::string_view content) -> Result<DesktopEntry> {
+    const auto entries = this->entries();
+    const auto entry = entries->files.load(path, [&](std::string_view content) -> Result<DesktopEntry> {
         if (!content.contains(neededKey)) return DesktopEntry{};
-        return parseDesktopEntry(content, sources_.languages);
+        return parseDesktopEntry(content, entries->languages);
     });
     if (!entry) {
         // A link whose target went is what an uninstallation leaves for a moment.

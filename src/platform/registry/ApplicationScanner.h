@@ -2,6 +2,7 @@
 
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -50,12 +51,17 @@ public:
     /// Sorted by the identifiers' bytes, each once: Flatpaks before Snaps before other desktop entries, and what the
     /// user has hides what the system has.
     std::vector<ApplicationPtr> applications(ApplicationType type);
+    /// What is asked of one application. `presentation` leaves out whether it shares its files, which other files tell.
+    enum class Aspect { everything, presentation };
     /// The user's application of that identifier, else the system's; null if there is none. With an origin, only those
     /// found there.
-    ApplicationPtr application(const std::string& identifier, std::optional<Origin> origin = std::nullopt);
+    ApplicationPtr application(const std::string& identifier, std::optional<Origin> origin = std::nullopt,
+                               Aspect aspect = Aspect::everything);
     /// Where something has to change before either of the two can give another answer, the coming and going of
     /// Documents folders included.
     WatchedFolders watchedFolders();
+    /// Names are read in these languages from now on; false where they are the ones already.
+    bool setLanguages(const std::vector<std::string>& languages);
 
 private:
     using Found = std::map<std::string, Application>;
@@ -64,6 +70,7 @@ private:
         ApplicationType type;
         const std::string* identifier = nullptr;
         std::optional<Origin> origin = std::nullopt;
+        Aspect aspect = Aspect::everything;
     };
 
     Found scan(const Query& query);
@@ -89,7 +96,15 @@ private:
     RegistrySources sources_;
     ProblemLog& problems_;
     FolderListings listings_;
-    ParsedFileCache<DesktopEntry> entries_;
+    /// What was read in one list of languages. Another list begins with nothing.
+    struct Entries {
+        std::vector<std::string> languages;
+        ParsedFileCache<DesktopEntry> files;
+    };
+    std::shared_ptr<Entries> entries() const;
+
+    mutable std::mutex entriesMutex_;  ///< guards the pointer only
+    std::shared_ptr<Entries> entries_;
     ParsedFileCache<FlatpakMetadata> metadata_;
 };
 

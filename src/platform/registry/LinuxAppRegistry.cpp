@@ -100,7 +100,8 @@ private:
         if (!container) return std::nullopt;
         std::string name = container->substr(container->rfind('/') + 1);
         if (name == identifier_) return std::nullopt;
-        const ApplicationPtr other = state.scanner.application(name, Origin::flatpak);
+        const ApplicationPtr other =
+            state.scanner.application(name, Origin::flatpak, ApplicationScanner::Aspect::presentation);
         if (!other || canonicalPath(other->containerPath) != *container) return std::nullopt;
         return name;
     }
@@ -202,7 +203,7 @@ public:
         return container_.url(*state_);
     }
     std::optional<std::string> localizedName() const override {
-        const ApplicationPtr application = installed();
+        const ApplicationPtr application = installed(ApplicationScanner::Aspect::presentation);
         return application ? application->localizedName : std::nullopt;
     }
     std::optional<std::map<std::string, bool>> infoValues(const std::set<std::string>& keys) const override {
@@ -217,7 +218,9 @@ public:
         const ApplicationPtr application = installed();
         return application && application->sharesFiles;
     }
-    Result<icons::IconData> iconData(int variant) const override { return iconOf(*state_, installed().get(), variant); }
+    Result<icons::IconData> iconData(int variant) const override {
+        return iconOf(*state_, installed(ApplicationScanner::Aspect::presentation).get(), variant);
+    }
     Origin origin() const override { return archived_.origin; }
     ApplicationType type() const override { return archived_.type; }
     ArchivedBundleRecord archived() const override { return archived_; }
@@ -226,9 +229,9 @@ public:
     }
 
 private:
-    ApplicationPtr installed() const {
+    ApplicationPtr installed(ApplicationScanner::Aspect aspect = ApplicationScanner::Aspect::everything) const {
         if (!archived_.bundleIdentifier) return nullptr;
-        return state_->scanner.application(*archived_.bundleIdentifier, archived_.origin);
+        return state_->scanner.application(*archived_.bundleIdentifier, archived_.origin, aspect);
     }
 
     std::shared_ptr<State> state_;
@@ -258,6 +261,10 @@ BundleRecordPtr LinuxAppRegistry::recordForBundleIdentifier(const std::string& b
 
 BundleRecordPtr LinuxAppRegistry::recordFromArchive(const ArchivedBundleRecord& archived) {
     return std::make_shared<ArchivedRecord>(state_, archived);
+}
+
+bool LinuxAppRegistry::setLanguages(const std::vector<std::string>& languages) {
+    return state_->scanner.setLanguages(languages);
 }
 
 Result<std::unique_ptr<RegistryWatch>> LinuxAppRegistry::watch(std::function<void()> changed) {
