@@ -1,5 +1,6 @@
 #include "platform/registry/RegistryWatch.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
@@ -46,7 +47,8 @@ RegistryWatch::RegistryWatch(Folders folders, std::function<void()> changed, Des
     : look_(std::move(folders)),
       changed_(std::move(changed)),
       queue_(std::move(queue)),
-      end_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+      end_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      mounts_(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)) {}
 
 RegistryWatch::~RegistryWatch() {
     const std::uint64_t one = 1;
@@ -55,14 +57,15 @@ RegistryWatch::~RegistryWatch() {
 }
 
 void RegistryWatch::run() {
-    std::array<pollfd, 2> waited{{{queue_.get(), POLLIN, 0}, {end_.get(), POLLIN, 0}}};
+    std::array<pollfd, 3> waited{{{queue_.get(), POLLIN, 0}, {end_.get(), POLLIN, 0}, {mounts_.get(), POLLPRI, 0}}};
     for (;;) {
         const int ready =
             poll(waited.data(), waited.size(), isComplete_ ? -1 : static_cast<int>(kPollInterval.count()));
         if (ready < 0 && errno != EINTR) return;
         if (ready > 0 && waited[1].revents != 0) return;
         const bool isPoll = ready == 0;
-        if (!readEvents() && !isPoll) continue;
+        const bool isMount = ready > 0 && (waited[2].revents & POLLPRI) != 0;
+        if (!readEvents() && !isPoll && !isMount) continue;
         const auto last = std::chrono::steady_clock::now() + kLongestGathering;
         while (!isPoll && std::chrono::steady_clock::now() < last && waitForMore(kQuiet)) (void)readEvents();
         pollfd end{end_.get(), POLLIN, 0};

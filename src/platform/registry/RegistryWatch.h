@@ -17,8 +17,9 @@
 namespace tarnwell::registry {
 
 /// Tells when something changed that decides which applications there are: inotify(7) watches on folders, on a thread
-/// of its own. What belongs together is told once: after a quarter of a second in which nothing happened, or a second
-/// after it began. Where a folder cannot be watched, it is told every two seconds that something may have changed.
+/// of its own, and the kernel's word that something was mounted or unmounted, which may be in place of such a folder.
+/// What belongs together is told once: after a quarter of a second in which nothing happened, or a second after it
+/// began. Where a folder cannot be watched, it is told every two seconds that something may have changed.
 class RegistryWatch {
 public:
     using Folders = std::function<WatchedFolders()>;
@@ -44,6 +45,7 @@ private:
     const std::function<void()> changed_;
     const Descriptor queue_;
     const Descriptor end_;
+    const Descriptor mounts_;  ///< none where /proc cannot be read
     WatchedFolders folders_;
     /// By the kernel's number; a folder may be mounted in several places.
     std::unordered_map<int, std::vector<std::string>> paths_;
