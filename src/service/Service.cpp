@@ -1,5 +1,6 @@
 #include "service/Service.h"
 
+#include <atomic>
 #include <filesystem>
 
 #include "bus/server/Server.h"
@@ -8,6 +9,7 @@
 #include "host/LocalSession.h"
 #include "platform/caller/Caller.h"
 #include "service/SearchFollower.h"
+#include "service/UserManager.h"
 
 namespace tarnwell::service {
 namespace {
@@ -31,6 +33,8 @@ public:
             log_.write(log::Level::error, "[ERROR] changes are looked for every two seconds; the kernel tells none: " +
                                               describe(watching.error()));
         }
+        followsUserManager_ = options.followsUserManager;
+        busAddress_ = options.busAddress;
         bus::Server::Options server;
         server.busAddress = options.busAddress;
         server.programVersion = options.programVersion;
@@ -52,7 +56,10 @@ public:
         follower_.reset();
     }
 
-    void reload() { context_->provider().refreshInstalledAppsWithCompletionHandler({}); }
+    void reload() {
+        followLanguage();
+        context_->provider().refreshInstalledAppsWithCompletionHandler({});
+    }
 
     std::string summary() const {
         const auto counts = server_->counts();
@@ -65,6 +72,7 @@ private:
         if (caller.kind == caller::Caller::Kind::unknown) {
             return failure(posixError(EACCES, "it cannot be told which program asks: " + caller.reason));
         }
+        followLanguage();
         auto session = std::make_shared<host::LocalSession>(*context_);
         if (caller.kind == caller::Caller::Kind::host) return session;
         const auto library = [this, caller]() -> std::optional<session::ItemIdentifier> {
@@ -77,6 +85,23 @@ private:
         return std::make_shared<host::ConfinedSession>(std::move(session), library);
     }
 
+    /// In the background: nobody waits for the manager. At most once at a time, so that many who connect cost little.
+    void followLanguage() {
+        if (!followsUserManager_ || isLookingAtLanguage_.exchange(true)) return;
+        context_->appLibraries().backgroundQueue().async([this] {
+            isLookingAtLanguage_ = false;
+            const auto variables = environmentOfUserManager(busAddress_);
+            if (!variables) return;  // there is none, so nothing tells of another language
+            context_->setLanguages(registry::RegistrySources::languagesFrom([&](const char* name) {
+                const auto found = variables->find(name);
+                return found == variables->end() ? std::nullopt : std::optional(found->second);
+            }));
+        });
+    }
+
+    std::string busAddress_;
+    bool followsUserManager_ = false;
+    std::atomic<bool> isLookingAtLanguage_{false};
     const std::unique_ptr<host::ProgramContext> context_;
     log::Log& log_;
     host::LocalSession searchSession_;

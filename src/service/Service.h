@@ -18,6 +18,9 @@ public:
         std::string programVersion;
         std::string busAddress = {};              ///< of the bus; empty: that of the session
         std::function<void()> onDisconnect = {};  ///< the connection to the bus ended by itself
+        /// Applications are named in the language that systemd's user manager gives to new programs: looked at when
+        /// somebody connects, and with `reload`. For a service that the manager started, and that may outlive a login.
+        bool followsUserManager = false;
     };
 
     /// Opens the store, brings the libraries up to date, begins to watch, takes the name on the bus. The log outlives
@@ -27,7 +30,7 @@ public:
     /// Answers what is under way, as far as it ends soon: looks at the disk are given up, jobs are cancelled.
     ~Service();
 
-    /// Looks at the installed applications again, without waiting for it.
+    /// Looks at the installed applications, and at their names' language, again, without waiting for it.
     void reload();
     /// One line on what it does, for those who look at it from outside.
     std::string summary() const;

@@ -3,6 +3,7 @@
 #include "cli/verbs/Verb.h"
 #include "host/Settings.h"
 #include "service/Service.h"
+#include "service/UserManager.h"
 #include "service/SignalQueue.h"
 
 namespace tarnwell::cli {
@@ -26,6 +27,7 @@ public:
         if (!settings) return std::unexpected(failureOf(settings.error()));
         notify("STATUS=looking at the documents");
         service::Service::Options options{.settings = *settings, .programVersion = TARNWELL_VERSION};
+        options.followsUserManager = service::isStartedBySystemd();
         options.onDisconnect = [&signals] { signals.disconnected(); };
         auto service = service::Service::start(std::move(options), invocation.serviceLog());
         if (!service) return std::unexpected(failureOf(service.error()));

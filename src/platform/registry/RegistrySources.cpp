@@ -62,15 +62,15 @@ std::vector<std::string> listedInstallations(const std::string& configDir) {
     return paths;
 }
 
-std::vector<std::string> languagesOf(const RegistrySources::Lookup& variable) {
+}  // namespace
+
+std::vector<std::string> RegistrySources::languagesFrom(const Lookup& variable) {
     for (const char* name : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"}) {
         const auto value = variable(name);
         if (value && !value->empty()) return split(*value, ':');
     }
     return {};
 }
-
-}  // namespace
 
 RegistrySources RegistrySources::from(const Lookup& variable) {
     RegistrySources sources;
@@ -120,7 +120,7 @@ RegistrySources RegistrySources::from(const Lookup& variable) {
                                  {config + "/gtk-3.0/settings.ini", "Settings", "gtk-icon-theme-name"},
                                  {config + "/kdeglobals", "Icons", "Theme"}};
     }
-    sources.languages = languagesOf(variable);
+    sources.languages = languagesFrom(variable);
     return sources;
 }
 

@@ -40,6 +40,8 @@ struct RegistrySources {
     /// FLATPAK_CONFIG_DIR, LANGUAGE, LC_ALL, LC_MESSAGES and LANG. Variables that are empty, and folders that are not
     /// absolute, count as unset. Reads Flatpak's list of further installations (installations.d).
     static RegistrySources from(const Lookup& variable);
+    /// The languages alone: of LANGUAGE, LC_ALL, LC_MESSAGES and LANG the first that is set.
+    static std::vector<std::string> languagesFrom(const Lookup& variable);
     /// From this process's environment; without HOME, the home of the user database.
     static RegistrySources fromEnvironment();
 };
