@@ -188,11 +188,15 @@ Outcome<double> refresh(Suite& suite, benchmark::State& state) {
     return same.clock;
 }
 
-Outcome<double> listRoot(Suite& suite, benchmark::State& state) {
+/// Whether the program is one that ends, or one that stays and is told by the kernel what changes.
+enum class Program { ends, stays };
+
+Outcome<double> listRoot(Suite& suite, benchmark::State& state, Program program) {
     FlatpakHome home;
     if (auto made = home.make(suite.sizes().applications); !made) return std::unexpected(made.error());
     waitUntilParsedFilesAreTrusted();
     if (auto opened = home.open(); !opened) return std::unexpected(opened.error());
+    if (program == Program::stays && !home.context().watchForChanges()) return std::unexpected("nothing is watched");
     waitUntilTrusted();
 
     const auto makeEnumerator = [&] {
@@ -222,7 +226,8 @@ Outcome<double> listRoot(Suite& suite, benchmark::State& state) {
                                    }}});
     (*kept)->invalidate();
     if (!costs) return std::unexpected(costs.error());
-    const std::string what = "root, " + std::to_string(home.applications()) + " libraries, pages of 200";
+    const std::string what = "root, " + std::to_string(home.applications()) + " libraries, pages of 200" +
+                             (program == Program::stays ? ", watching" : "");
     suite.compare(state, what, "pages", expected.entries, (*costs)[0], "system calls", (*costs)[2]);
     suite.compare(state, what + ", new enumerator", "enumerator", expected.entries, (*costs)[1], "system calls",
                   (*costs)[2]);
@@ -233,7 +238,10 @@ Outcome<double> listRoot(Suite& suite, benchmark::State& state) {
 
 void addApplications(Suite& suite) {
     suite.add("applications/refresh", [&suite](benchmark::State& state) { return refresh(suite, state); });
-    suite.add("applications/root_listing", [&suite](benchmark::State& state) { return listRoot(suite, state); });
+    suite.add("applications/root_listing",
+              [&suite](benchmark::State& state) { return listRoot(suite, state, Program::ends); });
+    suite.add("applications/root_listing_watching",
+              [&suite](benchmark::State& state) { return listRoot(suite, state, Program::stays); });
 }
 
 }  // namespace tarnwell::bench

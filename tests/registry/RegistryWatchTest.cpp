@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <filesystem>
 #include <mutex>
+#include <thread>
 
 #include "tests/registry/RegistryDevice.h"
 
@@ -176,6 +177,50 @@ TEST_F(RegistryWatchTest, AHundredInstallationsAtOnceAreToldOnceOrTwice) {
     EXPECT_EQ(device_.userApplications().size(), 100u);
     // Of the last one, too, everything is watched by now.
     expectTold([&] { device_.makeFolder("home/.var/app/org.example.App99/Documents"); });
+}
+
+TEST_F(RegistryWatchTest, AnApplicationsNameIsReadAgainOnlyAfterAChangeAndThenAtOnce) {
+    device_.installFlatpak(kUser, "org.example.Notes", device_.entry("Notes", "Name[de]=Notizen\n"));
+    const std::string deployed = device_.path(std::string(kUser) +
+                                              "/app/org.example.Notes/x86_64/stable/1/export/share/applications/"
+                                              "org.example.Notes.desktop");
+    begin();
+    const auto name = [&] {
+        return device_.registry()
+            .recordFromArchive({"org.example.Notes", "/nowhere", Origin::flatpak, ApplicationType::user})
+            ->localizedName()
+            .value_or("none");
+    };
+    const auto waitUntilKnown = [&] {
+        while (!watch_->state()->current()) std::this_thread::yield();
+    };
+    waitUntilKnown();
+    EXPECT_EQ(name(), "Notes");
+    // What happens under a name that the file has elsewhere is told to nobody: it shows who looks.
+    disk::create_hard_link(deployed, device_.path("elsewhere"));
+    settle();
+    waitUntilKnown();
+    EXPECT_EQ(name(), "Notes");
+    testing::writeFile(device_.path("elsewhere"), device_.entry("Unseen", "Name[de]=Ungesehen\n"));
+    EXPECT_EQ(name(), "Notes");
+    EXPECT_TRUE(device_.registry().setLanguages({"de"}));
+    EXPECT_EQ(name(), "Ungesehen");
+    EXPECT_FALSE(device_.registry().setLanguages({"de"}));
+    EXPECT_TRUE(device_.registry().setLanguages({}));
+
+    for (int i = 0; i < 200; ++i) {
+        if (i % 50 == 0) waitUntilKnown();
+        const std::string next = "Version " + std::to_string(i);
+        testing::writeFile(deployed + ".new", device_.entry(next));
+        disk::rename(deployed + ".new", deployed);
+        EXPECT_EQ(name(), next);
+        EXPECT_EQ(name(), next);
+    }
+    remove(std::string(kUser) + "/exports/share/applications/org.example.Notes.desktop");
+    EXPECT_EQ(name(), "none");
+    const auto state = watch_->state();
+    watch_.reset();
+    EXPECT_EQ(state->current(), std::nullopt);
 }
 
 TEST_F(RegistryWatchTest, EndsWhileThingsHappen) {

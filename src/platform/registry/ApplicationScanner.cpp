@@ -115,16 +115,23 @@ ApplicationScanner::ApplicationScanner(RegistrySources sources, ProblemLog& prob
 }
 
 std::shared_ptr<ApplicationScanner::Entries> ApplicationScanner::entries() const {
-    const std::lock_guard lock(entriesMutex_);
+    const std::lock_guard lock(mutex_);
     return entries_;
+}
+
+void ApplicationScanner::trust(std::shared_ptr<const WatchState> watch) {
+    const std::lock_guard lock(mutex_);
+    watch_ = std::move(watch);
+    presented_ = {};
 }
 
 bool ApplicationScanner::setLanguages(const std::vector<std::string>& languages) {
     auto next = std::make_shared<Entries>();
     next->languages = languages;
-    const std::lock_guard lock(entriesMutex_);
+    const std::lock_guard lock(mutex_);
     if (entries_->languages == languages) return false;
     entries_ = std::move(next);
+    presented_ = {};
     return true;
 }
 
@@ -147,6 +154,29 @@ std::vector<ApplicationPtr> ApplicationScanner::applications(ApplicationType typ
 ApplicationPtr ApplicationScanner::application(const std::string& identifier, std::optional<Origin> origin,
                                                Aspect aspect) {
     if (!isUsableIdentifier(identifier)) return nullptr;
+    std::shared_ptr<const WatchState> watch;
+    if (aspect == Aspect::presentation) {
+        const std::lock_guard lock(mutex_);
+        watch = watch_;
+    }
+    const auto state = watch ? watch->current() : std::nullopt;
+    if (!state) return find(identifier, origin, aspect);
+    const std::string key = (origin ? std::string(nameOf(*origin)) : "any") + " " + identifier;
+    const auto languages = entries();
+    {
+        const std::lock_guard lock(mutex_);
+        if (presented_.state != *state || presented_.applications.size() >= kMaxCachedFiles) presented_ = {*state, {}};
+        const auto known = presented_.applications.find(key);
+        if (known != presented_.applications.end()) return known->second;
+    }
+    ApplicationPtr found = find(identifier, origin, aspect);
+    const std::lock_guard lock(mutex_);
+    // Another state may have begun, or other languages, while it was read.
+    if (presented_.state == *state && entries_ == languages) presented_.applications.insert_or_assign(key, found);
+    return found;
+}
+
+ApplicationPtr ApplicationScanner::find(const std::string& identifier, std::optional<Origin> origin, Aspect aspect) {
     for (const ApplicationType type : {ApplicationType::user, ApplicationType::system}) {
         Found found = scan({.type = type, .identifier = &identifier, .origin = origin, .aspect = aspect});
         if (const auto at = found.find(identifier); at != found.end()) {

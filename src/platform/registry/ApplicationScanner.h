@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/registry/AppRegistry.h"
@@ -15,6 +16,7 @@
 #include "platform/registry/ParsedFileCache.h"
 #include "platform/registry/ProblemLog.h"
 #include "platform/registry/RegistrySources.h"
+#include "platform/registry/WatchState.h"
 #include "platform/registry/WatchedFolders.h"
 
 namespace tarnwell::registry {
@@ -60,11 +62,19 @@ public:
     /// Where something has to change before either of the two can give another answer, the coming and going of
     /// Documents folders included.
     WatchedFolders watchedFolders();
+    /// From now on how an application presents itself is not looked at again as long as that watch vouches for it.
+    void trust(std::shared_ptr<const WatchState> watch);
     /// Names are read in these languages from now on; false where they are the ones already.
     bool setLanguages(const std::vector<std::string>& languages);
 
 private:
     using Found = std::map<std::string, Application>;
+    /// What was found of applications while the watch was in one state.
+    struct Presented {
+        std::uint64_t state = 0;
+        std::unordered_map<std::string, ApplicationPtr> applications;  ///< by origin and identifier
+    };
+    ApplicationPtr find(const std::string& identifier, std::optional<Origin> origin, Aspect aspect);
     /// What is asked for: everything, or one identifier, perhaps of one origin.
     struct Query {
         ApplicationType type;
@@ -103,8 +113,10 @@ private:
     };
     std::shared_ptr<Entries> entries() const;
 
-    mutable std::mutex entriesMutex_;  ///< guards the pointer only
+    mutable std::mutex mutex_;  ///< guards the fields below, not what they lead to
     std::shared_ptr<Entries> entries_;
+    std::shared_ptr<const WatchState> watch_;
+    Presented presented_;
     ParsedFileCache<FlatpakMetadata> metadata_;
 };
 

@@ -268,7 +268,10 @@ bool LinuxAppRegistry::setLanguages(const std::vector<std::string>& languages) {
 }
 
 Result<std::unique_ptr<RegistryWatch>> LinuxAppRegistry::watch(std::function<void()> changed) {
-    return RegistryWatch::create([state = state_] { return state->scanner.watchedFolders(); }, std::move(changed));
+    auto watch =
+        RegistryWatch::create([state = state_] { return state->scanner.watchedFolders(); }, std::move(changed));
+    if (watch) state_->scanner.trust((*watch)->state());
+    return watch;
 }
 
 }  // namespace tarnwell::registry

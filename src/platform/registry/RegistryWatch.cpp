@@ -39,6 +39,7 @@ Result<std::unique_ptr<RegistryWatch>> RegistryWatch::create(Folders folders, st
     if (!queue.valid()) return failure(posixError(errno, "no inotify instance"));
     std::unique_ptr<RegistryWatch> watch(new RegistryWatch(std::move(folders), std::move(changed), std::move(queue)));
     watch->catchUp();
+    watch->state_->resume(WatchState::Outcome::changed, watch->isComplete_);
     watch->thread_ = std::thread([raw = watch.get()] { raw->run(); });
     return watch;
 }
@@ -46,7 +47,7 @@ Result<std::unique_ptr<RegistryWatch>> RegistryWatch::create(Folders folders, st
 RegistryWatch::RegistryWatch(Folders folders, std::function<void()> changed, Descriptor queue)
     : look_(std::move(folders)),
       changed_(std::move(changed)),
-      queue_(std::move(queue)),
+      state_(std::make_shared<WatchState>(std::move(queue))),
       end_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       mounts_(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)) {}
 
@@ -54,10 +55,11 @@ RegistryWatch::~RegistryWatch() {
     const std::uint64_t one = 1;
     (void)!write(end_.get(), &one, sizeof one);
     if (thread_.joinable()) thread_.join();
+    state_->suspend();
 }
 
 void RegistryWatch::run() {
-    std::array<pollfd, 3> waited{{{queue_.get(), POLLIN, 0}, {end_.get(), POLLIN, 0}, {mounts_.get(), POLLPRI, 0}}};
+    std::array<pollfd, 3> waited{{{state_->queue(), POLLIN, 0}, {end_.get(), POLLIN, 0}, {mounts_.get(), POLLPRI, 0}}};
     for (;;) {
         const int ready =
             poll(waited.data(), waited.size(), isComplete_ ? -1 : static_cast<int>(kPollInterval.count()));
@@ -65,19 +67,24 @@ void RegistryWatch::run() {
         if (ready > 0 && waited[1].revents != 0) return;
         const bool isPoll = ready == 0;
         const bool isMount = ready > 0 && (waited[2].revents & POLLPRI) != 0;
-        if (!readEvents() && !isPoll && !isMount) continue;
+        state_->suspend();
+        if (!readEvents() && !isPoll && !isMount) {
+            state_->resume(WatchState::Outcome::nothingChanged, isComplete_);
+            continue;
+        }
         const auto last = std::chrono::steady_clock::now() + kLongestGathering;
         while (!isPoll && std::chrono::steady_clock::now() < last && waitForMore(kQuiet)) (void)readEvents();
         pollfd end{end_.get(), POLLIN, 0};
         if (poll(&end, 1, 0) > 0) return;
         catchUp();
+        state_->resume(WatchState::Outcome::changed, isComplete_);
         changed_();
     }
 }
 
 /// False when nothing came for so long, or the end was asked for.
 bool RegistryWatch::waitForMore(milliseconds atMost) const {
-    std::array<pollfd, 2> waited{{{queue_.get(), POLLIN, 0}, {end_.get(), POLLIN, 0}}};
+    std::array<pollfd, 2> waited{{{state_->queue(), POLLIN, 0}, {end_.get(), POLLIN, 0}}};
     return poll(waited.data(), waited.size(), static_cast<int>(atMost.count())) > 0 && waited[1].revents == 0;
 }
 
@@ -86,7 +93,7 @@ bool RegistryWatch::readEvents() {
     bool counted = false;
     alignas(inotify_event) std::array<char, 64 * 1024> bytes;
     for (;;) {
-        const ssize_t length = read(queue_.get(), bytes.data(), bytes.size());
+        const ssize_t length = read(state_->queue(), bytes.data(), bytes.size());
         if (length < 0 && errno == EINTR) continue;
         if (length <= 0) return counted;
         for (std::size_t at = 0; at + sizeof(inotify_event) <= static_cast<std::size_t>(length);) {
@@ -100,7 +107,7 @@ bool RegistryWatch::readEvents() {
                     for (const std::string& path : gone->second) numbers_.erase(path);
                     paths_.erase(gone);
                 }
-                if ((event.mask & IN_IGNORED) == 0) inotify_rm_watch(queue_.get(), event.wd);
+                if ((event.mask & IN_IGNORED) == 0) inotify_rm_watch(state_->queue(), event.wd);
             }
             at += sizeof event + event.len;
         }
@@ -138,7 +145,7 @@ bool RegistryWatch::watchWhatCounts() {
     isComplete_ = folders_.isComplete();
     for (const auto& [path, names] : folders_.folders()) {
         // Also where the path is known: another folder may stand there by now.
-        const int number = inotify_add_watch(queue_.get(), path.c_str(), maskFor(names) | IN_MASK_ADD);
+        const int number = inotify_add_watch(state_->queue(), path.c_str(), maskFor(names) | IN_MASK_ADD);
         const int reason = errno;
         const auto known = numbers_.find(path);
         if (known != numbers_.end() && known->second == number) continue;
@@ -163,7 +170,7 @@ void RegistryWatch::forget(const std::string& path) {
     if (paths != paths_.end()) {
         std::erase(paths->second, path);
         if (paths->second.empty()) {
-            inotify_rm_watch(queue_.get(), known->second);
+            inotify_rm_watch(state_->queue(), known->second);
             paths_.erase(paths);
         }
     }

@@ -12,6 +12,7 @@
 
 #include "platform/base/Descriptor.h"
 #include "platform/base/Result.h"
+#include "platform/registry/WatchState.h"
 #include "platform/registry/WatchedFolders.h"
 
 namespace tarnwell::registry {
@@ -28,6 +29,8 @@ public:
     static Result<std::unique_ptr<RegistryWatch>> create(Folders folders, std::function<void()> changed);
     /// After it returned neither is called again. Not from within one of them.
     ~RegistryWatch();
+    /// What it vouches for; outlives it, and then vouches for nothing.
+    std::shared_ptr<const WatchState> state() const { return state_; }
     RegistryWatch(const RegistryWatch&) = delete;
     RegistryWatch& operator=(const RegistryWatch&) = delete;
 
@@ -43,7 +46,7 @@ private:
 
     const Folders look_;
     const std::function<void()> changed_;
-    const Descriptor queue_;
+    const std::shared_ptr<WatchState> state_;
     const Descriptor end_;
     const Descriptor mounts_;  ///< none where /proc cannot be read
     WatchedFolders folders_;
