@@ -94,9 +94,9 @@ public:
         require(status.has_value(), "no status");
         return std::ranges::all_of(status->roots, [](const auto& root) { return root.isAvailable; });
     }
-    /// Once that is so, or two seconds have gone.
-    static bool soon(const std::function<bool()>& isTrue) {
-        const auto last = std::chrono::steady_clock::now() + kSoon;
+    /// Once that is so, or it is too late for it.
+    static bool isSoon(const std::function<bool()>& isTrue) {
+        const auto last = std::chrono::steady_clock::now() + soon();
         while (!isTrue()) {
             if (std::chrono::steady_clock::now() > last) return false;
             std::this_thread::yield();
@@ -203,12 +203,12 @@ TEST(MountedContainer, CoversTheDocumentsBelowForAsLongAsItIsMounted) {
             RootFollower follower(home.session());
             for (int round = 0; round < 2; ++round) {
                 home.mount();
-                require(Home::soon([&] { return home.listed() == Names{"Mounted.txt"}; }), "a mount is not met");
+                require(Home::isSoon([&] { return home.listed() == Names{"Mounted.txt"}; }), "a mount is not met");
                 if (mounted.empty()) mounted = home.identifierOf("Mounted.txt");
                 require(home.identifierOf("Mounted.txt") == mounted, "the identifier of what is mounted changed");
                 require(follower.nameOnceTold(mounted, "Mounted.txt") == "Mounted.txt", "what is mounted is not told");
                 home.unmount();
-                require(Home::soon([&] { return home.listed() == Names{"Below.txt"}; }), "an unmount is not met");
+                require(Home::isSoon([&] { return home.listed() == Names{"Below.txt"}; }), "an unmount is not met");
                 require(home.identifierOf("Below.txt") == below, "the identifier of what is below changed");
             }
             require(follower.deleted().empty(), "something is told to be gone");
