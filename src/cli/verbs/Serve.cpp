@@ -3,8 +3,8 @@
 #include "cli/verbs/Verb.h"
 #include "host/Settings.h"
 #include "service/Service.h"
-#include "service/UserManager.h"
 #include "service/SignalQueue.h"
+#include "service/UserManager.h"
 
 namespace tarnwell::cli {
 namespace {
