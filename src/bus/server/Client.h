@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "bus/server/Methods.h"
+#include "bus/server/Pace.h"
 #include "bus/server/Workers.h"
 #include "session/Session.h"
 
@@ -31,7 +32,7 @@ struct Job {
     std::string owner;
     std::shared_ptr<session::JobControl> control;
     std::optional<Answer> outcome;
-    std::vector<sd_bus_message*> waiting;  ///< calls of Result
+    sd_bus_message* waiting = nullptr;  ///< call of Result
 };
 
 /// One connection that has asked something. Belongs to the connection's thread but for what says otherwise.
@@ -44,7 +45,10 @@ struct Client {
     Workers::LanePtr lane = Workers::makeLane(), jobLane = Workers::makeLane();
     /// What waits for it to be admitted.
     std::deque<std::move_only_function<void()>> waiting;
-    std::size_t requests = 0;
+    std::size_t requests = 0, requestBytes = 0;  ///< not answered yet
+    /// Set from any thread when it has gone.
+    std::shared_ptr<std::atomic<bool>> hasGone = std::make_shared<std::atomic<bool>>(false);
+    Pacing pacing;
     std::map<std::string, std::shared_ptr<WatchEntry>> watches;
     std::map<std::string, std::shared_ptr<Job>> jobs;
 };

@@ -27,29 +27,37 @@ std::shared_ptr<Job> Jobs::find(const std::string& owner, const std::string& pat
     return found == client->jobs.end() ? nullptr : found->second;
 }
 
-void Jobs::start(sd_bus_message* call, JobWork work) {
+void Jobs::start(sd_bus_message* call, std::size_t size, JobWork work) {
     Client* client = clients_.asking(call);
     if (client == nullptr) return;
     if (client->jobs.size() >= machinery_.options.limits.jobs) {
-        return sendLimit(call, "too many jobs at a time; fetch the results of some");
+        return clients_.refuse(call, "too many jobs at a time; fetch the results of some");
+    }
+    if (clients_.isBehind(sd_bus_message_get_sender(call))) {
+        return clients_.refuse(call, "too much is unread; read the answers first");
     }
     auto job = std::make_shared<Job>();
     job->path = std::string(kJobPrefix) + "/" + std::to_string(++lastJob_);
     job->owner = sd_bus_message_get_sender(call);
     job->control = std::make_shared<session::JobControl>(progressListener(*job));
     client->jobs.emplace(job->path, job);
-    clients_.begin(call, *client, [this, job, work = std::move(work)](Client& starting, std::uint64_t id) mutable {
+    const auto begin = [this, job](Client& starting, std::uint64_t id, JobWork toDo) {
         // Before it is begun, so that the path is known before anything is told of the job.
         clients_.finish(id, WriteAnswer([path = job->path](Writer& writer) { writer.objectPath(path); }));
-        machinery_.jobWorkers->add(
-            starting.jobLane, [this, job, session = starting.session, work = std::move(work)]() mutable {
-                Answer outcome = work(*session, *job->control);
-                work = {};
-                session.reset();
-                machinery_.loop->post(
-                    [this, job, outcome = std::move(outcome)](sd_bus*) mutable { done(*job, std::move(outcome)); });
-            });
-    });
+        auto run = [this, job, session = starting.session, toDo = std::move(toDo)](const Workers::Turn&) mutable {
+            Answer outcome = toDo(*session, *job->control);
+            toDo = {};
+            session.reset();
+            machinery_.loop->post(
+                [this, job, outcome = std::move(outcome)](sd_bus*) mutable { done(*job, std::move(outcome)); });
+        };
+        machinery_.jobWorkers->add(starting.jobLane, std::move(run));
+    };
+    const bool isBegun = clients_.begin(call, *client, size,
+                                        [begin, work = std::move(work)](Client& starting, std::uint64_t id) mutable {
+                                            begin(starting, id, std::move(work));
+                                        });
+    if (!isBegun) client->jobs.erase(job->path);
 }
 
 /// Tells the owner now and then. Called on threads of the session's.
@@ -66,21 +74,19 @@ session::JobControl::Listener Jobs::progressListener(const Job& job) {
             last->told = now;
         }
         machinery_.loop->post([this, path, owner, at](sd_bus*) {
-            if (!has(owner, path)) return;
-            sendSignal(machinery_.connection, owner, path.c_str(), kJobInterface, "Progress",
-                       [&](Writer& writer) { write(writer, at); });
+            // It tells of one moment, so whoever is behind misses nothing that another one will not say.
+            if (!has(owner, path) || clients_.isBehind(owner)) return;
+            clients_.told(owner, sendSignal(machinery_.connection, owner, path.c_str(), kJobInterface, "Progress",
+                                            [&](Writer& writer) { write(writer, at); }));
         });
     };
 }
 
 void Jobs::done(Job& job, Answer outcome) {
     job.outcome = std::move(outcome);
-    if (job.waiting.empty()) return;
-    for (sd_bus_message* call : job.waiting) {
-        sendAnswer(call, *job.outcome);
-        sd_bus_message_unref(call);
-    }
-    job.waiting.clear();
+    if (job.waiting == nullptr) return;
+    clients_.told(job.owner, sendAnswer(job.waiting, *job.outcome));
+    job.waiting = sd_bus_message_unref(job.waiting);
     fetched(job);
 }
 
@@ -93,12 +99,16 @@ int Jobs::result(sd_bus_message* call) {
     const auto job = find(sd_bus_message_get_sender(call), sd_bus_message_get_path(call));
     if (!job) return -ENOENT;
     if (job->outcome) {
-        sendAnswer(call, *job->outcome);
+        if (clients_.isBehind(job->owner)) {
+            clients_.refuse(call, "too much is unread; read the answers first");
+            return 1;
+        }
+        clients_.told(job->owner, sendAnswer(call, *job->outcome));
         fetched(*job);
-    } else if (job->waiting.size() >= machinery_.options.limits.requests) {
-        sendLimit(call, "too many requests at a time");
+    } else if (job->waiting != nullptr) {
+        clients_.refuse(call, "the result is waited for already");
     } else {
-        job->waiting.push_back(sd_bus_message_ref(call));
+        job->waiting = withoutContents(call);
     }
     return 1;
 }
@@ -107,7 +117,8 @@ int Jobs::cancel(sd_bus_message* call) {
     const auto job = find(sd_bus_message_get_sender(call), sd_bus_message_get_path(call));
     if (!job) return -ENOENT;
     job->control->cancel();
-    sd_bus_reply_method_return(call, "");
+    Answer done = WriteAnswer([](Writer&) {});
+    clients_.told(job->owner, sendAnswer(call, done));
     return 1;
 }
 

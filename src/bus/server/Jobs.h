@@ -13,7 +13,7 @@ class Jobs {
 public:
     Jobs(Machinery& machinery, Clients& clients) : machinery_(machinery), clients_(clients) {}
 
-    void start(sd_bus_message* call, JobWork work);
+    void start(sd_bus_message* call, std::size_t size, JobWork work);
     bool has(const std::string& owner, const std::string& path) { return find(owner, path) != nullptr; }
     /// A negative errno where the call is for no job of the caller's.
     int result(sd_bus_message* call);

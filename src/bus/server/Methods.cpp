@@ -154,41 +154,47 @@ constexpr std::array kMethods = {
                return [name = std::move(name), parent = reader.string()](Session& session) {
                    return answer(session.makeFolder(name, parent));
                };
-           }},
+           },
+           Effect::some},
     Method{{"Rename", "say", "item name", "a{sv}", "item"},
            [](Reader& reader) -> Work {
                auto item = reader.string();
                return [item = std::move(item), name = reader.text()](Session& session) {
                    return answer(session.rename(item, name));
                };
-           }},
+           },
+           Effect::some},
     Method{{"SetTags", "saay", "item labels", "a{sv}", "item"},
            [](Reader& reader) -> Work {
                auto item = reader.string();
                return [item = std::move(item), labels = readTexts(reader)](Session& session) {
                    return answer(session.setTags(item, labels));
                };
-           }},
+           },
+           Effect::some},
     Method{{"SetFavoriteRank", "sat", "item rank", "a{sv}", "item"},
            [](Reader& reader) -> Work {
                auto item = reader.string();
                return [item = std::move(item), rank = readOptionalNumber(reader)](Session& session) {
                    return answer(session.setRank(item, rank));
                };
-           }},
+           },
+           Effect::some},
     Method{{"SetLastUsedDate", "sax", "item date", "a{sv}", "item"},
            [](Reader& reader) -> Work {
                auto item = reader.string();
                return [item = std::move(item), date = readOptionalDate(reader)](Session& session) {
                    return answer(session.setLastUsed(item, date));
                };
-           }},
+           },
+           Effect::some},
     Method{{"CleanTrash", "x", "olderThan", "aayaay", "removed left"},
            [](Reader& reader) -> Work {
                return [date = Date(std::chrono::nanoseconds(reader.int64()))](Session& session) {
                    return answer(session.cleanTrash(date));
                };
-           }},
+           },
+           Effect::some},
     Method{{"Thumbnails", "asu", "items side", "aa{sv}ah", "outcomes files"},
            [](Reader& reader) -> Work {
                auto items = readIdentifiers(reader);
@@ -200,7 +206,8 @@ constexpr std::array kMethods = {
     Method{{"Applications", "", "", "aa{sv}", "applications"},
            [](Reader&) -> Work { return [](Session& session) { return answer(session.applications()); }; }},
     Method{{"Refresh", "", "", "aa{sv}aa{sv}a(say)t", "added changed removed applications"},
-           [](Reader&) -> Work { return [](Session& session) { return answer(session.refresh()); }; }},
+           [](Reader&) -> Work { return [](Session& session) { return answer(session.refresh()); }; },
+           Effect::some},
     Method{{"DefaultContainer", "s", "bundleIdentifier", "a{sv}", "item"},
            [](Reader& reader) -> Work {
                return [bundle = reader.string()](Session& session) { return answer(session.defaultContainer(bundle)); };

@@ -27,10 +27,14 @@ struct Signature {
     const char* outNames;  ///< separated by blanks
 };
 
+/// Whether something is another than before when the method was called.
+enum class Effect { none, some };
+
 /// `prepare` reads the arguments on the connection's thread; what it returns is worthless where the reader failed.
 struct Method {
     Signature signature;
     Work (*prepare)(Reader&);
+    Effect effect = Effect::none;
 };
 struct JobMethod {
     Signature signature;

@@ -11,17 +11,26 @@ struct sd_bus_message;
 /// What goes back to clients. On the connection's thread.
 namespace tarnwell::bus {
 
+/// What an answer needs of a call, for one that has to wait: who asked, and under which number. What the call brought,
+/// its arguments and descriptors, is let go with it. The caller's to unref; null where there is no memory.
+sd_bus_message* withoutContents(sd_bus_message* call);
+
+/// What went to a client, roughly.
+struct Sent {
+    std::size_t bytes = 0, descriptors = 0;
+};
+
 /// Answers the call, with the error where the answer cannot be written (it is too large, for one).
-void sendAnswer(sd_bus_message* call, Answer& answer);
+Sent sendAnswer(sd_bus_message* call, Answer& answer);
 /// "AccessDenied" where the error is EACCES: the client is let in to nothing.
-void sendRefusal(sd_bus_message* call, const Error& error);
+Sent sendRefusal(sd_bus_message* call, const Error& error);
 /// "LimitsExceeded".
-void sendLimit(sd_bus_message* call, const char* message);
+Sent sendLimit(sd_bus_message* call, const char* message);
 /// For arguments that could not be read; `error` is the reader's.
-void sendMisuse(sd_bus_message* call, int error);
+Sent sendMisuse(sd_bus_message* call, int error);
 
 /// To one connection only.
-void sendSignal(sd_bus* connection, const std::string& to, const char* path, const char* interface, const char* member,
+Sent sendSignal(sd_bus* connection, const std::string& to, const char* path, const char* interface, const char* member,
                 const std::function<void(Writer&)>& write);
 
 }  // namespace tarnwell::bus

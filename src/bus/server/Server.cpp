@@ -21,8 +21,8 @@ class Server::Impl {
 public:
     Impl(Options options, Admit admit, log::Log& log)
         : options_(std::move(options)), clients_(machinery_, std::move(admit), log) {
-        machinery_.workers = std::make_unique<Workers>(options_.workers);
-        machinery_.jobWorkers = std::make_unique<Workers>(options_.jobWorkers);
+        machinery_.workers = std::make_unique<Workers>(options_.workers, 3 * options_.workers);
+        machinery_.jobWorkers = std::make_unique<Workers>(options_.jobWorkers, options_.jobWorkers);
         for (const Method& method : methods()) {
             methods_.emplace(method.signature.name, &method);
             hostTable_.method(method.signature, called);
@@ -46,6 +46,7 @@ public:
             options_.busAddress, [this](sd_bus* connection) { return begin(connection); }, options_.onDisconnect);
         if (!loop) return failure(loop.error());
         machinery_.loop = std::move(*loop);
+        machinery_.loop->afterMessages([this](sd_bus* connection) { clients_.goOn(connection); });
         machinery_.loop->start();
         return {};
     }
@@ -108,34 +109,37 @@ private:
 
     static Impl& self(void* data) { return *static_cast<Impl*>(data); }
 
-    /// Reads the arguments; `ask` gets what they were, if they could be read.
+    /// Reads the arguments; `ask` gets what they were and their size, if they could be read.
     template <typename Read, typename Ask>
-    static int withArguments(sd_bus_message* call, Read read, Ask ask) {
-        Reader reader(call);
+    static int withArguments(sd_bus_message* call, void* data, Read read, Ask ask) {
+        Reader reader(call, kLargestRequest);
         auto arguments = read(reader);
         if (reader.error() < 0) {
-            sendMisuse(call, reader.error());
+            Impl& server = self(data);
+            server.clients_.misused(call, reader.error());
         } else {
-            ask(std::move(arguments));
+            ask(std::move(arguments), reader.bytesRead());
         }
         return 1;
     }
 
     static int called(sd_bus_message* call, void* data, sd_bus_error*) {
         Impl& server = self(data);
-        return withArguments(call, server.methods_.at(sd_bus_message_get_member(call))->prepare,
-                             [&](Work work) { server.clients_.request(call, std::move(work)); });
+        const Method& method = *server.methods_.at(sd_bus_message_get_member(call));
+        return withArguments(call, data, method.prepare, [&](Work work, std::size_t size) {
+            server.clients_.request(call, size, method.effect, std::move(work));
+        });
     }
 
     static int calledJob(sd_bus_message* call, void* data, sd_bus_error*) {
         Impl& server = self(data);
-        return withArguments(call, server.jobMethods_.at(sd_bus_message_get_member(call))->prepare,
-                             [&](JobWork work) { server.jobs_.start(call, std::move(work)); });
+        return withArguments(call, data, server.jobMethods_.at(sd_bus_message_get_member(call))->prepare,
+                             [&](JobWork work, std::size_t size) { server.jobs_.start(call, size, std::move(work)); });
     }
 
     static int calledInfo(sd_bus_message* call, void* data, sd_bus_error*) {
         Impl& server = self(data);
-        server.clients_.request(call, [&options = server.options_](session::Session&) -> Answer {
+        server.clients_.request(call, 0, Effect::none, [&options = server.options_](session::Session&) -> Answer {
             return WriteAnswer([&options](Writer& writer) {
                 writer.uint32(kInterfaceVersion).string(options.programVersion);
                 writer.bytes(options.storageRoot).bytes(options.stateDirectory);
@@ -147,13 +151,15 @@ private:
     static std::string readContainer(Reader& reader) { return reader.string(); }
 
     static int calledWatch(sd_bus_message* call, void* data, sd_bus_error*) {
-        return withArguments(call, readContainer,
-                             [&](std::string container) { self(data).watches_.watch(call, std::move(container)); });
+        return withArguments(call, data, readContainer, [&](const std::string& container, std::size_t) {
+            self(data).watches_.watch(call, container);
+        });
     }
 
     static int calledUnwatch(sd_bus_message* call, void* data, sd_bus_error*) {
-        return withArguments(call, readContainer,
-                             [&](const std::string& container) { self(data).watches_.unwatch(call, container); });
+        return withArguments(call, data, readContainer, [&](const std::string& container, std::size_t) {
+            self(data).watches_.unwatch(call, container);
+        });
     }
 
     static int calledResult(sd_bus_message* call, void* data, sd_bus_error*) { return self(data).jobs_.result(call); }

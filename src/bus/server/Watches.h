@@ -12,7 +12,7 @@ class Watches {
 public:
     Watches(Machinery& machinery, Clients& clients) : machinery_(machinery), clients_(clients) {}
 
-    void watch(sd_bus_message* call, std::string container);
+    void watch(sd_bus_message* call, const std::string& container);
     void unwatch(sd_bus_message* call, const std::string& container);
 
 private:

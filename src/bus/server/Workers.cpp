@@ -6,10 +6,10 @@ namespace tarnwell::bus {
 class Workers::Lane {
 public:
     std::deque<Work> work;
-    bool isTaken = false;  ///< in the turn, or running
+    bool isTaken = false;  ///< in the turn, or held
 };
 
-Workers::Workers(std::size_t threads) {
+Workers::Workers(std::size_t threads, std::size_t mostTurns) : mostTurns_(mostTurns) {
     for (std::size_t i = 0; i < threads; ++i) threads_.emplace_back([this] { run(); });
 }
 
@@ -38,27 +38,39 @@ void Workers::add(const LanePtr& lane, Work work) {
 void Workers::run() {
     std::unique_lock lock(mutex_);
     for (;;) {
-        // What is running may add more.
-        ready_.wait(lock, [&] { return !turn_.empty() || (isStopping_ && running_ == 0); });
+        // Whoever has a turn may add more.
+        ready_.wait(lock, [&] { return turn_.empty() ? isStopping_ && held_ == 0 : hasRoom(); });
         if (turn_.empty()) return;
-        const LanePtr lane = std::move(turn_.front());
+        LanePtr lane = std::move(turn_.front());
         turn_.pop_front();
         Work work = std::move(lane->work.front());
         lane->work.pop_front();
-        ++running_;
+        ++held_;
         lock.unlock();
-        work();
+        work(Turn(*this, std::move(lane)));
         work = {};
         lock.lock();
-        --running_;
-        if (lane->work.empty()) {
-            lane->isTaken = false;
-        } else {
-            turn_.push_back(lane);
-            ready_.notify_one();
-        }
-        if (isStopping_) ready_.notify_all();
     }
+}
+
+void Workers::goOn(LanePtr lane, bool wasParked) {
+    const std::lock_guard lock(mutex_);
+    --held_;
+    if (wasParked) --parked_;
+    if (lane->work.empty()) {
+        lane->isTaken = false;
+    } else {
+        turn_.push_back(std::move(lane));
+    }
+    if (!turn_.empty()) ready_.notify_one();
+    // Within the lock: the last thread may end as soon as it is free.
+    if (isStopping_) ready_.notify_all();
+}
+
+void Workers::park() {
+    const std::lock_guard lock(mutex_);
+    ++parked_;
+    ready_.notify_one();
 }
 
 }  // namespace tarnwell::bus

@@ -18,7 +18,7 @@ void readDictionary(Reader& reader, Take take) {
         const std::string contents(reader.variantContents());
         if (reader.error() != 0) return;
         reader.enter('v', contents.c_str());
-        if (!take(std::string_view(key), std::string_view(contents))) reader.skip(contents.c_str());
+        if (!take(std::string_view(key), std::string_view(contents))) reader.skip();
         reader.exit();
         reader.exit();
     }

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <ctime>
+#include <map>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -19,12 +20,17 @@
 namespace tarnwell::bus {
 namespace {
 
+/// Microseconds of the monotonic clock.
+std::uint64_t now() {
+    timespec present{};
+    ::clock_gettime(CLOCK_MONOTONIC, &present);
+    return std::uint64_t(present.tv_sec) * 1'000'000 + std::uint64_t(present.tv_nsec) / 1000;
+}
+
 /// For poll: milliseconds until then by the monotonic clock, -1 for no limit.
 int millisecondsUntil(std::uint64_t microseconds) {
     if (microseconds == UINT64_MAX) return -1;
-    timespec now{};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    const std::uint64_t present = std::uint64_t(now.tv_sec) * 1'000'000 + std::uint64_t(now.tv_nsec) / 1000;
+    const std::uint64_t present = now();
     if (microseconds <= present) return 0;
     return static_cast<int>(std::min<std::uint64_t>((microseconds - present + 999) / 1000, 60'000));
 }
@@ -48,6 +54,8 @@ struct Loop::State {
     std::mutex mutex;
     std::vector<Task> tasks;
     bool isStopping = false;
+    std::multimap<std::uint64_t, Task> later;  ///< by when they are due, on the loop's thread
+    std::function<void(sd_bus*)> handler;
     std::thread thread;
     std::atomic<std::thread::id> runsOn;
 
@@ -69,12 +77,17 @@ struct Loop::State {
             if (due.empty() && isStopping) return false;
         }
         for (Task& task : due) task(bus);
+        while (!later.empty() && later.begin()->first <= now()) {
+            auto first = later.extract(later.begin());
+            first.mapped()(bus);
+        }
         return true;
     }
 
     void wait() const {
         std::uint64_t deadline = UINT64_MAX;
         sd_bus_get_timeout(connection, &deadline);
+        if (!later.empty()) deadline = std::min(deadline, later.begin()->first);
         const int events = sd_bus_get_events(connection);
         std::array<pollfd, 2> waited{
             {{sd_bus_get_fd(connection), static_cast<short>(std::max(events, 0)), 0}, {wakeup.get(), POLLIN, 0}}};
@@ -96,9 +109,11 @@ struct Loop::State {
                 }
                 if (processed < 0) {
                     isOpen = false;
+                    if (handler) handler(nullptr);
                     if (onEnd) onEnd();
                     continue;
                 }
+                if (handler) handler(connection);
             }
             const bool isIdle = [&] {
                 const std::lock_guard lock(mutex);
@@ -160,6 +175,12 @@ void Loop::post(Task task) {
     }
     if (!isCurrent()) state_->wake();
 }
+
+void Loop::postLater(std::chrono::milliseconds pause, Task task) {
+    state_->later.emplace(now() + static_cast<std::uint64_t>(pause.count()) * 1000, std::move(task));
+}
+
+void Loop::afterMessages(std::function<void(sd_bus*)> handler) { state_->handler = std::move(handler); }
 
 bool Loop::isCurrent() const { return std::this_thread::get_id() == state_->runsOn.load(); }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -31,6 +32,11 @@ public:
     void start();
     /// Any thread may call it.
     void post(Task task);
+    /// Not before so much time has gone by. On the loop's thread. What is not due when the loop ends is dropped.
+    void postLater(std::chrono::milliseconds pause, Task task);
+    /// Called on the loop's thread whenever messages were read or written, and without a connection when it has ended.
+    /// Before `start`.
+    void afterMessages(std::function<void(sd_bus*)> handler);
     bool isCurrent() const;
 
 private:

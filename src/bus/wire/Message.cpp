@@ -4,6 +4,7 @@
 #include <systemd/sd-bus.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <span>
 
@@ -11,6 +12,17 @@
 #include "platform/base/UTF8.h"
 
 namespace tarnwell::bus {
+
+namespace {
+
+/// The length of a text or array, and what stands between values so that they begin at an even place.
+constexpr std::size_t kOverhead = 8;
+/// So that a request of values that nobody wants is given up after some ten thousand of them.
+constexpr std::size_t kCostOfSkipping = 256;
+/// Types of D-Bus whose arrays are read as one.
+constexpr std::string_view kPlainNumbers = "ynqiuxtd";
+
+}  // namespace
 
 bool isText(std::string_view value) { return value.find('\0') == std::string_view::npos && isUTF8(value); }
 
@@ -29,47 +41,42 @@ void Writer::take(int outcome) {
     if (outcome < 0 && error_ == 0) error_ = outcome;
 }
 
-Writer& Writer::boolean(bool value) {
-    const int number = value ? 1 : 0;
-    if (error_ == 0) take(sd_bus_message_append_basic(message_, 'b', &number));
+template <typename T>
+Writer& Writer::append(char type, const T& value) {
+    if (error_ == 0) take(sd_bus_message_append_basic(message_, type, &value));
+    bytes_ += sizeof value;
     return *this;
 }
-Writer& Writer::uint16(std::uint16_t value) {
-    if (error_ == 0) take(sd_bus_message_append_basic(message_, 'q', &value));
-    return *this;
-}
-Writer& Writer::uint32(std::uint32_t value) {
-    if (error_ == 0) take(sd_bus_message_append_basic(message_, 'u', &value));
-    return *this;
-}
-Writer& Writer::uint64(std::uint64_t value) {
-    if (error_ == 0) take(sd_bus_message_append_basic(message_, 't', &value));
-    return *this;
-}
-Writer& Writer::int64(std::int64_t value) {
-    if (error_ == 0) take(sd_bus_message_append_basic(message_, 'x', &value));
-    return *this;
-}
+
+Writer& Writer::boolean(bool value) { return append('b', value ? 1 : 0); }
+Writer& Writer::uint16(std::uint16_t value) { return append('q', value); }
+Writer& Writer::uint32(std::uint32_t value) { return append('u', value); }
+Writer& Writer::uint64(std::uint64_t value) { return append('t', value); }
+Writer& Writer::int64(std::int64_t value) { return append('x', value); }
 Writer& Writer::string(std::string_view value) {
     if (error_ != 0) return *this;
-    take(sd_bus_message_append_basic(message_, 's', displayable(value).c_str()));
+    const std::string text = displayable(value);
+    take(sd_bus_message_append_basic(message_, 's', text.c_str()));
+    bytes_ += kOverhead + text.size();
     return *this;
 }
 Writer& Writer::objectPath(const std::string& value) {
     if (error_ == 0) take(sd_bus_message_append_basic(message_, 'o', value.c_str()));
+    bytes_ += kOverhead + value.size();
     return *this;
 }
 Writer& Writer::bytes(ByteView value) {
     if (error_ == 0) take(sd_bus_message_append_array(message_, 'y', value.data(), value.size()));
+    bytes_ += kOverhead + value.size();
     return *this;
 }
 Writer& Writer::descriptor(const Descriptor& value) {
-    const int fd = value.get();
-    if (error_ == 0) take(sd_bus_message_append_basic(message_, 'h', &fd));
-    return *this;
+    ++descriptors_;
+    return append('h', value.get());
 }
 Writer& Writer::open(char type, const char* contents) {
     if (error_ == 0) take(sd_bus_message_open_container(message_, type, contents));
+    bytes_ += kOverhead;
     return *this;
 }
 Writer& Writer::close() {
@@ -85,9 +92,15 @@ void Reader::fail(int error) {
     if (error_ == 0) error_ = error;
 }
 
+void Reader::spend(std::size_t bytes) {
+    read_ += bytes;
+    if (read_ > most_) fail(-EMSGSIZE);
+}
+
 template <typename T>
 T Reader::basic(char type) {
     T value{};
+    spend(sizeof value);
     if (error_ != 0) return value;
     const int outcome = sd_bus_message_read_basic(message_, type, &value);
     if (outcome == 0) fail(-ENXIO);  // the end of what holds it
@@ -107,9 +120,11 @@ std::string Reader::objectPath() { return characters('o'); }
 std::string Reader::characters(char type) {
     const char* value = basic<const char*>(type);
     if (value == nullptr) return {};
-    std::string text(value);
-    if (text.size() > kLongestText) fail(-EMSGSIZE);
-    return error_ == 0 ? text : std::string();
+    const std::string_view view(value);
+    spend(view.size());
+    if (view.size() > kLongestText) fail(-EMSGSIZE);
+    std::string text(error_ == 0 ? view : std::string_view());
+    return text;
 }
 
 Bytes Reader::bytes(std::size_t longest) {
@@ -117,6 +132,7 @@ Bytes Reader::bytes(std::size_t longest) {
     std::size_t size = 0;
     if (error_ == 0) take(sd_bus_message_read_array(message_, 'y', &data, &size));
     if (size > longest) fail(-EMSGSIZE);
+    spend(kOverhead + size);
     if (error_ != 0 || size == 0) return {};
     const auto view = std::span(static_cast<const std::uint8_t*>(data), size);
     return {view.begin(), view.end()};
@@ -144,6 +160,7 @@ Descriptor Reader::descriptor() {
 }
 
 void Reader::enter(char type, const char* contents) {
+    spend(kOverhead);
     if (error_ != 0) return;
     const int outcome = sd_bus_message_enter_container(message_, type, contents);
     if (outcome == 0) fail(-ENXIO);
@@ -171,8 +188,26 @@ std::string_view Reader::variantContents() {
     return error_ == 0 && contents != nullptr ? contents : std::string_view();
 }
 
-void Reader::skip(const char* types) {
-    if (error_ == 0) take(sd_bus_message_skip(message_, types));
+void Reader::skip() {
+    spend(kCostOfSkipping);
+    char type = 0;
+    const char* contents = nullptr;
+    if (error_ != 0) return;
+    const int outcome = sd_bus_message_peek_type(message_, &type, &contents);
+    if (outcome == 0) fail(-ENXIO);
+    take(outcome);
+    if (error_ != 0) return;
+    const std::string inside(contents == nullptr ? "" : contents);
+    if (type == 'a' && inside.size() == 1 && kPlainNumbers.find(inside[0]) != std::string_view::npos) {
+        // As one, however many there are.
+        const void* numbers = nullptr;
+        std::size_t size = 0;
+        return take(sd_bus_message_read_array(message_, inside[0], &numbers, &size));
+    }
+    if (inside.empty()) return take(sd_bus_message_skip(message_, std::array{type, '\0'}.data()));
+    enter(type, inside.c_str());
+    while (more()) skip();
+    exit();
 }
 
 }  // namespace tarnwell::bus

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,11 +44,17 @@ public:
 
     /// A negative errno, or 0.
     int error() const { return error_; }
+    /// What was written, roughly.
+    std::size_t bytesWritten() const { return bytes_; }
+    std::size_t descriptorsWritten() const { return descriptors_; }
 
 private:
+    template <typename T>
+    Writer& append(char type, const T& value);
     void take(int outcome);
     sd_bus_message* message_;
     int error_ = 0;
+    std::size_t bytes_ = 0, descriptors_ = 0;
 };
 
 /// Reads values in their order. After a failure every value is empty, and `error` says why; an array or text that is
@@ -55,6 +62,8 @@ private:
 class Reader {
 public:
     explicit Reader(sd_bus_message* message) : message_(message) {}
+    /// Reads so many bytes at most, roughly. What is passed over counts more, since it takes time and gives nothing.
+    Reader(sd_bus_message* message, std::size_t most) : message_(message), most_(most) {}
 
     bool boolean();
     std::uint16_t uint16();
@@ -76,8 +85,9 @@ public:
     bool more();
     /// The signature of what the variant that comes next holds.
     std::string_view variantContents();
-    /// Passes over one value of that signature.
-    void skip(const char* types);
+    /// Passes over the value that comes next.
+    void skip();
+    std::size_t bytesRead() const { return read_; }
 
     void fail(int error);
     /// A negative errno, or 0.
@@ -88,7 +98,10 @@ private:
     T basic(char type);
     std::string characters(char type);
     void take(int outcome);
+    void spend(std::size_t bytes);
     sd_bus_message* message_;
+    const std::size_t most_ = std::numeric_limits<std::size_t>::max();
+    std::size_t read_ = 0;
     int error_ = 0;
 };
 

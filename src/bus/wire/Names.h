@@ -23,5 +23,7 @@ inline constexpr std::size_t kMostPerRequest = 1000;
 inline constexpr std::size_t kLongestText = 64 * 1024;
 /// The longest packed answer that is read; half of what a D-Bus array may hold.
 inline constexpr std::size_t kLongestPacked = 32 * 1024 * 1024;
+/// The most that is read of one request, in bytes: a thousand of the longest paths of the kernel.
+inline constexpr std::size_t kLargestRequest = 4 * 1024 * 1024;
 
 }  // namespace tarnwell::bus
