@@ -134,20 +134,27 @@ void Journal::addLostRange(std::uint64_t after, std::uint64_t upTo) {
     add.bind(1, after).bind(2, upTo).run();
 }
 
-void Journal::trim() {
-    Statement count(database_, "SELECT count(*) FROM departure");
-    if (!count.step() || count.unsignedAt(0) <= kMaxDepartures) return;
-    std::uint64_t surplus = count.unsignedAt(0) - kMaxDepartures;
+void Journal::trim(std::uint64_t mostDepartures, std::uint64_t mostDocumentChanges) {
+    dropOldest("departure", mostDepartures);
+    dropOldest("docchange", mostDocumentChanges);
+}
+
+void Journal::dropOldest(const char* table, std::uint64_t most) {
+    const std::string name(table);
+    Statement count(database_, "SELECT count(*) FROM " + name);
+    if (!count.step() || count.unsignedAt(0) <= most) return;
+    const std::uint64_t surplus = count.unsignedAt(0) - most;
     count.reset();
-    Statement last(database_, "SELECT event FROM departure ORDER BY event LIMIT 1 OFFSET ?");
+    Statement last(database_, "SELECT event FROM " + name + " ORDER BY event LIMIT 1 OFFSET ?");
     last.bind(1, surplus - 1);
     if (!last.step()) return;
-    std::uint64_t floor = last.unsignedAt(0);
+    const std::uint64_t dropped = last.unsignedAt(0);
     last.reset();
-    Statement drop(database_, "DELETE FROM departure WHERE event <= ?");
-    drop.bind(1, floor).run();
+    Statement drop(database_, "DELETE FROM " + name + " WHERE event <= ?");
+    drop.bind(1, dropped).run();
+    if (dropped <= floor()) return;
     Statement remember(database_, "INSERT OR REPLACE INTO meta(key, value) VALUES('journalFloor', ?)");
-    remember.bind(1, floor).run();
+    remember.bind(1, dropped).run();
 }
 
 }  // namespace tarnwell::store

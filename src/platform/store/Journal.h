@@ -36,13 +36,15 @@ struct DocumentChange {
 /// tells of each object once. Under the store's mutex only.
 ///
 /// J1: one departure for each identifier and folder, the last one.
-/// J2: records never outlive what bounds them: at most kMaxDepartures departures; a position before the oldest one that
-///     was dropped cannot be replayed.
+/// J2: records never outlive what bounds them: at most kMaxDepartures departures and kMaxDocumentChanges document
+///     changes; a position before the last one that was dropped cannot be replayed.
 class Journal {
 public:
     Journal(Database& database, Numbers& numbers);
 
     static constexpr std::uint64_t kMaxDepartures = 1'000'000;
+    /// Each document that is saved as a new file leaves one.
+    static constexpr std::uint64_t kMaxDocumentChanges = 1'000'000;
 
     /// Gives the row a new event and remembers what the change was. The caller writes the row.
     void recordChange(ObjectRow& row, std::uint32_t change);
@@ -71,10 +73,12 @@ public:
     bool canReplayAfter(std::uint64_t event);
     /// Remembers that the events in (after, upTo] were lost in a power cut.
     void addLostRange(std::uint64_t after, std::uint64_t upTo);
-    /// Drops the oldest departures past the bound.
-    void trim();
+    /// Drops the oldest records past the bounds.
+    void trim(std::uint64_t mostDepartures = kMaxDepartures, std::uint64_t mostDocumentChanges = kMaxDocumentChanges);
 
 private:
+    void dropOldest(const char* table, std::uint64_t most);
+
     Database& database_;
     Numbers& numbers_;
     Statement removeDeparture_, addDeparture_, addDocumentChange_, departuresAfter_, departuresOf_, changesAfter_,
