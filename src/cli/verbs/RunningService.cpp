@@ -4,6 +4,8 @@
 #include <filesystem>
 
 #include "bus/client/BusSession.h"
+#include "cli/output/Complaint.h"
+#include "cli/output/Text.h"
 
 namespace tarnwell::cli {
 namespace {
@@ -27,6 +29,12 @@ std::expected<std::unique_ptr<bus::BusSession>, Failure> connectToService(const 
     if (!isSame(service.storageRoot, settings.storageRoot) ||
         !isSame(service.stateDirectory, settings.stateDirectory)) {
         return nullptr;
+    }
+    if (service.programVersion != TARNWELL_VERSION) {
+        // It goes on with what it has loaded until it ends, whatever was installed meanwhile.
+        complain("the service that runs is version " + toDisplay(service.programVersion) +
+                 ", this program is " TARNWELL_VERSION
+                 "; \"systemctl --user restart tarnwell\" changes it for the new one");
     }
     return std::move(*session);
 }
