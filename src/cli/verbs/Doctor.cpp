@@ -6,6 +6,7 @@
 #include "cli/output/ItemJson.h"
 #include "cli/output/Table.h"
 #include "cli/output/Text.h"
+#include "cli/verbs/ServiceChecks.h"
 #include "cli/verbs/Verb.h"
 #include "host/Checks.h"
 #include "platform/icons/ProcessIconRenderer.h"
@@ -38,7 +39,7 @@ class DoctorVerb : public Verb {
 public:
     const char* name() const override { return "doctor"; }
     const char* summary() const override {
-        return "Check this machine: folders, attributes, store, limits, applications";
+        return "Check this machine: folders, attributes, store, limits, applications, the service";
     }
     const char* example() const override { return "tarnwell doctor          exit status 1 if something is broken"; }
 
@@ -90,6 +91,7 @@ private:
             }
         }
         std::ranges::move(host::checkWatchLimits("/proc/sys/fs"), std::back_inserter(checks));
+        std::ranges::move(checkService(), std::back_inserter(checks));
         std::ranges::move(host::checkCallers({}, "/sys/module/apparmor/parameters/enabled"),
                           std::back_inserter(checks));
         return checks;
