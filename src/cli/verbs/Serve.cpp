@@ -1,3 +1,4 @@
+#include <malloc.h>
 #include <systemd/sd-daemon.h>
 
 #include "cli/verbs/Verb.h"
@@ -8,6 +9,14 @@
 
 namespace tarnwell::cli {
 namespace {
+
+/// Large buffers go back to the system when they are freed. Left to itself the allocator raises both limits with the
+/// first large buffer that it sees, and each thread then keeps up to 64 MiB for as long as the process lives.
+void returnLargeBuffers() {
+    constexpr int kLarge = 512 * 1024;
+    (void)::mallopt(M_MMAP_THRESHOLD, kLarge);
+    (void)::mallopt(M_TRIM_THRESHOLD, kLarge);
+}
 
 /// Tells systemd; nothing where it did not start the program (sd_notify(3)).
 void notify(const std::string& state) { sd_notify(0, state.c_str()); }
@@ -21,6 +30,7 @@ public:
     }
 
     Outcome run(Invocation& invocation) override {
+        returnLargeBuffers();
         // Before any thread, since all of them inherit it.
         service::SignalQueue signals;
         const auto settings = host::Settings::fromEnvironment(invocation.options().storage);
