@@ -25,6 +25,8 @@ std::string configuration(const std::string& folder) {
            "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/></policy>"
            // As the session's bus has them.
            "<limit name=\"max_incoming_bytes\">1000000000</limit><limit name=\"max_outgoing_bytes\">1000000000</limit>"
+           "<limit name=\"max_incoming_unix_fds\">250000000</limit>"
+           "<limit name=\"max_outgoing_unix_fds\">250000000</limit>"
            "<limit name=\"max_message_size\">1000000000</limit><limit name=\"max_completed_connections\">100000</limit>"
            "<limit name=\"max_incomplete_connections\">10000</limit>"
            "<limit name=\"max_connections_per_user\">100000</limit>"
