@@ -19,10 +19,14 @@ namespace {
     std::abort();
 }
 
-std::string configuration(const std::string& folder) {
+std::string configuration(const std::string& folder, PrivateBus::Statistics statistics) {
     return "<busconfig><type>session</type><listen>unix:path=" + folder + "/socket</listen><servicedir>" + folder +
            "/services</servicedir><auth>EXTERNAL</auth><policy context=\"default\">"
-           "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/></policy>"
+           "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/>" +
+           std::string(statistics == PrivateBus::Statistics::told
+                           ? ""
+                           : "<deny send_interface=\"org.freedesktop.DBus.Debug.Stats\"/>") +
+           "</policy>"
            // As the session's bus has them.
            "<limit name=\"max_incoming_bytes\">1000000000</limit><limit name=\"max_outgoing_bytes\">1000000000</limit>"
            "<limit name=\"max_incoming_unix_fds\">250000000</limit>"
@@ -36,9 +40,9 @@ std::string configuration(const std::string& folder) {
 
 }  // namespace
 
-PrivateBus::PrivateBus() {
+PrivateBus::PrivateBus(Statistics statistics) {
     std::filesystem::create_directory(folder_.path("services"));
-    writeFile(folder_.path("bus.conf"), configuration(folder_.path()));
+    writeFile(folder_.path("bus.conf"), configuration(folder_.path(), statistics));
     std::array<int, 2> address{};
     if (::pipe2(address.data(), O_CLOEXEC) != 0) stop("no pipe");
     std::string program = "dbus-daemon", config = "--config-file=" + folder_.path("bus.conf"),

@@ -12,7 +12,9 @@ namespace tarnwell::testing {
 /// that it could start. Stops the test program with a message where it cannot be had.
 class PrivateBus {
 public:
-    PrivateBus();
+    /// Whether it tells what it keeps for whom; some are set up not to.
+    enum class Statistics { told, withheld };
+    explicit PrivateBus(Statistics statistics = Statistics::told);
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;

@@ -152,5 +152,70 @@ TEST_F(LimitsTest, WhatAClientThatWentWantedToSeeIsNotLookedFor) {
     EXPECT_EQ(session_->requests(), (std::vector<std::string>{"currentAnchor root", "makeFolder new did=1"}));
 }
 
+/// Pages of half a MiB, and a client that asks for forty of them.
+class UnreadTest : public LimitsTest {
+protected:
+    static constexpr std::size_t kPages = 40;
+
+    void SetUp() override {
+        session::Item item;
+        item.identifier = "did=1";
+        item.filename = std::string(kLongestText - 1, 'x');
+        session_->page = session::Page{std::vector<session::Item>(8, item), std::nullopt};
+    }
+    static void askWithoutReading(const RawClient& client, std::size_t& answered) {
+        for (std::size_t i = 0; i < kPages; ++i) {
+            sd_bus_message* call = client.newCall("Enumerate");
+            sd_bus_message_append(call, "s", "root");
+            sd_bus_message_append_array(call, 'y', nullptr, 0);
+            const auto count = [](sd_bus_message* reply, void* data, sd_bus_error*) {
+                EXPECT_EQ(sd_bus_message_get_error(reply), nullptr);
+                ++*static_cast<std::size_t*>(data);
+                return 0;
+            };
+            EXPECT_GE(sd_bus_call_async(client.get(), nullptr, call, count, &answered, 0), 0);
+            sd_bus_message_unref(call);
+        }
+        EXPECT_GE(sd_bus_flush(client.get()), 0);
+    }
+    static bool readAll(const RawClient& client, const std::size_t& answered) {
+        return soon([&] {
+            while (sd_bus_process(client.get(), nullptr) > 0) {
+            }
+            return answered == kPages;
+        });
+    }
+};
+
+TEST_F(UnreadTest, WhoIsBehindIsServedAgainWhenItHasRead) {
+    startServer({});
+    const RawClient client(bus_->address());
+    std::size_t answered = 0;
+    askWithoutReading(client, answered);
+    // Some lie in the client's socket, some in the bus; after that nothing more is asked of the session.
+    EXPECT_TRUE(soon([&] { return session_->requests().size() >= 8; }));
+    ::usleep(300'000);
+    EXPECT_LT(session_->requests().size(), 30U);
+    const RawClient other(bus_->address());
+    EXPECT_EQ(other.call(other.newCall("Info")), "");
+    EXPECT_EQ(answered, 0U);
+    EXPECT_TRUE(readAll(client, answered)) << answered;
+}
+
+TEST_F(UnreadTest, WhereTheBusWithholdsItsNumbersNobodyWaits) {
+    const testing::PrivateBus secretive(testing::PrivateBus::Statistics::withheld);
+    Server::Options options;
+    options.busAddress = secretive.address();
+    auto server = Server::start(
+        std::move(options), [this](const Peer&) -> Result<std::shared_ptr<session::Session>> { return session_; },
+        log_);
+    ASSERT_TRUE(server) << describe(server.error());
+    const RawClient client(secretive.address());
+    std::size_t answered = 0;
+    askWithoutReading(client, answered);
+    EXPECT_TRUE(soon([&] { return session_->requests().size() == kPages; }));
+    EXPECT_TRUE(readAll(client, answered)) << answered;
+}
+
 }  // namespace
 }  // namespace tarnwell::bus

@@ -2,6 +2,7 @@
 
 #include <systemd/sd-bus.h>
 
+#include <cerrno>
 #include <chrono>
 
 #include "bus/server/Unread.h"
@@ -32,7 +33,7 @@ void Pace::answered(Loop& loop, sd_bus* connection, const std::string& client, c
     pacing->sent.bytes += sent.bytes;
     pacing->sent.descriptors += sent.descriptors;
     const bool isMuch = pacing->sent.bytes > kAskAfterBytes || pacing->sent.descriptors > kAskAfterDescriptors;
-    if (pacing->state == Pacing::State::reading && (!isMuch || !isTold_ || !isOpen_)) {
+    if (pacing->state == Pacing::State::reading && (!isMuch || !canTell_ || !isOpen_)) {
         return release(connection, std::move(turn));
     }
     // Whoever has no turn to give, a signal for one, must not let go of the one that is kept.
@@ -56,7 +57,7 @@ void Pace::ask(Loop& loop, sd_bus* connection, const std::string& client) {
             });
             return;
         }
-        isTold_ = unread.has_value();
+        canTell_ = unread || !unread.error().is(ErrorDomain::posix, ENOTSUP);
         const bool wasBehind = pacing->state == Pacing::State::behind;
         pacing->state = Pacing::State::reading;
         pacing->sent = {};

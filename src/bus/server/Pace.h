@@ -29,8 +29,8 @@ struct Pacing {
 
 /// Has answers made no faster than the bus takes them, and than each client reads them. What a client leaves unread
 /// lies in the bus, which counts it as ours: at its limit it takes nothing from us any more, and nobody is answered. So
-/// the bus is asked now and then how much that is. A bus that does not tell does not hold it against us either: it ends
-/// the connection of who does not read. On the connection's thread.
+/// the bus is asked now and then how much that is. A bus that cannot tell is asked once, and then nobody waits for
+/// being behind. On the connection's thread.
 class Pace {
 public:
     using Find = std::function<Pacing*(const std::string& client)>;
@@ -56,7 +56,7 @@ private:
 
     const Find find_;
     const CaughtUp caughtUp_;
-    bool isTold_ = true;  ///< the bus has statistics
+    bool canTell_ = true;  ///< the bus has statistics
     bool isOpen_ = true;
     std::vector<Workers::Turn> waiting_;  ///< for the bus
 };

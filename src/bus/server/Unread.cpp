@@ -12,8 +12,17 @@ namespace {
 
 using Told = std::function<void(Result<Unread>)>;
 
+/// What a bus without statistics, or one that keeps them to itself, answers.
+bool saysThatItCannot(const sd_bus_error& error) {
+    return sd_bus_error_has_names(&error, SD_BUS_ERROR_UNKNOWN_METHOD, SD_BUS_ERROR_UNKNOWN_INTERFACE,
+                                  SD_BUS_ERROR_UNKNOWN_OBJECT, SD_BUS_ERROR_NOT_SUPPORTED, SD_BUS_ERROR_ACCESS_DENIED,
+                                  SD_BUS_ERROR_INVALID_ARGS) > 0;
+}
+
 Result<Unread> read(sd_bus_message* reply) {
-    if (sd_bus_message_get_error(reply) != nullptr) return failure(posixError(ENOTSUP));
+    if (const sd_bus_error* error = sd_bus_message_get_error(reply)) {
+        return failure(posixError(saysThatItCannot(*error) ? ENOTSUP : EAGAIN));
+    }
     Unread unread;
     bool isTold = false;
     Reader reader(reply);

@@ -15,8 +15,8 @@ struct Unread {
     std::uint32_t bytes = 0, descriptors = 0;
 };
 
-/// Asks the bus (GetConnectionStats of its statistics). Fails where it does not tell. Called back once, on the
-/// connection's thread, mostly later; not after the connection to the bus ended.
+/// Asks the bus (GetConnectionStats of its statistics). Fails with ENOTSUP where it cannot tell. Called back once, on
+/// the connection's thread, mostly later; not after the connection to the bus ended.
 void askForUnread(sd_bus* connection, const std::string& name, std::function<void(Result<Unread>)> told);
 
 }  // namespace tarnwell::bus
