@@ -71,7 +71,7 @@ void descriptorFloods(std::size_t calls) {
     std::printf("%zu descriptors at rest, %zu at most; the bus kept %u\n", before, most, kept);
     EXPECT_LE(most, before + kMostMore);
     EXPECT_LE(kept, kMostKept);
-    EXPECT_TRUE(within(std::chrono::seconds(20), [&] { return service.footprint().descriptors == before; }))
+    EXPECT_TRUE(within(std::chrono::seconds(20), [&] { return service.footprint().descriptors <= before; }))
         << service.footprint().descriptors << " descriptors instead of " << before << ":\n"
         << service.descriptors();
 }

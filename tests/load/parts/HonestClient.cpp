@@ -11,6 +11,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kPage = 200;
+/// So many have to be seen, or it was kept waiting.
+constexpr std::size_t kFewest = 20;
 /// Leaves the processor to the others for a while; nobody turns pages faster.
 constexpr unsigned kPause = 5000;  // microseconds
 
@@ -60,7 +62,7 @@ std::string HonestClient::verdict() {
     isEnding_ = true;
     if (thread_.joinable()) thread_.join();
     if (!trouble_.empty()) return trouble_;
-    if (taken_.size() < 20) return "only " + std::to_string(taken_.size()) + " pages were seen";
+    if (taken_.size() < kFewest / kTimeFactor) return "only " + std::to_string(taken_.size()) + " pages were seen";
     std::ranges::sort(taken_);
     const auto milliseconds = [](Clock::duration time) {
         return std::chrono::duration<double, std::milli>(time).count();
