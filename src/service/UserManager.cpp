@@ -7,6 +7,8 @@
 #include <memory>
 #include <string_view>
 
+#include "bus/wire/OpenBus.h"
+
 namespace tarnwell::service {
 namespace {
 
@@ -14,15 +16,6 @@ constexpr std::uint64_t kPatience = 1'000'000;  // microseconds
 
 using Connection = std::unique_ptr<sd_bus, decltype(&sd_bus_flush_close_unref)>;
 using Message = std::unique_ptr<sd_bus_message, decltype(&sd_bus_message_unref)>;
-
-int connect(const std::string& address, sd_bus** connection) {
-    if (address.empty()) return sd_bus_open_user(connection);
-    int outcome = sd_bus_new(connection);
-    if (outcome >= 0) outcome = sd_bus_set_address(*connection, address.c_str());
-    if (outcome >= 0) outcome = sd_bus_set_bus_client(*connection, 1);
-    if (outcome >= 0) outcome = sd_bus_start(*connection);
-    return outcome;
-}
 
 /// The reply to the question for the property.
 int ask(sd_bus* connection, sd_bus_message** reply) {
@@ -47,7 +40,7 @@ bool isStartedBySystemd() {
 
 Result<std::map<std::string, std::string>> environmentOfUserManager(const std::string& busAddress) {
     sd_bus* rawConnection = nullptr;
-    int outcome = connect(busAddress, &rawConnection);
+    int outcome = bus::openBus(busAddress, &rawConnection);
     const Connection connection(rawConnection, sd_bus_flush_close_unref);
     sd_bus_message* rawReply = nullptr;
     if (outcome >= 0) outcome = ask(connection.get(), &rawReply);

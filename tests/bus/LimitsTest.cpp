@@ -114,17 +114,11 @@ TEST_F(LimitsTest, OneCallWaitsForTheResultOfAJob) {
         while (isHeld && name == "trash") ::usleep(1000);
     };
     const RawClient client(bus_->address());
-    sd_bus_message* trash = client.newCall("Trash");
-    sd_bus_message_append(trash, "as", 1, "did=1");
-    sd_bus_message* answer = nullptr;
-    ASSERT_EQ(client.call(trash, &answer), "");
-    const char* path = nullptr;
-    ASSERT_GE(sd_bus_message_read(answer, "o", &path), 0);
-    client.send(client.newCall("Result", kJobInterface, path));
-    EXPECT_EQ(client.call(client.newCall("Result", kJobInterface, path)), "org.tarnwell.Error.LimitsExceeded");
+    const std::string path = client.startedJob();
+    client.send(client.newCall("Result", kJobInterface, path.c_str()));
+    EXPECT_EQ(client.call(client.newCall("Result", kJobInterface, path.c_str())), "org.tarnwell.Error.LimitsExceeded");
     isHeld = false;
     EXPECT_TRUE(soon([&] { return server_->counts().jobs == 0; }));
-    sd_bus_message_unref(answer);
 }
 
 TEST_F(LimitsTest, WhatAClientThatWentWantedToSeeIsNotLookedFor) {

@@ -50,6 +50,19 @@ public:
         return name;
     }
 
+    /// Starts one that trashes something; its path.
+    std::string startedJob() const {
+        sd_bus_message* trash = newCall("Trash");
+        sd_bus_message_append(trash, "as", 1, "did=1");
+        sd_bus_message* answer = nullptr;
+        EXPECT_EQ(call(trash, &answer), "");
+        const char* path = "";
+        EXPECT_GE(sd_bus_message_read(answer, "o", &path), 0);
+        std::string started(path);
+        sd_bus_message_unref(answer);
+        return started;
+    }
+
     std::string anchor(const char* container) const {
         sd_bus_message* message = newCall("CurrentAnchor");
         sd_bus_message_append(message, "s", container);

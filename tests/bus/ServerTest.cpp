@@ -170,19 +170,15 @@ TEST_F(ServerTest, AJobBelongsToWhoStartedIt) {
         while (isHeld && name == "trash") ::usleep(1000);
     };
     const RawClient owner(bus_->address()), other(bus_->address());
-    sd_bus_message* call = owner.newCall("Trash");
-    sd_bus_message_append(call, "as", 1, "did=1");
-    sd_bus_message* answer = nullptr;
-    ASSERT_EQ(owner.call(call, &answer), "");
-    const char* path = nullptr;
-    ASSERT_GE(sd_bus_message_read(answer, "o", &path), 0);
+    const std::string path = owner.startedJob();
     EXPECT_EQ(other.call(other.newCall("Info")), "");
-    EXPECT_EQ(other.call(other.newCall("Cancel", kJobInterface, path)), "org.freedesktop.DBus.Error.UnknownObject");
-    EXPECT_EQ(other.call(other.newCall("Result", kJobInterface, path)), "org.freedesktop.DBus.Error.UnknownObject");
-    EXPECT_EQ(owner.call(owner.newCall("Cancel", kJobInterface, path)), "");
+    EXPECT_EQ(other.call(other.newCall("Cancel", kJobInterface, path.c_str())),
+              "org.freedesktop.DBus.Error.UnknownObject");
+    EXPECT_EQ(other.call(other.newCall("Result", kJobInterface, path.c_str())),
+              "org.freedesktop.DBus.Error.UnknownObject");
+    EXPECT_EQ(owner.call(owner.newCall("Cancel", kJobInterface, path.c_str())), "");
     isHeld = false;
-    EXPECT_EQ(owner.call(owner.newCall("Result", kJobInterface, path)), "");
-    sd_bus_message_unref(answer);
+    EXPECT_EQ(owner.call(owner.newCall("Result", kJobInterface, path.c_str())), "");
 }
 
 TEST_F(ServerTest, AClientThatGoesLeavesNothing) {

@@ -41,22 +41,19 @@ void Jobs::start(sd_bus_message* call, std::size_t size, JobWork work) {
     job->owner = sd_bus_message_get_sender(call);
     job->control = std::make_shared<session::JobControl>(progressListener(*job));
     client->jobs.emplace(job->path, job);
-    const auto begin = [this, job](Client& starting, std::uint64_t id, JobWork toDo) {
+    auto begin = [this, job, work = std::move(work)](Client& starting, std::uint64_t id) mutable {
         // Before it is begun, so that the path is known before anything is told of the job.
         clients_.finish(id, WriteAnswer([path = job->path](Writer& writer) { writer.objectPath(path); }));
-        auto run = [this, job, session = starting.session, toDo = std::move(toDo)](const Workers::Turn&) mutable {
-            Answer outcome = toDo(*session, *job->control);
-            toDo = {};
+        auto run = [this, job, session = starting.session, work = std::move(work)](const Workers::Turn&) mutable {
+            Answer outcome = work(*session, *job->control);
+            work = {};
             session.reset();
             machinery_.loop->post(
                 [this, job, outcome = std::move(outcome)](sd_bus*) mutable { done(*job, std::move(outcome)); });
         };
         machinery_.jobWorkers->add(starting.jobLane, std::move(run));
     };
-    const bool isBegun = clients_.begin(call, *client, size,
-                                        [begin, work = std::move(work)](Client& starting, std::uint64_t id) mutable {
-                                            begin(starting, id, std::move(work));
-                                        });
+    const bool isBegun = clients_.begin(call, *client, size, std::move(begin));
     if (!isBegun) client->jobs.erase(job->path);
 }
 

@@ -70,8 +70,7 @@ std::optional<Bytes> readToken(Reader& reader) {
 }
 
 /// The one that an array holds, or none.
-std::optional<std::string> readMaybe(Reader& reader, std::vector<std::string> (*readList)(Reader&)) {
-    auto list = readList(reader);
+std::optional<std::string> onlyOne(Reader& reader, std::vector<std::string> list) {
     if (list.size() > 1) reader.fail(-EINVAL);
     return list.empty() ? std::nullopt : std::optional(std::move(list.front()));
 }
@@ -101,7 +100,7 @@ constexpr std::array kMethods = {
            }},
     Method{{"IdentifiersAtPaths", "aayb", "paths target", "aa{sv}", "outcomes"},
            [](Reader& reader) -> Work {
-               auto paths = readTexts(reader);
+               auto paths = reader.texts();
                const auto use = reader.boolean() ? session::PathUse::target : session::PathUse::lookUp;
                return [paths = std::move(paths), use](Session& session) {
                    return answer(session.identifiersAtPaths(paths, use));
@@ -167,7 +166,7 @@ constexpr std::array kMethods = {
     Method{{"SetTags", "saay", "item labels", "a{sv}", "item"},
            [](Reader& reader) -> Work {
                auto item = reader.string();
-               return [item = std::move(item), labels = readTexts(reader)](Session& session) {
+               return [item = std::move(item), labels = reader.texts()](Session& session) {
                    return answer(session.setTags(item, labels));
                };
            },
@@ -225,7 +224,7 @@ constexpr std::array kMethods = {
 constexpr std::array kJobMethods = {
     JobMethod{{"Import", "aays", "paths parent", "o", "job"},
               [](Reader& reader) -> JobWork {
-                  auto paths = readTexts(reader);
+                  auto paths = reader.texts();
                   return [paths = std::move(paths), parent = reader.string()](Session& session, JobControl& control) {
                       return answer(session.import(paths, parent, control));
                   };
@@ -234,7 +233,7 @@ constexpr std::array kJobMethods = {
               [](Reader& reader) -> JobWork {
                   auto items = readIdentifiers(reader);
                   auto parent = reader.string();
-                  auto name = readMaybe(reader, readTexts);
+                  auto name = onlyOne(reader, reader.texts());
                   if (name && items.size() != 1) reader.fail(-EINVAL);
                   return [items = std::move(items), parent = std::move(parent), name = std::move(name)](
                              Session& session, JobControl& control) {
@@ -250,8 +249,8 @@ constexpr std::array kJobMethods = {
     JobMethod{{"Restore", "asas", "items parent", "o", "job"},
               [](Reader& reader) -> JobWork {
                   auto items = readIdentifiers(reader);
-                  return [items = std::move(items), parent = readMaybe(reader, readIdentifiers)](Session& session,
-                                                                                                 JobControl& control) {
+                  return [items = std::move(items), parent = onlyOne(reader, readIdentifiers(reader))](
+                             Session& session, JobControl& control) {
                       return answer(session.restore(items, parent, control));
                   };
               }},

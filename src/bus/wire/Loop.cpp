@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "bus/wire/OpenBus.h"
 #include "platform/base/Descriptor.h"
 
 namespace tarnwell::bus {
@@ -33,16 +34,6 @@ int millisecondsUntil(std::uint64_t microseconds) {
     const std::uint64_t present = now();
     if (microseconds <= present) return 0;
     return static_cast<int>(std::min<std::uint64_t>((microseconds - present + 999) / 1000, 60'000));
-}
-
-/// A negative errno where there is none.
-int openBus(const std::string& address, sd_bus** connection) {
-    if (address.empty()) return sd_bus_open_user(connection);
-    int outcome = sd_bus_new(connection);
-    if (outcome >= 0) outcome = sd_bus_set_address(*connection, address.c_str());
-    if (outcome >= 0) outcome = sd_bus_set_bus_client(*connection, 1);
-    if (outcome >= 0) outcome = sd_bus_start(*connection);
-    return outcome;
 }
 
 }  // namespace

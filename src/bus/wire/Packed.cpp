@@ -229,68 +229,60 @@ bool unpackItem(ByteView bytes, Item& item, Unpacking& state) {
     return count != 0;
 }
 
-Error malformed() { return posixError(EBADMSG, "the service's answer could not be read"); }
-
-}  // namespace
-
-Bytes packItems(const std::vector<Item>& items) {
+/// An array; `packOne` writes an element from where it begins.
+template <typename T, typename PackOne>
+Bytes packList(const std::vector<T>& list, PackOne packOne) {
     Packer packer;
-    packer.reserve(items.size() * kUsualItem);
+    packer.reserve(list.size() * kUsualItem);
     packer.open();
-    for (const Item& item : items) {
+    for (const T& one : list) {
         packer.align(kVariant);
-        packItem(packer, &item);
+        packOne(packer, one);
         packer.endPart();
     }
     packer.closeArray();
     return packer.take();
 }
 
-Result<std::vector<Item>> unpackItems(ByteView packed) {
+/// The same the other way.
+template <typename T, typename UnpackOne>
+Result<std::vector<T>> unpackList(ByteView packed, UnpackOne unpackOne) {
     Unpacking state;
     PackedArray array(packed, kVariant, state);
-    std::vector<Item> items;
+    std::vector<T> list;
     const std::size_t count = array.count(kMostPacked);
-    for (std::size_t i = 0; i < count && !state.failed(); ++i) {
-        (void)unpackItem(array.next(), items.emplace_back(), state);
-    }
-    if (state.failed()) return failure(malformed());
-    return items;
+    for (std::size_t i = 0; i < count && !state.failed(); ++i) unpackOne(array.next(), list.emplace_back(), state);
+    if (state.failed()) return failure(posixError(EBADMSG, "the service's answer could not be read"));
+    return list;
 }
 
+}  // namespace
+
+Bytes packItems(const std::vector<Item>& items) {
+    return packList(items, [](Packer& packer, const Item& item) { packItem(packer, &item); });
+}
+
+Result<std::vector<Item>> unpackItems(ByteView packed) { return unpackList<Item>(packed, unpackItem); }
+
 Bytes packChanges(const std::vector<Change>& changes) {
-    Packer packer;
-    packer.reserve(changes.size() * kUsualItem);
-    packer.open();
-    for (const Change& change : changes) {
-        packer.align(kVariant);
+    return packList(changes, [](Packer& packer, const Change& change) {
         packer.open();
         packer.text(displayable(change.identifier));
         packer.endPart();
         packer.align(kVariant);
         packItem(packer, change.item ? &*change.item : nullptr);
         packer.closeStructure();
-        packer.endPart();
-    }
-    packer.closeArray();
-    return packer.take();
+    });
 }
 
 Result<std::vector<Change>> unpackChanges(ByteView packed) {
-    Unpacking state;
-    PackedArray array(packed, kVariant, state);
-    std::vector<Change> changes;
-    const std::size_t count = array.count(kMostPacked);
-    for (std::size_t i = 0; i < count && !state.failed(); ++i) {
-        const auto [identifier, dictionary] = pairIn(array.next(), state);
-        if (state.failed()) break;
-        Change& change = changes.emplace_back();
+    return unpackList<Change>(packed, [](ByteView bytes, Change& change, Unpacking& state) {
+        const auto [identifier, dictionary] = pairIn(bytes, state);
+        if (state.failed()) return;
         change.identifier = PackedValue(identifier, state).string();
         Item item;
         if (unpackItem(dictionary, item, state)) change.item = std::move(item);
-    }
-    if (state.failed()) return failure(malformed());
-    return changes;
+    });
 }
 
 }  // namespace tarnwell::bus

@@ -326,8 +326,8 @@ session::SearchRequest readSearchRequest(Reader& reader) {
     session::SearchRequest request;
     request.query = reader.text();
     readDictionary(reader, [&](std::string_view key, std::string_view type) {
-        if (key == "types" && type == "aay") return request.types = readTexts(reader), true;
-        if (key == "tags" && type == "aay") return request.tags = readTexts(reader), true;
+        if (key == "types" && type == "aay") return request.types = reader.texts(), true;
+        if (key == "tags" && type == "aay") return request.tags = reader.texts(), true;
         if (key == "below" && type == "s") return request.below = reader.string(), true;
         if (key == "withTrashed" && type == "b") return request.withTrashed = reader.boolean(), true;
         if (key != "newestFirst" || type != "b") return false;
@@ -487,8 +487,6 @@ std::vector<std::string> readIdentifiers(Reader& reader) {
 void writeTexts(Writer& writer, const std::vector<std::string>& texts) {
     writeList(writer, "ay", texts, [&](const std::string& text) { writer.bytes(text); });
 }
-
-std::vector<std::string> readTexts(Reader& reader) { return reader.texts(); }
 
 void writeOptional(Writer& writer, const std::optional<std::uint64_t>& value) {
     writer.open('a', "t");

@@ -73,7 +73,6 @@ session::JobProgress readJobProgress(Reader& reader);
 void writeIdentifiers(Writer& writer, const std::vector<std::string>& identifiers);
 std::vector<std::string> readIdentifiers(Reader& reader);
 void writeTexts(Writer& writer, const std::vector<std::string>& texts);
-std::vector<std::string> readTexts(Reader& reader);
 
 /// "at" or "ax": the one value that an optional has.
 void writeOptional(Writer& writer, const std::optional<std::uint64_t>& value);

@@ -126,6 +126,7 @@ Result<void> Comparer::purgeGone() {
     session.write();
     session.index().purgeGone();
     session.journal().trim();
+    notePurged();
     return session.commit();
 }
 
