@@ -11,11 +11,14 @@ Result<ChangeBatch> SharedChanges::changes(const Identifier& container, const By
                                            const CurrentAnchor& currentAnchor, const Ask& ask) {
     const Key key{container, anchor};
     if (!mayBeAskedAgain(key)) {
-        // Most anchors are asked for by one client once: they are not worth the question what the current one is.
+        // Most anchors are those of a client that is up to date, which asks for the same one again and again: they are
+        // not worth the question what the current one is.
         auto batch = ask();
-        const std::lock_guard lock(mutex_);
-        note(key);
-        if (batch && batch->moreComing) note({container, batch->anchor});
+        if (batch && batch->moreComing) {
+            const std::lock_guard lock(mutex_);
+            note(key);
+            note({container, batch->anchor});
+        }
         return batch;
     }
     const auto state = currentAnchor();
@@ -75,6 +78,7 @@ void SharedChanges::note(Key key) {
 void SharedChanges::forget(const Key& key) {
     const std::lock_guard lock(mutex_);
     std::erase_if(shared_, [&](const Shared& shared) { return shared.key == key; });
+    std::erase(anchors_, key);
 }
 
 }  // namespace tarnwell::host

@@ -53,7 +53,7 @@ private:
     void forget(const Key& key);
 
     std::mutex mutex_;
-    std::list<Key> anchors_;    ///< that were asked for or given, the latest first
+    std::list<Key> anchors_;    ///< from which more than one batch was told, and between those; the latest first
     std::list<Shared> shared_;  ///< the latest first
 };
 

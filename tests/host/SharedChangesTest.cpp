@@ -76,7 +76,15 @@ TEST_F(SharedChangesTest, TheSecondClientIsToldWhatTheFirstWas) {
 
 TEST_F(SharedChangesTest, OneClientThatIsUpToDatePaysNothingForIt) {
     last_ = 0;
+    for (int i = 0; i < 3; ++i) (void)follow(0);
+    EXPECT_EQ(currentAsked_, 0);
+    // Nor once it has followed to the end.
+    last_ = 50;
     (void)follow(0);
+    currentAsked_ = 0;
+    for (int i = 0; i < 3; ++i) (void)follow(50);
+    EXPECT_EQ(currentAsked_, 0);
+    (void)follow(40);
     EXPECT_EQ(currentAsked_, 0);
 }
 
