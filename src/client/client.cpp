@@ -191,7 +191,7 @@ Changes Client::changes(const std::string& container, const Bytes& anchor) {
     Changes result;
     result.anchor = std::move(batch.anchor);
     result.moreComing = batch.moreComing;
-    for (auto& one : batch.changes) {
+    for (auto& one : std::move(batch.changes).take()) {
         Change change;
         change.identifier = std::move(one.identifier);
         if (one.item) change.item = itemOf(std::move(*one.item));

@@ -1,5 +1,6 @@
 #include "host/ConfinedSession.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "hostframework/HostError.h"
@@ -103,9 +104,14 @@ Result<session::ChangeBatch> ConfinedSession::changes(const ItemIdentifier& cont
     auto batch = session_->changes(container, anchor);
     if (!batch) return batch;
     const auto library = library_();
-    for (session::Change& change : batch->changes) {
-        // Went elsewhere since it was told of.
-        if (change.item && !holds(library, *change.item)) change.item.reset();
+    auto isElsewhere = [&](const session::Change& change) { return change.item && !holds(library, *change.item); };
+    if (std::ranges::any_of(batch->changes, isElsewhere)) {
+        // It went since it was told of.
+        auto changes = std::move(batch->changes).take();
+        for (auto& change : changes) {
+            if (isElsewhere(change)) change.item.reset();
+        }
+        batch->changes = std::move(changes);
     }
     return batch;
 }

@@ -141,17 +141,17 @@ Result<session::ChangeBatch> LocalSession::ownChanges(const ItemIdentifier& cont
             auto batch = changesSince(enumerator, anchor);
             if (!batch) return failure(batch.error());
             keep = EnumeratorPool::Keep::always;
-            session::ChangeBatch told{{}, std::move(batch->anchor), batch->moreComing};
-            told.changes.reserve(batch->reports.size());
+            std::vector<session::Change> told;
+            told.reserve(batch->reports.size());
             for (auto& report : batch->reports) {
                 if (report.updated) {
                     auto item = recordOf(*report.updated, context_.roots());
-                    told.changes.push_back({item.identifier, std::move(item)});
+                    told.push_back({item.identifier, std::move(item)});
                 } else {
-                    told.changes.push_back({std::move(*report.deleted), std::nullopt});
+                    told.push_back({std::move(*report.deleted), std::nullopt});
                 }
             }
-            return told;
+            return session::ChangeBatch{std::move(told), std::move(batch->anchor), batch->moreComing};
         });
 }
 

@@ -30,8 +30,8 @@ public:
     using Ask = std::function<Result<session::ChangeBatch>()>;
     using CurrentAnchor = std::function<Result<std::optional<Bytes>>()>;
 
-    /// What `ask` answers, or answered another client. It is asked on this thread, or another client's asking is waited
-    /// for.
+    /// What `ask` answers, or answered another client, whose list it is then (and what that was packed to). It is asked
+    /// on this thread, or another client's asking is waited for.
     Result<session::ChangeBatch> changes(const Identifier& container, const Bytes& anchor,
                                          const CurrentAnchor& currentAnchor, const Ask& ask);
 

@@ -8,6 +8,7 @@
 
 #include "platform/base/Descriptor.h"
 #include "platform/base/Result.h"
+#include "session/ChangeList.h"
 #include "session/Item.h"
 #include "session/JobControl.h"
 #include "session/Status.h"
@@ -29,15 +30,9 @@ struct Page {
     std::optional<Bytes> next;  ///< asks for the page after it; nothing after the last one
 };
 
-/// One report of a request for changes.
-struct Change {
-    ItemIdentifier identifier;
-    std::optional<Item> item;  ///< as it is now; nothing when it is gone
-};
-
 struct ChangeBatch {
-    std::vector<Change> changes;  ///< in the order in which they have to be applied
-    Bytes anchor;                 ///< from which the next request goes on
+    ChangeList changes;
+    Bytes anchor;  ///< from which the next request goes on
     bool moreComing = false;
 };
 

@@ -53,7 +53,7 @@ TEST_F(SessionOverTheBusTest, TheServiceSaysWhoItIs) {
     EXPECT_EQ(info.programVersion, "1.2.3");
     EXPECT_EQ(info.storageRoot, "/home/p/Docu\xffments");
     EXPECT_EQ(info.stateDirectory, "/home/p/state");
-    EXPECT_EQ(info.interfaceVersion, 2U);
+    EXPECT_EQ(info.interfaceVersion, 3U);
 }
 
 TEST_F(SessionOverTheBusTest, ItemsComeWithEveryFieldAndTheirErrorsWithEveryDetail) {
@@ -124,6 +124,22 @@ TEST_P(ListsOverTheBusTest, AnchorsAndChanges) {
     }
     EXPECT_EQ(batch->anchor, Bytes({1, 2}));
     EXPECT_TRUE(batch->moreComing);
+}
+
+TEST_P(ListsOverTheBusTest, LongOnes) {
+    session_->page = session::Page{std::vector<session::Item>(500, fullItem()), Bytes{1}};
+    const auto page = client_->enumerate("root", std::nullopt);
+    ASSERT_TRUE(page);
+    EXPECT_EQ(page->items, session_->page->items);
+    EXPECT_EQ(page->next, Bytes{1});
+    session_->batch =
+        session::ChangeBatch{std::vector<session::Change>(500, session::Change{"did=17", fullItem()}), {1, 2}, false};
+    const auto batch = client_->changes("root", {});
+    ASSERT_TRUE(batch);
+    ASSERT_EQ(batch->changes.size(), 500U);
+    for (const auto& change : batch->changes) EXPECT_EQ(change.item, fullItem());
+    EXPECT_EQ(batch->anchor, Bytes({1, 2}));
+    EXPECT_FALSE(batch->moreComing);
 }
 
 TEST_F(SessionOverTheBusTest, ADescriptorArrivesOpen) {

@@ -38,10 +38,9 @@ protected:
     Result<ChangeBatch> ask(int from) {
         return ask(from, [this, from]() -> Result<ChangeBatch> {
             const int to = std::min(from + 10, last_);
-            ChangeBatch batch{{}, anchor(to), to < last_};
-            for (int i = from; i < to; ++i)
-                batch.changes.push_back({std::to_string(version_) + ":" + std::to_string(i), {}});
-            return batch;
+            std::vector<session::Change> changes;
+            for (int i = from; i < to; ++i) changes.push_back({std::to_string(version_) + ":" + std::to_string(i), {}});
+            return ChangeBatch{std::move(changes), anchor(to), to < last_};
         });
     }
     /// The identifiers of all that is told from there on.
@@ -126,11 +125,11 @@ TEST_F(SharedChangesTest, WhoAsksMeanwhileWaitsForTheAnswer) {
         mayAnswer.wait();
         return ChangeBatch{{{"slow", {}}}, anchor(20), true};
     };
-    std::thread first([&] { EXPECT_EQ(ask(10, slow)->changes.at(0).identifier, "slow"); });
+    std::thread first([&] { EXPECT_EQ(ask(10, slow)->changes[0].identifier, "slow"); });
     isAsked.wait();
     std::vector<std::thread> others;
     for (int i = 0; i < 4; ++i) {
-        others.emplace_back([&] { EXPECT_EQ(ask(10)->changes.at(0).identifier, "slow"); });
+        others.emplace_back([&] { EXPECT_EQ(ask(10)->changes[0].identifier, "slow"); });
     }
     while (currentAsked_ < 4) std::this_thread::yield();
     mayAnswer.count_down();

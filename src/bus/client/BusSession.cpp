@@ -7,6 +7,7 @@
 #include "bus/client/Calls.h"
 #include "bus/wire/Names.h"
 #include "bus/wire/Packed.h"
+#include "bus/wire/Parcel.h"
 #include "bus/wire/Pictures.h"
 #include "bus/wire/Records.h"
 
@@ -83,7 +84,7 @@ struct PackedAnswer {
 
     static PackedAnswer read(Reader& reader) {
         PackedAnswer answer;
-        answer.packed = reader.bytes(kLongestPacked);
+        answer.packed = Parcel::read(reader);
         answer.next = reader.bytes(kLongestText);
         return answer;
     }

@@ -6,8 +6,10 @@
 
 #include "bus/wire/Names.h"
 #include "bus/wire/Packed.h"
+#include "bus/wire/Parcel.h"
 #include "bus/wire/Pictures.h"
 #include "bus/wire/Records.h"
+#include "bus/wire/SealedFile.h"
 
 namespace tarnwell::bus {
 namespace {
@@ -43,7 +45,8 @@ Answer answerTo(Result<Descriptor> descriptor) {
 Answer answerTo(const Session::Each<Bytes>& pictures) {
     std::vector<Result<Descriptor>> files;
     for (const auto& picture : pictures) {
-        files.push_back(picture ? sealedFile(*picture) : Result<Descriptor>(failure(picture.error())));
+        files.push_back(picture ? sealedFile("tarnwell-picture", *picture)
+                                : Result<Descriptor>(failure(picture.error())));
     }
     return WriteAnswer([files = std::move(files)](Writer& writer) { writePictures(writer, files); });
 }
@@ -51,16 +54,21 @@ Answer answerTo(const Session::Each<Bytes>& pictures) {
 /// The packing is done by the worker, while the connection's thread serves others.
 Answer packed(Result<session::Page> page) {
     if (!page) return failure(page.error());
-    return WriteAnswer([items = packItems(page->items), next = std::move(page->next)](Writer& writer) {
-        writer.bytes(items).bytes(next.value_or(Bytes{}));
+    return WriteAnswer([items = Parcel(packItems(page->items)), next = std::move(page->next)](Writer& writer) {
+        items.write(writer);
+        writer.bytes(next.value_or(Bytes{}));
     });
 }
 
+Parcel parcelOf(const std::vector<session::Change>& changes) { return Parcel(packChanges(changes)); }
+
 Answer packed(Result<session::ChangeBatch> batch) {
     if (!batch) return failure(batch.error());
-    return WriteAnswer(
-        [changes = packChanges(batch->changes), anchor = std::move(batch->anchor),
-         more = batch->moreComing](Writer& writer) { writer.bytes(changes).bytes(anchor).boolean(more); });
+    (void)batch->changes.inForm(parcelOf);
+    return WriteAnswer([batch = std::move(*batch)](Writer& writer) {
+        batch.changes.inForm(parcelOf).write(writer);
+        writer.bytes(batch.anchor).boolean(batch.moreComing);
+    });
 }
 
 /// Empty bytes stand for none.
@@ -113,7 +121,7 @@ constexpr std::array kMethods = {
                    return answer(session.enumerate(container, page));
                };
            }},
-    Method{{"EnumeratePacked", "say", "container page", "ayay", "items nextPage"},
+    Method{{"EnumeratePacked", "say", "container page", "ayahay", "items itemsFile nextPage"},
            [](Reader& reader) -> Work {
                auto container = reader.string();
                return [container = std::move(container), page = readToken(reader)](Session& session) {
@@ -133,7 +141,7 @@ constexpr std::array kMethods = {
                    return answer(session.changes(container, anchor));
                };
            }},
-    Method{{"ChangesPacked", "say", "container anchor", "ayayb", "changes anchor moreComing"},
+    Method{{"ChangesPacked", "say", "container anchor", "ayahayb", "changes changesFile anchor moreComing"},
            [](Reader& reader) -> Work {
                auto container = reader.string();
                return [container = std::move(container), anchor = reader.bytes(kLongestText)](Session& session) {

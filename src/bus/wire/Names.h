@@ -12,10 +12,10 @@ inline constexpr const char* kInterface = "org.tarnwell.Host1";
 inline constexpr const char* kJobPrefix = "/org/tarnwell/Host1/jobs";
 inline constexpr const char* kJobInterface = "org.tarnwell.Job1";
 /// Grows with what is added.
-inline constexpr std::uint32_t kInterfaceVersion = 2;
+inline constexpr std::uint32_t kInterfaceVersion = 3;
 
-/// The first version with EnumeratePacked and ChangesPacked.
-inline constexpr std::uint32_t kPackedSince = 2;
+/// The first version with EnumeratePacked and ChangesPacked as they are.
+inline constexpr std::uint32_t kPackedSince = 3;
 
 /// The most that one request may name; more is refused.
 inline constexpr std::size_t kMostPerRequest = 1000;

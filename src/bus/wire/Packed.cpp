@@ -1,5 +1,6 @@
 #include "bus/wire/Packed.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <utility>
@@ -20,6 +21,8 @@ using session::Item;
 constexpr std::size_t kVariant = Packer::kVariant;
 /// About the bytes of one item, generously.
 constexpr std::size_t kUsualItem = 800;
+/// About the least that a real one takes; room is made at once for no more of them than the bytes can hold.
+constexpr std::size_t kLeastItem = 64;
 /// So many times the items of a page, and of a batch of changes.
 constexpr std::size_t kMostPacked = 100'000;
 
@@ -251,6 +254,7 @@ Result<std::vector<T>> unpackList(ByteView packed, UnpackOne unpackOne) {
     PackedArray array(packed, kVariant, state);
     std::vector<T> list;
     const std::size_t count = array.count(kMostPacked);
+    list.reserve(std::min(count, packed.size() / kLeastItem));
     for (std::size_t i = 0; i < count && !state.failed(); ++i) unpackOne(array.next(), list.emplace_back(), state);
     if (state.failed()) return failure(posixError(EBADMSG, "the service's answer could not be read"));
     return list;
@@ -280,8 +284,7 @@ Result<std::vector<Change>> unpackChanges(ByteView packed) {
         const auto [identifier, dictionary] = pairIn(bytes, state);
         if (state.failed()) return;
         change.identifier = PackedValue(identifier, state).string();
-        Item item;
-        if (unpackItem(dictionary, item, state)) change.item = std::move(item);
+        if (!unpackItem(dictionary, change.item.emplace(), state)) change.item.reset();
     });
 }
 

@@ -216,7 +216,7 @@ session::Page readPage(Reader& reader) {
 }
 
 void write(Writer& writer, const session::ChangeBatch& batch) {
-    writeList(writer, "(sa{sv})", batch.changes, [&](const session::Change& change) {
+    writeList(writer, "(sa{sv})", batch.changes.all(), [&](const session::Change& change) {
         writer.open('r', "sa{sv}").string(change.identifier).open('a', kEntry);
         if (change.item) {
             Entries entries(writer);
