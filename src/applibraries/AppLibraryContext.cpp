@@ -22,13 +22,9 @@ AppLibraryContext::AppLibraryContext(items::Environment& environment, registry::
       workingSetCache_(environment.log, registry, pool, "working-set",
                        cacheURL(applicationSupport, "searchable-app-libraries.plist")),
       backgroundQueue_(dispatch::SerialQueue::create(pool, "tarnwell.app-library.background")),
-      services_{environment,
-                registry,
-                std::move(pool),
-                mainCache_,
-                workingSetCache_,
-                [this] { return sharedManager().versionToken(); },
-                [this] { return namesVersion_.load(); }},
+      services_{environment, registry,         std::move(pool),
+                mainCache_,  workingSetCache_, [this] { return sharedManager().versionToken(); }},
+      names_(environment_.log, cacheURL(applicationSupport, "app-library-names.plist")),
       directory_(*this) {
     environment_.appLibraries = &directory_;
 }
@@ -57,10 +53,34 @@ LocalAppLibraryManager* AppLibraryContext::sharedManagerUnlessLoading() {
 
 bool AppLibraryContext::refreshAppLibraries() { return applibraries::refreshAppLibraries(services_); }
 
-bool AppLibraryContext::renewNames() {
-    if (sharedManager().renewNames().empty()) return false;
-    ++namesVersion_;
-    return true;
+bool AppLibraryContext::renewNames(const std::string& languages, Look look) {
+    const std::lock_guard lock(namesMutex_);
+    LocalAppLibraryManager& shared = sharedManager();
+    const auto shown = shared.shownNames();
+    const auto now = look == Look::again ? shared.currentNames() : shown;
+    const bool areOthers = now != shown || names_.areOthers(languages, now);
+    if (areOthers && !beginGeneration()) return false;
+    // Noted last: after a crash in between they are told once more.
+    names_.note(languages, now);
+    return areOthers;
+}
+
+bool AppLibraryContext::beginGeneration() {
+    const bool begun = mainCache_.queue().sync([&] {
+        const AppLibraryRecords held = mainCache_.load();
+        if (held.records.empty()) return false;
+        const auto token = mainCache_.save(held.records, 0, TokenIncrement::yes);
+        if (!token) {
+            environment_.log.error("can't tell of other names of app libraries; " + describe(token.error()));
+            return false;
+        }
+        environment_.log.debug([&] {
+            return "app libraries have other names; main cache version token is now " + std::to_string(*token);
+        });
+        return true;
+    });
+    if (begun) sharedManager().upgradeFromMainCache(nullptr, IndexCleanup::no);
+    return begun;
 }
 
 std::vector<URL> AppLibraryContext::SharedDirectory::rootURLsForAppLibraries() const {

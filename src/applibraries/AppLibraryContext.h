@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "applibraries/AppLibraryServices.h"
+#include "applibraries/LibraryNames.h"
 #include "applibraries/LocalAppLibraryManager.h"
 
 namespace tarnwell::applibraries {
@@ -44,9 +45,12 @@ public:
 
     /// See applibraries::refreshAppLibraries.
     bool refreshAppLibraries();
-    /// Finds the applications that got other names since the shared manager made their items: a name makes no other
-    /// list, so nothing else tells of it. True when there are some; root enumerators tell of them from then on.
-    bool renewNames();
+    /// Whether names are those of the shared manager's items, or looked up again.
+    enum class Look { none, again };
+    /// Compares the libraries' names with those that they were last noted with. A name makes no other list to a
+    /// refresh, but to clients it is another item: where there are others, the same list becomes a new generation, so
+    /// that every anchor from before is answered as after an installation. True when it did.
+    bool renewNames(const std::string& languages, Look look);
 
 private:
     class SharedDirectory : public items::AppLibraryDirectory {
@@ -61,6 +65,8 @@ private:
         AppLibraryContext& context_;
     };
 
+    /// Writes the list down once more, with the next version token. False where there is none, or it cannot be.
+    bool beginGeneration();
     /// Null only on the thread that is loading it.
     LocalAppLibraryManager* sharedManagerUnlessLoading();
 
@@ -69,7 +75,8 @@ private:
     LocalAppLibraryCache workingSetCache_;
     std::shared_ptr<dispatch::SerialQueue> backgroundQueue_;
     AppLibraryServices services_;
-    std::atomic<std::uint64_t> namesVersion_{0};
+    std::mutex namesMutex_;
+    LibraryNames names_;
     SharedDirectory directory_;
     std::once_flag sharedOnce_;
     std::atomic<std::thread::id> loadingThread_{};

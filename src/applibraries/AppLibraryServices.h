@@ -18,8 +18,6 @@ struct AppLibraryServices {
     LocalAppLibraryCache& workingSetCache;
     /// The generation that the shared manager holds.
     std::function<std::uint64_t()> sharedVersionToken;
-    /// Grows when applications that have a library got other names.
-    std::function<std::uint64_t()> namesVersion;
 };
 
 }  // namespace tarnwell::applibraries

@@ -195,26 +195,22 @@ bool LocalAppLibraryManager::upgradeFromMainCache(hostframework::ChangeObserver*
     return true;
 }
 
-std::vector<hostframework::ItemIdentifier> LocalAppLibraryManager::renewNames() {
-    const auto before = generation();
-    const auto after = std::make_shared<AppLibraryGeneration>(*before);
-    std::vector<hostframework::ItemIdentifier> renewed;
-    for (const auto& [url, record] : before->bundleProxiesByRootURLs) {
+LibraryNames::Names LocalAppLibraryManager::shownNames() const {
+    LibraryNames::Names names;
+    for (const auto& [identifier, item] : generation()->appLibrariesByItemIDs) names[identifier] = item->filename();
+    return names;
+}
+
+LibraryNames::Names LocalAppLibraryManager::currentNames() const {
+    const auto held = generation();
+    LibraryNames::Names names;
+    for (const auto& [url, record] : held->bundleProxiesByRootURLs) {
         const auto identifier = items::appLibraryIdentifier(*record);
-        const AppLibraryItemPtr* item = before->appLibrariesByItemIDs.find(identifier);
-        const auto name = item ? record->localizedName() : std::nullopt;
-        if (!name || *name == (*item)->filename()) continue;
-        if (auto fresh = items::LocalAppLibraryItem::initFrom(services_.environment, *record)) {
-            after->appLibrariesByItemIDs.set(identifier, std::move(fresh));
-            renewed.push_back(identifier);
-        }
+        const AppLibraryItemPtr* item = held->appLibrariesByItemIDs.find(identifier);
+        // An application that is being removed has no name any more.
+        if (item) names[identifier] = record->localizedName().value_or((*item)->filename());
     }
-    if (renewed.empty()) return renewed;
-    queue_->sync([&] {
-        // One that was put in place meanwhile was made of the names of now.
-        if (generation_ == before) generation_ = after;
-    });
-    return renewed;
+    return names;
 }
 
 std::string LocalAppLibraryManager::description() const { return descriptionOf(*generation()); }

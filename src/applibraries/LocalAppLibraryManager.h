@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "applibraries/AppLibraryServices.h"
+#include "applibraries/LibraryNames.h"
 #include "applibraries/OrderedDictionary.h"
 #include "hostframework/ProviderEnumerator.h"
 #include "items/LocalItem.h"
@@ -73,8 +74,9 @@ public:
     /// index cleanup the call blocks until the host has answered (see deleteSearchableItemsOfDomains).
     bool upgradeFromMainCache(hostframework::ChangeObserver* observer, IndexCleanup indexCleanup);
 
-    /// Makes the items of applications anew that have another name by now; their identifiers.
-    std::vector<hostframework::ItemIdentifier> renewNames();
+    /// The names of the items held, and those that their applications have now.
+    LibraryNames::Names shownNames() const;
+    LibraryNames::Names currentNames() const;
 
     /// For log lines: the object, "SHARED" where it is, token, cache source, number of app libraries.
     std::string description() const;

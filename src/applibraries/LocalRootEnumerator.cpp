@@ -22,7 +22,6 @@ LocalRootEnumerator::LocalRootEnumerator(const fs::FSEnvironment& environment, c
       services_(services),
       container_(std::move(container)),
       enumQueue_(dispatch::SerialQueue::create(environment.pool, "tarnwell.root-enumerator.queue")),
-      namesVersion_(services.namesVersion()),
       appLibraryManager_(LocalAppLibraryManager::create(services, cacheSourceFor(container_),
                                                         LocalAppLibraryManager::Instance::own)) {}
 
@@ -52,7 +51,6 @@ void LocalRootEnumerator::enumerateItemsForObserver(const std::shared_ptr<hostfr
     items::LogSection section(log, "enumerate root items for " + container_);
     if (startingAtPage == hostframework::kInitialPageSortedByDate ||
         startingAtPage == hostframework::kInitialPageSortedByName) {
-        renewNames();
         const auto items = appLibraryManager_->appLibraryItems();
         observer->didEnumerateItems(items);
         log.debug([&] { return "discovered " + std::to_string(items.size()) + " app-libraries"; });
@@ -75,32 +73,7 @@ void LocalRootEnumerator::enumerateChangesForObserver(const std::shared_ptr<host
         observer->finishEnumeratingWithError(upToDate.error());
         return;
     }
-    tellOtherNames(*observer);
     localFileEnumerator()->enumerateChangesForObserver(observer, token->encode());
-}
-
-/// Brings the items up to the names that the applications have now, if some got other ones.
-void LocalRootEnumerator::renewNames() {
-    const std::uint64_t version = services_.namesVersion();
-    if (namesVersion_.exchange(version) == version) return;
-    auto renewed = appLibraryManager_->renewNames();
-    const std::lock_guard lock(mutex_);
-    untoldNames_.insert(untoldNames_.end(), renewed.begin(), renewed.end());
-}
-
-/// Anchors say nothing of names: only whoever keeps an enumerator is told, and is told once.
-void LocalRootEnumerator::tellOtherNames(hostframework::ChangeObserver& observer) {
-    renewNames();
-    std::vector<hostframework::ItemIdentifier> untold;
-    {
-        const std::lock_guard lock(mutex_);
-        untold.swap(untoldNames_);
-    }
-    std::vector<hostframework::ProviderItemPtr> items;
-    for (const auto& identifier : untold) {
-        if (auto item = appLibraryManager_->appLibraryForItemIdentifier(identifier)) items.push_back(std::move(item));
-    }
-    if (!items.empty()) observer.didUpdateItems(items);
 }
 
 /// The version decision: leaves the token at the generation that the manager holds then, or fails with the error that

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -65,8 +64,6 @@ private:
                         hostframework::ItemIdentifier container);
     Result<void> bringUpToMainCache(hostframework::ChangeObserver& observer, fs::ChangeToken& token);
     bool upgrade(hostframework::ChangeObserver* observer);
-    void renewNames();
-    void tellOtherNames(hostframework::ChangeObserver& observer);
     Result<void> tellContentsOf(const std::vector<URL>& roots, const fs::ChangeToken& token);
     void updateMonitoredFolders();
     std::string stateText(std::uint64_t tokenVersion, std::uint64_t localVersion) const;
@@ -76,15 +73,11 @@ private:
     const AppLibraryServices services_;
     const hostframework::ItemIdentifier container_;
     const std::shared_ptr<dispatch::SerialQueue> enumQueue_;
-    /// Of the names in the manager's items; read before those are made.
-    std::atomic<std::uint64_t> namesVersion_;
     const std::shared_ptr<LocalAppLibraryManager> appLibraryManager_;
     /// Guards the fields below; nothing inside calls out.
     mutable std::mutex mutex_;
     std::shared_ptr<fs::LocalFileEnumerator> localFileEnumerator_;
     bool isRunning_ = false;
-    /// App libraries that got other names, of which no request for changes was told yet.
-    std::vector<hostframework::ItemIdentifier> untoldNames_;
 };
 
 }  // namespace tarnwell::applibraries

@@ -181,6 +181,7 @@ void ProgramContext::prepareForRequests() {
     // Documents are named through the shared manager, which starts with what the search index was last told of.
     const bool upgraded =
         parts_->appLibraries->sharedManager().upgradeFromMainCache(nullptr, applibraries::IndexCleanup::no);
+    renewNames(applibraries::AppLibraryContext::Look::none);
     // The provider's own look will find nothing to upgrade any more, so that whoever follows the working set is told
     // here.
     if (upgraded) parts_->providerManager->signalEnumeratorForContainer(hostframework::kWorkingSetContainer, {});
@@ -196,11 +197,13 @@ void ProgramContext::refreshApplications() {
     parts_->provider->refreshInstalledAppsWithCompletionHandler(
         [wait] { std::call_once(wait->once, [&] { wait->done.set_value(); }); });
     wait->done.get_future().wait();
-    renewNames();
+    renewNames(applibraries::AppLibraryContext::Look::again);
 }
 
-void ProgramContext::renewNames() {
-    if (!parts_->appLibraries->renewNames()) return;
+void ProgramContext::renewNames(applibraries::AppLibraryContext::Look look) {
+    std::string languages;
+    for (const std::string& language : parts_->registry->languages()) languages += language + ":";
+    if (!parts_->appLibraries->renewNames(languages, look)) return;
     for (const auto& container : {hostframework::kRootContainer, hostframework::kWorkingSetContainer}) {
         parts_->providerManager->signalEnumeratorForContainer(container, {});
     }
@@ -208,7 +211,7 @@ void ProgramContext::renewNames() {
 
 void ProgramContext::setLanguages(const std::vector<std::string>& languages) {
     if (!parts_->registry->setLanguages(languages)) return;
-    parts_->appLibraries->backgroundQueue().async([this] { renewNames(); });
+    parts_->appLibraries->backgroundQueue().async([this] { renewNames(applibraries::AppLibraryContext::Look::again); });
 }
 
 const std::vector<registry::BundleRecordPtr>& ProgramContext::librariesAtStart() const {
@@ -233,7 +236,7 @@ Result<void> ProgramContext::beginWatching() {
                 const bool isNew = std::exchange(known, parts_->roots.generation()) != known;
                 parts_->appLibraries->backgroundQueue().async([this, isNew] {
                     if (isNew) (void)parts_->events->currentEventID({}, events::Interest::nothing);
-                    renewNames();
+                    renewNames(applibraries::AppLibraryContext::Look::again);
                 });
             });
     } else {

@@ -94,7 +94,7 @@ public:
 private:
     struct Parts;
     Result<void> beginWatching();
-    void renewNames();
+    void renewNames(applibraries::AppLibraryContext::Look look);
     explicit ProgramContext(std::unique_ptr<Parts> parts);
     std::unique_ptr<Parts> parts_;
 };

@@ -48,7 +48,8 @@ protected:
     void uninstall(const std::string& name) { ASSERT_EQ(std::remove(entryOf(name).c_str()), 0); }
 
     Settings settings() const {
-        const std::map<std::string, std::string> variables{{"HOME", home_}, {"XDG_DATA_DIRS", home_ + "/system"}};
+        const std::map<std::string, std::string> variables{
+            {"HOME", home_}, {"XDG_DATA_DIRS", home_ + "/system"}, {"LANG", language_}};
         auto result = Settings::from(testing::variables(variables), std::nullopt);
         EXPECT_TRUE(result);
         return *result;
@@ -132,6 +133,7 @@ protected:
     const std::string documents_ = home_ + "/Documents", notes_ = home_ + "/Apps/Notes/Documents",
                       maps_ = home_ + "/Apps/Maps/Documents";
     testing::CapturingLog log_;
+    std::string language_ = "C";
     std::unique_ptr<ProgramContext> context_;
 };
 

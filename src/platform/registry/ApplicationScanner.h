@@ -66,6 +66,7 @@ public:
     void trust(std::shared_ptr<const WatchState> watch);
     /// Names are read in these languages from now on; false where they are the ones already.
     bool setLanguages(const std::vector<std::string>& languages);
+    std::vector<std::string> languages() const { return entries()->languages; }
 
 private:
     using Found = std::map<std::string, Application>;

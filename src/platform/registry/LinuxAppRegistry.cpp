@@ -267,6 +267,8 @@ bool LinuxAppRegistry::setLanguages(const std::vector<std::string>& languages) {
     return state_->scanner.setLanguages(languages);
 }
 
+std::vector<std::string> LinuxAppRegistry::languages() const { return state_->scanner.languages(); }
+
 Result<std::unique_ptr<RegistryWatch>> LinuxAppRegistry::watch(std::function<void()> changed) {
     auto watch =
         RegistryWatch::create([state = state_] { return state->scanner.watchedFolders(); }, std::move(changed));

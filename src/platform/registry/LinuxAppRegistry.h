@@ -33,6 +33,7 @@ public:
     /// Names are given in these languages from now on (RegistrySources::languages); false where they are the ones that
     /// they are given in already. Any thread.
     bool setLanguages(const std::vector<std::string>& languages);
+    std::vector<std::string> languages() const;
 
     /// Tells soon after something changed of which the registry tells, as long as the watch lives. See RegistryWatch.
     Result<std::unique_ptr<RegistryWatch>> watch(std::function<void()> changed);
