@@ -1,10 +1,14 @@
 // Asks the service on a bus one question after the other, and prints for each how it ended: "enumerate did=1: ok", or
 // the error's name. A program of its own, so that it can be run in a sandbox.
-#include <cstdio>
+#include <unistd.h>
+
+#include <array>
 #include <functional>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "bus/client/BusSession.h"
 #include "bus/wire/Errors.h"
@@ -20,6 +24,42 @@ std::string outcomeOf(const Result<T>& result) {
     return result ? "ok" : tarnwell::bus::errorName(result.error());
 }
 
+constexpr std::string_view kWrittenInTheSandbox = "written in the sandbox";
+
+/// What an item's document holds, by the descriptor that the service opened.
+std::string contentOf(Session& session, const std::string& item) {
+    const auto opened = session.open(item, Session::Access::read);
+    if (!opened) return outcomeOf(opened);
+    std::array<char, 256> text{};
+    const ssize_t count = ::read(opened->get(), text.data(), text.size());
+    return count < 0 ? "cannot be read" : "ok " + std::string(text.data(), static_cast<std::size_t>(count));
+}
+
+std::string overwrite(Session& session, const std::string& item) {
+    const auto opened = session.open(item, Session::Access::readWrite);
+    if (!opened) return outcomeOf(opened);
+    const bool isWritten = ::ftruncate(opened->get(), 0) == 0 &&
+                           ::write(opened->get(), kWrittenInTheSandbox.data(), kWrittenInTheSandbox.size()) ==
+                               std::ssize(kWrittenInTheSandbox);
+    return isWritten ? "ok" : "cannot be written";
+}
+
+/// What changed since now, which is nothing.
+std::string changesSinceNow(Session& session, const std::string& container) {
+    const auto anchor = session.currentAnchor(container);
+    if (!anchor) return outcomeOf(anchor);
+    return outcomeOf(session.changes(container, anchor->value_or(tarnwell::Bytes())));
+}
+
+/// "ITEM" or "ITEM FOLDER"; no identifier has a blank.
+struct Move {
+    explicit Move(const std::string& text)
+        : item(text.substr(0, text.find(' '))),
+          folder(text.contains(' ') ? std::optional(text.substr(text.find(' ') + 1)) : std::nullopt) {}
+    std::string item;
+    std::optional<std::string> folder;
+};
+
 using Ask = std::function<std::string(Session&, const std::string&)>;
 
 const std::map<std::string, Ask>& questions() {
@@ -32,9 +72,12 @@ const std::map<std::string, Ask>& questions() {
         {"enumerate", [](Session& s, const std::string& i) { return outcomeOf(s.enumerate(i, {})); }},
         {"anchor", [](Session& s, const std::string& i) { return outcomeOf(s.currentAnchor(i)); }},
         {"changes", [](Session& s, const std::string& i) { return outcomeOf(s.changes(i, {1})); }},
+        {"changesSinceNow", changesSinceNow},
         {"watch", [](Session& s, const std::string& i) { return outcomeOf(s.watch(i, [] {})); }},
         {"open", [](Session& s, const std::string& i) { return outcomeOf(s.open(i, Session::Access::read)); }},
         {"write", [](Session& s, const std::string& i) { return outcomeOf(s.open(i, Session::Access::readWrite)); }},
+        {"read", contentOf},
+        {"overwrite", overwrite},
         {"makeFolder", [](Session& s, const std::string& i) { return outcomeOf(s.makeFolder("New", i)); }},
         {"rename", [](Session& s, const std::string& i) { return outcomeOf(s.rename(i, "Renamed.txt")); }},
         {"tag", [](Session& s, const std::string& i) { return outcomeOf(s.setTags(i, {"t"})); }},
@@ -53,12 +96,14 @@ const std::map<std::string, Ask>& questions() {
         {"restore",
          [](Session& s, const std::string& i) {
              JobControl job;
-             return outcomeOf(s.restore({i}, {}, job).at(0));
+             const Move move(i);
+             return outcomeOf(s.restore({move.item}, move.folder, job).at(0));
          }},
         {"move",
          [](Session& s, const std::string& i) {
              JobControl job;
-             return outcomeOf(s.move({i}, "#org.example.Notes", "Moved.txt", job).at(0));
+             const Move move(i);
+             return outcomeOf(s.move({move.item}, move.folder.value_or("#org.example.Notes"), "Moved.txt", job).at(0));
          }},
         {"delete",
          [](Session& s, const std::string& i) {
