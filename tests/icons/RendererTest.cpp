@@ -343,15 +343,26 @@ TEST(RenderProcess, SaysWhatIsMissing) {
 
 class IconRendererTest : public ::testing::Test {
 protected:
-    std::unique_ptr<ProcessIconRenderer> renderer(const std::string& program = kProgram, std::size_t maxFiles = 1000) {
+    std::unique_ptr<ProcessIconRenderer> renderer(const std::string& program = kProgram) {
         return std::make_unique<ProcessIconRenderer>(
-            ProcessIconRenderer::Options{program, folder_.path("cache/icons"), 60s, maxFiles}, log_);
+            ProcessIconRenderer::Options{program, folder_.path("cache/icons"), 60s, {}}, log_);
     }
     std::vector<std::string> kept() const {
         std::vector<std::string> paths;
         if (!files::exists(folder_.path("cache/icons"))) return paths;
         for (const auto& entry : files::directory_iterator(folder_.path("cache/icons"))) paths.push_back(entry.path());
         return paths;
+    }
+    /// Keeps the picture at a time of its own; the file system's clock ticks slower than a loop.
+    void keepAt(IconCache& cache, const std::string& key, const Bytes& picture, int second) {
+        cache.keep(key, picture);
+        const timespec times[2] = {{1'700'000'000 + second, 0}, {1'700'000'000 + second, 0}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, folder_.path("cache/icons/" + key).c_str(), times, 0), 0);
+    }
+    std::uintmax_t keptBytes() const {
+        std::uintmax_t bytes = 0;
+        for (const auto& path : kept()) bytes += files::file_size(path);
+        return bytes;
     }
     static constexpr const char* kNoProgram = "/nonexistent/renderer";
 
@@ -405,7 +416,7 @@ TEST_F(IconRendererTest, ACacheThatCannotBeWrittenIsDoneWithout) {
     testing::writeFile(folder_.path("cache"), "a file");
     EXPECT_TRUE(renderer()->createImage(svg("<g/>")));
     EXPECT_EQ(testing::readFile(folder_.path("cache")), "a file");
-    ProcessIconRenderer without({kProgram, "", 60s}, log_);
+    ProcessIconRenderer without({kProgram, "", 60s, {}}, log_);
     EXPECT_TRUE(without.createImage(svg("<g/>")));
     EXPECT_TRUE(log_.lines().empty());
 }
@@ -413,21 +424,58 @@ TEST_F(IconRendererTest, ACacheThatCannotBeWrittenIsDoneWithout) {
 TEST_F(IconRendererTest, TheCacheKeepsTheYoungestPicturesAndWhatIsNotIts) {
     testing::makeDirectories(folder_.path("cache/icons"));
     testing::writeFile(folder_.path("cache/icons/notes.txt"), "somebody's");
-    IconCache cache(folder_.path("cache/icons"), 8);
+    IconCache cache(folder_.path("cache/icons"), {.files = 8});
     const Bytes picture = bytesFrom(pngOf(48, 48));
     std::vector<std::string> keys;
     for (int i = 0; i < 20; ++i) {
         keys.push_back(IconCache::keyOf(svg("<g id=\"" + std::to_string(i) + "\"/>")));
-        cache.keep(keys.back(), picture);
-        // The file system's clock ticks slower than this loop.
-        const timespec times[2] = {{1'700'000'000 + i, 0}, {1'700'000'000 + i, 0}};
-        ASSERT_EQ(::utimensat(AT_FDCWD, folder_.path("cache/icons/" + keys.back()).c_str(), times, 0), 0);
+        keepAt(cache, keys.back(), picture, i);
         EXPECT_LE(kept().size(), 9u);
         EXPECT_TRUE(cache.find(keys.back(), 48));
     }
     for (int i = 0; i < 12; ++i) EXPECT_FALSE(cache.find(keys[static_cast<std::size_t>(i)], 48)) << i;
     for (std::size_t i = 15; i < 20; ++i) EXPECT_TRUE(cache.find(keys[i], 48)) << i;
     EXPECT_EQ(testing::readFile(folder_.path("cache/icons/notes.txt")), "somebody's");
+}
+
+TEST_F(IconRendererTest, TheCacheKeepsSoManyBytesAndNoMore) {
+    const Bytes picture = bytesFrom(pngOf(48, 48));
+    const std::size_t room = picture.size() * 8;
+    IconCache cache(folder_.path("cache/icons"), {.bytes = room});
+    std::vector<std::string> keys;
+    for (int i = 0; i < 20; ++i) {
+        keys.push_back(IconCache::keyOf(svg("<g id=\"" + std::to_string(i) + "\"/>")));
+        keepAt(cache, keys.back(), picture, i);
+        EXPECT_LE(keptBytes(), room);
+        if (i < 8) {
+            EXPECT_EQ(kept().size(), keys.size()) << "there is room";
+        }
+        EXPECT_TRUE(cache.find(keys.back(), 48));
+    }
+    for (std::size_t i = 0; i < 12; ++i) EXPECT_FALSE(cache.find(keys[i], 48)) << i;
+    for (std::size_t i = 15; i < 20; ++i) EXPECT_TRUE(cache.find(keys[i], 48)) << i;
+    // What is there already takes no more room when it is kept again.
+    const auto before = kept().size();
+    cache.keep(keys.back(), picture);
+    EXPECT_EQ(kept().size(), before);
+}
+
+TEST_F(IconRendererTest, WhoAsksForOneIconInEverySizeLeavesTheOthersAlone) {
+    IconCache cache(folder_.path("cache/icons"), {.files = 20, .sizesOfAnIcon = 3});
+    std::vector<std::string> others;
+    for (int i = 0; i < 5; ++i) {
+        others.push_back(IconCache::keyOf(svg("<g id=\"" + std::to_string(i) + "\"/>")));
+        keepAt(cache, others.back(), bytesFrom(pngOf(48, 48)), i);
+    }
+    const auto keyAt = [](unsigned side) { return IconCache::keyOf(svg("<a/>", side)); };
+    for (unsigned side = 1; side <= 100; ++side) {
+        keepAt(cache, keyAt(side), bytesFrom(pngOf(side, side)), 100 + static_cast<int>(side));
+        EXPECT_LE(kept().size(), others.size() + 3);
+        for (unsigned one = 1; one <= side; ++one) {
+            EXPECT_EQ(cache.find(keyAt(one), one).has_value(), one + 3 > side) << one << " of " << side;
+        }
+    }
+    for (const auto& other : others) EXPECT_TRUE(cache.find(other, 48));
 }
 
 TEST_F(IconRendererTest, WhatCannotBeDrawnIsTriedOnceAndSaidInTheLog) {

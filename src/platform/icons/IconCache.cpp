@@ -38,6 +38,7 @@ bool isOurs(std::string_view name) {
 struct KeptFile {
     std::string name;
     timespec modified{};
+    std::size_t bytes = 0;
 };
 
 bool isOlder(const KeptFile& a, const KeptFile& b) {
@@ -66,28 +67,45 @@ std::optional<Bytes> IconCache::find(const std::string& key, unsigned pixels) co
 void IconCache::keep(const std::string& key, ByteView png) {
     if (folder_.empty() || !filesystem::createDirectories(folder_)) return;
     const std::lock_guard lock(roomMutex_);
-    makeRoom();
+    makeRoom(key, png.size());
     (void)filesystem::writeFileAtomically(pathOf(key), png, filesystem::Durability::none);
 }
 
-void IconCache::makeRoom() const {
+void IconCache::makeRoom(const std::string& key, std::size_t bytes) const {
     const std::unique_ptr<DIR, FolderCloser> folder(opendir(folder_.c_str()));
     if (!folder) return;
+    const int directory = dirfd(folder.get());
     std::vector<KeptFile> files;
+    std::size_t allBytes = bytes;
     while (const dirent* entry = readdir(folder.get())) {
-        if (isOurs(entry->d_name)) files.push_back({entry->d_name, {}});
-    }
-    if (files.size() < maxFiles_) return;
-    for (KeptFile& file : files) {
+        // What it takes the place of needs no room.
+        if (!isOurs(entry->d_name) || key == entry->d_name) continue;
         struct stat status{};
-        if (fstatat(dirfd(folder.get()), file.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
-            file.modified = status.st_mtim;
-        }
+        if (fstatat(directory, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        files.push_back({entry->d_name, status.st_mtim, static_cast<std::size_t>(status.st_size)});
+        allBytes += files.back().bytes;
     }
-    const std::size_t kept = maxFiles_ - std::max<std::size_t>(maxFiles_ / 4, 1);
-    const std::size_t leaving = files.size() - kept;
-    std::ranges::partial_sort(files, files.begin() + static_cast<std::ptrdiff_t>(leaving), isOlder);
-    for (std::size_t i = 0; i < leaving; ++i) unlinkat(dirfd(folder.get()), files[i].name.c_str(), 0);
+    std::ranges::sort(files, isOlder);
+    const auto isOfThisIcon = [&](const KeptFile& file) {
+        return file.name.starts_with(std::string_view(key).substr(0, kChecksumCharacters));
+    };
+    const auto remove = [&](const KeptFile& file) {
+        unlinkat(directory, file.name.c_str(), 0);
+        allBytes -= file.bytes;
+    };
+    auto sizes = static_cast<std::size_t>(std::ranges::count_if(files, isOfThisIcon));
+    std::erase_if(files, [&](const KeptFile& file) {
+        if (sizes < limits_.sizesOfAnIcon || !isOfThisIcon(file)) return false;
+        --sizes;
+        remove(file);
+        return true;
+    });
+    if (files.size() < limits_.files && allBytes <= limits_.bytes) return;
+    const std::size_t keptFiles = limits_.files - std::max<std::size_t>(limits_.files / 4, 1);
+    const std::size_t keptBytes = limits_.bytes - limits_.bytes / 4;
+    for (std::size_t i = 0; i < files.size() && (files.size() - i > keptFiles || allBytes > keptBytes); ++i) {
+        remove(files[i]);
+    }
 }
 
 }  // namespace tarnwell::icons

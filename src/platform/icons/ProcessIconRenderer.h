@@ -20,11 +20,11 @@ public:
         std::string program;      ///< path of tarnwell-render-icon
         std::string cacheFolder;  ///< "" for no cache
         std::chrono::milliseconds patience{5000};
-        std::size_t maxCachedFiles = IconCache::kDefaultMaxFiles;
+        IconCache::Limits cacheLimits{};
     };
     /// What cannot be drawn is said at the debug level; the log outlives the renderer.
     ProcessIconRenderer(Options options, log::Log& log)
-        : options_(std::move(options)), log_(log), cache_(options_.cacheFolder, options_.maxCachedFiles) {}
+        : options_(std::move(options)), log_(log), cache_(options_.cacheFolder, options_.cacheLimits) {}
 
     /// The path of tarnwell-render-icon for the running program.
     static std::string programBesideThisOne();
