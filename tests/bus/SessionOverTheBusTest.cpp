@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <latch>
+#include <memory>
 #include <thread>
 
 #include "tests/bus/BusFixture.h"
@@ -336,11 +337,16 @@ TEST_F(SessionOverTheBusTest, WithoutABusThereIsNoSession) {
 }
 
 TEST_F(SessionOverTheBusTest, WhatIsUnderWayCanBeGivenUp) {
-    std::latch isAsked(1), mayAnswer(1);
-    session_->onRequest = [&](const std::string& name) {
+    // The server may be at the given up request for longer than this test is.
+    struct Moments {
+        std::atomic<bool> isFirst = true;
+        std::latch isAsked{1}, mayAnswer{1};
+    };
+    const auto moments = std::make_shared<Moments>();
+    session_->onRequest = [moments](const std::string& name) {
         if (!name.starts_with("changes")) return;
-        isAsked.count_down();
-        mayAnswer.wait();
+        if (moments->isFirst.exchange(false)) moments->isAsked.count_down();
+        moments->mayAnswer.wait();
     };
     session_->batch = session::ChangeBatch{};
     const auto other = connect();
@@ -348,14 +354,13 @@ TEST_F(SessionOverTheBusTest, WhatIsUnderWayCanBeGivenUp) {
         const auto batch = client_->changes("root", {});
         EXPECT_TRUE(!batch && batch.error().is(ErrorDomain::posix, ECANCELED));
     });
-    isAsked.wait();
+    moments->isAsked.wait();
     client_->giveUp();
     asking.join();
     const auto later = client_->currentAnchor("root");
     EXPECT_TRUE(!later && later.error().is(ErrorDomain::posix, ECANCELED));
     // The answer that comes afterwards is nobody's, and others are served.
-    mayAnswer.count_down();
-    session_->onRequest = {};
+    moments->mayAnswer.count_down();
     EXPECT_TRUE(other->changes("root", {}));
 }
 
