@@ -170,7 +170,9 @@ Result<Item> ScriptedSession::defaultContainer(const std::string& bundleIdentifi
 Result<session::SearchResult> ScriptedSession::search(const session::SearchRequest& request,
                                                       const std::function<void(std::uint64_t)>&) {
     note("search", {request.query, joined(request.types), joined(request.tags), request.below.value_or("none"),
-                    request.order == session::SearchRequest::Order::newestFirst ? "newest" : "relevance",
+                    request.order == session::SearchRequest::Order::newestFirst ? "newest"
+                    : request.order == session::SearchRequest::Order::byName    ? "by name of " + request.locale
+                                                                                : "relevance",
                     request.withTrashed ? "trashed" : "untrashed", std::to_string(request.limit)});
     return found;
 }

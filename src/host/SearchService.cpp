@@ -84,8 +84,17 @@ Result<search::Search> SearchService::read(const session::SearchRequest& request
         return wrongQuery("nothing is looked for; name a word, a tag or a type");
     }
     search.withTrashed = request.withTrashed;
-    search.order = request.order == session::SearchRequest::Order::newestFirst ? search::Order::newestFirst
-                                                                               : search::Order::relevance;
+    switch (request.order) {
+        case session::SearchRequest::Order::relevance:
+            break;
+        case session::SearchRequest::Order::newestFirst:
+            search.order = search::Order::newestFirst;
+            break;
+        case session::SearchRequest::Order::byName:
+            search.order = search::Order::byName;
+            search.names = names_.of(request.locale);
+            break;
+    }
     if (request.below) {
         if (auto added = addPlace(*request.below, search.below); !added) return failure(added.error());
     }

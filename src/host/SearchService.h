@@ -2,6 +2,7 @@
 
 #include <functional>
 
+#include "host/NameOrders.h"
 #include "host/ProgramContext.h"
 #include "platform/search/Finder.h"
 #include "session/Session.h"
@@ -27,6 +28,7 @@ private:
                                           const std::function<void(std::uint64_t)>& progress) const;
 
     ProgramContext& context_;
+    mutable NameOrders names_;
 };
 
 }  // namespace tarnwell::host

@@ -38,12 +38,13 @@ struct ChangeBatch {
 
 /// What a person or program looks for.
 struct SearchRequest {
-    enum class Order { relevance, newestFirst };
+    enum class Order { relevance, newestFirst, byName };
     std::string query;                    ///< in the language of platform/search/Query.h
     std::vector<std::string> types = {};  ///< as `type:` has them
     std::vector<std::string> tags = {};   ///< as `tag:` has them
     std::optional<ItemIdentifier> below = {};
     Order order = Order::relevance;
+    std::string locale = {};  ///< whose order of names; by their bytes for "" and an unknown one
     bool withTrashed = false;
     std::uint64_t limit = 100;  ///< 0: all
 };

@@ -286,6 +286,11 @@ TEST_F(SessionOverTheBusTest, TrashesPicturesApplicationsSearchAndStatus) {
     EXPECT_EQ(found->items[0].item, fullItem());
     EXPECT_EQ(found->items[0].place, "a/\xff");
     EXPECT_EQ(found->more, 41U);
+    (void)client_->search(
+        {.query = "x", .order = session::SearchRequest::Order::byName, .locale = "de_DE.UTF-8", .limit = 1}, {});
+    EXPECT_EQ(session_->requests().back(), "search x [] [] none by name of de_DE.UTF-8 untrashed 1");
+    (void)client_->search({.query = "x", .order = session::SearchRequest::Order::byName, .locale = "\xff"}, {});
+    EXPECT_EQ(session_->requests().back(), "search x [] [] none by name of \xff untrashed 100");
     (void)client_->search({.query = "x"}, {});
     EXPECT_EQ(session_->requests().back(), "search x [] [] none relevance untrashed 100");
 

@@ -87,6 +87,9 @@ TEST_F(SearchVerbTest, SortsAndLimits) {
               (Texts{"s a.txt", "s b.txt", "s c.txt"}));
     EXPECT_EQ(names({"--json", "search", "s type:file", "--in", device_.document("Folder"), "--sort", "date"}).back(),
               "s c.txt");
+    EXPECT_EQ(names({"--json", "search", "s type:file", "--in", device_.document("Folder"), "--sort", "name", "--limit",
+                     "2"}),
+              (Texts{"s a.txt", "s b.txt"}));
     const auto limited = device_.run({"search", "--limit", "2", "--in", device_.document("Folder"), "s type:file"});
     EXPECT_EQ(limited.status, 0);
     EXPECT_EQ(limited.lines().size(), 3u);

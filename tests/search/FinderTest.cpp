@@ -197,6 +197,22 @@ TEST_F(FinderTest, WholeWordsComeBeforeBeginningsAndNewOnesBeforeOld) {
     EXPECT_EQ(ranked("type:file").front(), "art new.txt");
 }
 
+TEST_F(FinderTest, ByNameTheOrderIsThatOfTheLocale) {
+    Entry old = named("art b.txt"), young = named("art b.txt");
+    old.key = "1", old.modified = Date(1s);
+    young.key = "2", young.modified = Date(2s);
+    put({old, young, named("art c.txt"), named("Art a.txt"), named("art \xff.txt"), named("art .txt")});
+    const Texts byBytes{"Art a.txt", "art .txt", "art b.txt", "art b.txt", "art c.txt", "art \xff.txt"};
+    EXPECT_EQ(ranked("art", {.order = Order::byName}), byBytes);
+    EXPECT_EQ(ranked("type:file", {.order = Order::byName}), byBytes);
+    EXPECT_EQ(ranked("art", {.order = Order::byName, .names = NameOrder("no such locale")}), byBytes);
+    // Of equal names the newest comes first.
+    Search search{.query = *parseQuery("art b"), .order = Order::byName};
+    const auto hits = find(*table_, search);
+    ASSERT_TRUE(hits && hits->size() == 2U);
+    EXPECT_EQ(hits->front().key, "2");
+}
+
 TEST_F(FinderTest, AQueryWithoutALetterIsWrongUnlessSomethingElseIsLookedFor) {
     put(Texts{"foo & bar"});
     Search search;

@@ -318,6 +318,7 @@ void write(Writer& writer, const session::SearchRequest& request) {
     if (!request.tags.empty()) entries.texts("tags", request.tags);
     entries.maybeText("below", request.below);
     entries.boolean("newestFirst", request.order == session::SearchRequest::Order::newestFirst);
+    if (request.order == session::SearchRequest::Order::byName) entries.bytes("byName", request.locale);
     entries.boolean("withTrashed", request.withTrashed);
     writer.close().uint64(request.limit);
 }
@@ -330,6 +331,10 @@ session::SearchRequest readSearchRequest(Reader& reader) {
         if (key == "tags" && type == "aay") return request.tags = reader.texts(), true;
         if (key == "below" && type == "s") return request.below = reader.string(), true;
         if (key == "withTrashed" && type == "b") return request.withTrashed = reader.boolean(), true;
+        if (key == "byName" && type == "ay") {
+            request.order = session::SearchRequest::Order::byName;
+            return request.locale = reader.text(), true;
+        }
         if (key != "newestFirst" || type != "b") return false;
         if (reader.boolean()) request.order = session::SearchRequest::Order::newestFirst;
         return true;

@@ -6,11 +6,11 @@
 
 #include "cli/output/ItemJson.h"
 #include "cli/output/ItemText.h"
-#include "cli/output/NameOrder.h"
 #include "cli/output/Progress.h"
 #include "cli/output/Text.h"
 #include "cli/verbs/ItemArgument.h"
 #include "cli/verbs/Verb.h"
+#include "platform/base/NameOrder.h"
 #include "session/Listing.h"
 #include "session/OnlyOne.h"
 

@@ -1,15 +1,14 @@
-#include <algorithm>
 #include <cerrno>
 #include <nlohmann/json.hpp>
 
 #include "cli/output/Complaint.h"
 #include "cli/output/ItemJson.h"
 #include "cli/output/ItemText.h"
-#include "cli/output/NameOrder.h"
 #include "cli/output/Progress.h"
 #include "cli/output/Text.h"
 #include "cli/verbs/ItemArgument.h"
 #include "cli/verbs/Verb.h"
+#include "platform/base/NameOrder.h"
 #include "platform/search/Query.h"
 #include "session/OnlyOne.h"
 
@@ -99,10 +98,12 @@ private:
         request.types = types_;
         request.tags = tags_;
         request.withTrashed = trashed_;
-        request.order =
-            sort_ == "date" ? session::SearchRequest::Order::newestFirst : session::SearchRequest::Order::relevance;
-        // Which names come first only this side can tell, and of all.
-        request.limit = sort_ == "name" ? 0 : limit_;
+        request.limit = limit_;
+        if (sort_ == "date") request.order = session::SearchRequest::Order::newestFirst;
+        if (sort_ == "name") {
+            request.order = session::SearchRequest::Order::byName;
+            request.locale = NameOrder::localeOfSession();
+        }
         return {};
     }
 
@@ -124,18 +125,11 @@ private:
         return place != error.userInfo.end() ? failureOf(kWhat, place->second, error) : failureOf(error);
     }
 
-    Result<session::SearchResult> find(session::Session& session, const session::SearchRequest& request) const {
+    static Result<session::SearchResult> find(session::Session& session, const session::SearchRequest& request) {
         Progress progress;
-        auto found = session.search(request, [&](std::uint64_t count) {
+        return session.search(request, [&](std::uint64_t count) {
             progress.show("making the search index: " + grouped(count) + " items");
         });
-        if (!found || sort_ != "name") return found;
-        auto& items = found->items;
-        std::ranges::stable_sort(items, NameOrder(), [](const auto& one) -> auto& { return one.item.filename; });
-        if (limit_ == 0 || items.size() <= limit_) return found;
-        found->more += items.size() - limit_;
-        items.resize(limit_);
-        return found;
     }
 
     static void show(Invocation& invocation, const session::SearchResult& found) {

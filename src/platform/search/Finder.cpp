@@ -1,5 +1,6 @@
 #include "platform/search/Finder.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "platform/search/Words.h"
@@ -130,7 +131,7 @@ std::string statementFor(const Search& search, const Expressions& expressions, c
     if (const std::string none = expressions.of(excluded, " OR "); !none.empty()) {
         text += " AND e.id NOT IN (SELECT rowid FROM words WHERE words MATCH " + sql.bindExpression(none) + ")";
     }
-    const bool isRanked = search.order == Order::relevance && !match.empty();
+    const bool isRanked = search.order != Order::newestFirst && !match.empty();
     // A name counts more than its parts, which hold the same again.
     return text + " ORDER BY " + (isRanked ? "bm25(words, 10.0, 5.0, 8.0), " : "") + "e.modified DESC, e.key";
 }
@@ -152,6 +153,7 @@ Result<std::vector<Hit>> find(EntryTable& table, const Search& search) {
     while (statement.step()) hits.push_back({std::string(statement.bytesAt(0)), std::string(statement.bytesAt(1))});
     statement.reset();
     if (auto checked = table.check(); !checked) return failure(checked.error());
+    if (search.order == Order::byName) std::ranges::stable_sort(hits, search.names, &Hit::name);
     return hits;
 }
 

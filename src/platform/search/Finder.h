@@ -3,13 +3,14 @@
 #include <string>
 #include <vector>
 
+#include "platform/base/NameOrder.h"
 #include "platform/base/Result.h"
 #include "platform/search/EntryTable.h"
 #include "platform/search/Query.h"
 
 namespace tarnwell::search {
 
-enum class Order { relevance, newestFirst };
+enum class Order { relevance, newestFirst, byName };
 
 struct Search {
     Query query = {};
@@ -18,6 +19,7 @@ struct Search {
     std::vector<std::string> below = {}, notBelow = {};
     bool withTrashed = false;
     Order order = Order::relevance;
+    NameOrder names{"C"};  ///< for Order::byName
 };
 
 struct Hit {
@@ -29,6 +31,7 @@ struct Hit {
 ///
 /// Words stand in names and tags, accents and case folded; of several matches those come first that have the words
 /// whole, in a short name and rarely elsewhere. Equal ones, and those of a query without words, come the newest first.
+/// By name, equal names come in that order.
 /// A type is "folder", "file" (no folder), a type ("text/plain", "image/*"), one of its halves ("image", "pdf") or what
 /// a name ends in ("odt"). EINVAL with a sentence for people where no word of a query has a letter, a digit or a sign.
 Result<std::vector<Hit>> find(EntryTable& table, const Search& search);

@@ -241,7 +241,8 @@ void HostileCalls::appendBytes(sd_bus_message* call, const std::vector<std::uint
 
 /// Entries twice, of other types than they have, unknown ones by the thousand.
 void HostileCalls::appendOptions(sd_bus_message* call) {
-    static const std::vector<std::string> names = {"types", "tags", "below", "newestFirst", "withTrashed", "", "else"};
+    static const std::vector<std::string> names = {"types",  "tags",        "below", "newestFirst",
+                                                   "byName", "withTrashed", "",      "else"};
     sd_bus_message_open_container(call, 'a', "{sv}");
     for (std::size_t i = count(); i > 0; --i) {
         const std::string type = chance(30) ? "aay" : chance(30) ? "b" : randomType(3);

@@ -1,13 +1,22 @@
-#include "cli/output/NameOrder.h"
+#include "platform/base/NameOrder.h"
 
 #include <string.h>
 
 #include <algorithm>
+#include <cstdlib>
 
-namespace tarnwell::cli {
+namespace tarnwell {
 
-NameOrder::NameOrder() {
-    if (const locale_t locale = ::newlocale(LC_COLLATE_MASK, "", nullptr)) locale_.reset(locale, ::freelocale);
+std::string NameOrder::localeOfSession() {
+    for (const char* name : {"LC_ALL", "LC_COLLATE", "LANG"}) {
+        if (const char* value = std::getenv(name); value != nullptr && *value != '\0') return value;
+    }
+    return "C";
+}
+
+NameOrder::NameOrder(const std::string& locale) {
+    const std::string& name = locale.empty() ? "C" : locale;
+    if (const locale_t made = ::newlocale(LC_COLLATE_MASK, name.c_str(), nullptr)) locale_.reset(made, ::freelocale);
 }
 
 bool NameOrder::operator()(std::string_view first, std::string_view second) const {
@@ -28,4 +37,4 @@ int NameOrder::compare(const std::string& a, const std::string& b) const {
     return a.compare(b);
 }
 
-}  // namespace tarnwell::cli
+}  // namespace tarnwell
