@@ -22,8 +22,13 @@ AppLibraryContext::AppLibraryContext(items::Environment& environment, registry::
       workingSetCache_(environment.log, registry, pool, "working-set",
                        cacheURL(applicationSupport, "searchable-app-libraries.plist")),
       backgroundQueue_(dispatch::SerialQueue::create(pool, "tarnwell.app-library.background")),
-      services_{environment, registry,         std::move(pool),
-                mainCache_,  workingSetCache_, [this] { return sharedManager().versionToken(); }},
+      services_{environment,
+                registry,
+                std::move(pool),
+                mainCache_,
+                workingSetCache_,
+                [this] { return sharedManager().versionToken(); },
+                [this] { return isSharedMade_.load() ? shared_.get() : nullptr; }},
       names_(environment_.log, cacheURL(applicationSupport, "app-library-names.plist")),
       directory_(*this) {
     environment_.appLibraries = &directory_;
@@ -47,6 +52,7 @@ LocalAppLibraryManager* AppLibraryContext::sharedManagerUnlessLoading() {
         shared_ = LocalAppLibraryManager::create(services_, CacheSource::workingSet,
                                                  LocalAppLibraryManager::Instance::shared);
         loadingThread_.store({});
+        isSharedMade_ = true;
     });
     return shared_.get();
 }

@@ -80,6 +80,7 @@ private:
     SharedDirectory directory_;
     std::once_flag sharedOnce_;
     std::atomic<std::thread::id> loadingThread_{};
+    std::atomic<bool> isSharedMade_ = false;
     std::shared_ptr<LocalAppLibraryManager> shared_;
 };
 

@@ -9,6 +9,8 @@
 
 namespace tarnwell::applibraries {
 
+class LocalAppLibraryManager;
+
 /// What the managers of app libraries work with. Owned by AppLibraryContext, which outlives every manager.
 struct AppLibraryServices {
     const items::Environment& environment;
@@ -18,6 +20,8 @@ struct AppLibraryServices {
     LocalAppLibraryCache& workingSetCache;
     /// The generation that the shared manager holds.
     std::function<std::uint64_t()> sharedVersionToken;
+    /// The shared manager, once it is there; null before.
+    std::function<LocalAppLibraryManager*()> sharedIfMade;
 };
 
 }  // namespace tarnwell::applibraries

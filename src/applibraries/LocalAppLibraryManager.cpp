@@ -77,8 +77,14 @@ std::shared_ptr<AppLibraryGeneration> LocalAppLibraryManager::build(const AppLib
                                                                     std::string_view failureText) const {
     auto generation = std::make_shared<AppLibraryGeneration>();
     generation->versionToken = records.versionToken;
+    // The shared manager looks at the names; the others show those, until it has others and with them another
+    // generation.
+    const LocalAppLibraryManager* names = instance_ == Instance::own ? services_.sharedIfMade() : nullptr;
+    const auto known = names ? names->generation() : nullptr;
     for (const registry::BundleRecordPtr& record : records.records) {
-        AppLibraryItemPtr item = items::LocalAppLibraryItem::initFrom(services_.environment, *record);
+        const auto* shown = known ? known->appLibrariesByItemIDs.find(items::appLibraryIdentifier(*record)) : nullptr;
+        AppLibraryItemPtr item = items::LocalAppLibraryItem::initFrom(
+            services_.environment, *record, shown ? std::optional((*shown)->filename()) : std::nullopt);
         if (!item) {
             services_.environment.log.debug([&] { return std::string(failureText) + record->description(); });
             generation->withoutItem.push_back(items::appLibraryIdentifier(*record));

@@ -10,10 +10,10 @@
 namespace tarnwell::host {
 
 /// The orders of names that clients asked for, by the names of their locales. The C library keeps each name that it was
-/// ever asked for, so it is asked for a few only. Any thread may call it.
+/// ever asked for, so it is asked for a limited number, by all clients together. Any thread may call it.
 class NameOrders {
 public:
-    static constexpr std::size_t kMostLocales = 32;
+    static constexpr std::size_t kMostLocales = 256;
     static constexpr std::size_t kLongestName = 64;
 
     /// By bytes where there is no such locale, where it was asked for past the limits, and for "".

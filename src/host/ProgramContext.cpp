@@ -53,6 +53,7 @@ struct ProgramContext::Parts {
     std::unique_ptr<registry::LinuxAppRegistry> registry;
     std::shared_ptr<SearchIndex> searchIndex;
     SharedChanges sharedChanges;
+    NameOrders nameOrders;
     std::unique_ptr<HostProviderManager> providerManager;
     std::optional<items::Environment> environment;
     std::optional<fs::FSEnvironment> fsEnvironment;
@@ -261,6 +262,7 @@ applibraries::AppLibraryContext& ProgramContext::appLibraries() { return *parts_
 HostProviderManager& ProgramContext::providerManager() { return *parts_->providerManager; }
 SearchIndex& ProgramContext::searchIndex() { return *parts_->searchIndex; }
 SharedChanges& ProgramContext::sharedChanges() { return parts_->sharedChanges; }
+NameOrders& ProgramContext::nameOrders() { return parts_->nameOrders; }
 HostFileOperations& ProgramContext::fileOperations() { return parts_->fileOperations; }
 provider::LocalProvider& ProgramContext::provider() { return *parts_->provider; }
 icons::IconRenderer& ProgramContext::icons() { return parts_->icons; }

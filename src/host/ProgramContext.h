@@ -8,6 +8,7 @@
 #include "applibraries/AppLibraryContext.h"
 #include "host/HostFileOperations.h"
 #include "host/HostProviderManager.h"
+#include "host/NameOrders.h"
 #include "host/SearchIndex.h"
 #include "host/Settings.h"
 #include "host/SharedChanges.h"
@@ -86,6 +87,7 @@ public:
     SearchIndex& searchIndex();
     /// What clients were told of changes a moment ago.
     SharedChanges& sharedChanges();
+    NameOrders& nameOrders();
     HostFileOperations& fileOperations();
     provider::LocalProvider& provider();
     icons::IconRenderer& icons();

@@ -92,7 +92,7 @@ Result<search::Search> SearchService::read(const session::SearchRequest& request
             break;
         case session::SearchRequest::Order::byName:
             search.order = search::Order::byName;
-            search.names = names_.of(request.locale);
+            search.names = context_.nameOrders().of(request.locale);
             break;
     }
     if (request.below) {

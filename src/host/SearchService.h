@@ -2,7 +2,6 @@
 
 #include <functional>
 
-#include "host/NameOrders.h"
 #include "host/ProgramContext.h"
 #include "platform/search/Finder.h"
 #include "session/Session.h"
@@ -28,7 +27,6 @@ private:
                                           const std::function<void(std::uint64_t)>& progress) const;
 
     ProgramContext& context_;
-    mutable NameOrders names_;
 };
 
 }  // namespace tarnwell::host

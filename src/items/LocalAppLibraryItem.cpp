@@ -1,3 +1,5 @@
+#include <utility>
+
 #include "hostframework/ItemIdentifier.h"
 #include "items/LocalItem.h"
 #include "items/TWPFileObjectIdentifier.h"
@@ -17,7 +19,8 @@ struct Made final : LocalAppLibraryItem {
 }  // namespace
 
 std::shared_ptr<LocalAppLibraryItem> LocalAppLibraryItem::initFrom(const Environment& environment,
-                                                                   const registry::BundleRecord& record) {
+                                                                   const registry::BundleRecord& record,
+                                                                   std::optional<std::string> knownName) {
     auto container = record.dataContainerURL();
     if (!container) {
         environment.log.error("can't create an app library item without a data container URL");
@@ -26,7 +29,7 @@ std::shared_ptr<LocalAppLibraryItem> LocalAppLibraryItem::initFrom(const Environ
     Arguments arguments;
     arguments.customItemID = appLibraryIdentifier(record);
     arguments.customParentItemID = hostframework::kRootContainer;
-    arguments.customFilename = record.localizedName();
+    arguments.customFilename = knownName ? std::move(knownName) : record.localizedName();
     arguments.hasSearchDomainIdentifier = false;
     arguments.bundleIdentifier = record.bundleIdentifier();
 

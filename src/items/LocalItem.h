@@ -125,9 +125,11 @@ private:
 /// The item of an application's Documents folder, made from the application's record.
 class LocalAppLibraryItem : public LocalItem {
 public:
-    /// Null when it cannot be built; the reason is logged.
+    /// Null when it cannot be built; the reason is logged. Its name is the one given, else the application's: a look at
+    /// how the application presents itself, which costs more than all the rest.
     static std::shared_ptr<LocalAppLibraryItem> initFrom(const Environment& environment,
-                                                         const registry::BundleRecord& record);
+                                                         const registry::BundleRecord& record,
+                                                         std::optional<std::string> knownName = std::nullopt);
     /// A library is made from a record only.
     static std::shared_ptr<LocalItem> initWithURL(const Environment&, const URL&, const Arguments&) = delete;
     static std::shared_ptr<LocalItem> initWithFileIdentifier(const Environment&, std::uint64_t) = delete;

@@ -16,8 +16,7 @@ struct Unread {
 };
 
 /// Asks the bus (GetConnectionStats of its statistics, or of dbus-broker GetStats). Fails with ENOTSUP where it cannot
-/// tell. Called back once, on
-/// the connection's thread, mostly later; not after the connection to the bus ended.
+/// tell. Called back once, on the connection's thread, mostly later; not after the connection to the bus ended.
 void askForUnread(sd_bus* connection, const std::string& name, std::function<void(Result<Unread>)> told);
 
 }  // namespace tarnwell::bus
