@@ -181,11 +181,25 @@ TEST_F(AppLibraryContextTest, FindsNothingWhileTheSharedManagerIsLoading) {
     EXPECT_EQ(registry.found, 0);
     EXPECT_EQ(identifiersOf(shared), Lines{"#org.example.A"});
 
-    // A manager of an enumerator finds the shared one in place.
-    auto own =
-        LocalAppLibraryManager::create(context.services(), CacheSource::main, LocalAppLibraryManager::Instance::own);
+    // Whoever asks afterwards finds it in place.
+    EXPECT_EQ(shared.currentNames(), shared.shownNames());
     EXPECT_EQ(registry.asked, 2);
     EXPECT_EQ(registry.found, 3);
+}
+
+TEST_F(AppLibraryContextTest, AManagerOfAnEnumeratorShowsTheNamesThatTheSharedOneHas) {
+    startWithWorkingSet({"A"});
+    context_.reset();
+    AskingRegistry registry(device_.registry(), device_.environment());
+    AppLibraryContext context(device_.environment(), registry, device_.pool(), device_.applicationSupport());
+    const auto names = context.sharedManager().shownNames();
+    EXPECT_EQ(registry.asked, 1);
+    for (const CacheSource source : {CacheSource::main, CacheSource::workingSet}) {
+        const auto own =
+            LocalAppLibraryManager::create(context.services(), source, LocalAppLibraryManager::Instance::own);
+        EXPECT_EQ(own->shownNames(), names);
+        EXPECT_EQ(registry.asked, 1) << "that costs more than all the rest";
+    }
 }
 
 TEST_F(AppLibraryContextDeathTest, StopsWithoutApplicationSupport) {
