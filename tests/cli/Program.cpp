@@ -146,6 +146,11 @@ Finished ChildProgram::finish() {
     return finished;
 }
 
+struct Device::RunningService {
+    PrivateBus bus;
+    std::optional<ChildProgram> program;
+};
+
 Device::Device() {
     auto made = tour::makeSampleDevice(directory_.path("device"));
     if (!made) {
@@ -154,11 +159,6 @@ Device::Device() {
     }
     sample_ = std::move(*made);
 }
-
-struct Device::RunningService {
-    PrivateBus bus;
-    std::optional<ChildProgram> program;
-};
 
 bool throughService() { return std::getenv("TARNWELL_TEST_THROUGH_SERVICE") != nullptr; }
 

@@ -29,9 +29,9 @@ bool becomesTrue(const std::function<bool()>& condition) {
 TEST(ThreadPool, StartsWithNoThread) { EXPECT_EQ(ThreadPool::create()->threadCount(), 0u); }
 
 TEST(ThreadPool, AddsAThreadForEachPieceOfWorkThatBlocks) {
-    auto pool = ThreadPool::create();
     constexpr int kCount = 50;
-    std::latch allRun(kCount + 1);
+    std::latch allRun(kCount + 1);  // goes after the pool's threads, which look at it when they wake
+    auto pool = ThreadPool::create();
     for (int i = 0; i < kCount; ++i) pool->run([&] { allRun.arrive_and_wait(); });
     allRun.arrive_and_wait();
     EXPECT_EQ(pool->threadCount(), static_cast<std::size_t>(kCount));

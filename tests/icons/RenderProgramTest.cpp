@@ -31,7 +31,8 @@ protected:
 
 TEST_F(RenderProgramTest, BesideTheProgramComesFirstAsInABuildFolder) {
     put("libexec/tarnwell");
-    EXPECT_EQ(found(), put("bin"));
+    const std::string besideIt = put("bin");
+    EXPECT_EQ(found(), besideIt);
 }
 
 TEST_F(RenderProgramTest, AnInstalledProgramFindsItInLibexec) {

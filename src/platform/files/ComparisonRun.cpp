@@ -213,7 +213,7 @@ int ComparisonRun::parentHandleOf(const Job& job) const {
 Result<filesystem::Status> ComparisonRun::statusOf(const Job& job) const {
     const int parent = parentHandleOf(job);
     if (parent < 0) return filesystem::statusBeneath(job.root->directory.get(), job.relative);
-    return filesystem::statusAt(parent, job.relative.c_str() + job.relative.rfind('/') + 1);
+    return filesystem::statusAt(parent, job.relative.c_str() + (job.relative.rfind('/') + 1));
 }
 
 Result<Descriptor> ComparisonRun::openHandle(const Job& job) const {
