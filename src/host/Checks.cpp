@@ -1,5 +1,6 @@
 #include "host/Checks.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -10,6 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/base/Descriptor.h"
+#include "platform/filesystem/Beneath.h"
 #include "platform/filesystem/PlainFile.h"
 #include "platform/icons/RenderProcess.h"
 
@@ -105,6 +108,34 @@ Check checkAttributes(const std::string& subject, const std::string& folder) {
         check.state = State::broken;
         check.finding = "extended attributes of " + folder + " cannot be read: " + std::strerror(code);
         check.advice = "check the folder and its permissions";
+    }
+    return check;
+}
+
+Check checkFileSystem(const std::string& subject, const std::string& folder) {
+    Check check{subject, State::good, "this kernel tells of every change of " + folder, {}};
+    const Descriptor place(::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const auto status = filesystem::statusOf(place.get());
+    if (!status) {
+        check.state = State::broken;
+        check.finding = folder + " cannot be looked at: " + describe(status.error());
+        check.advice = "check the folder and its permissions";
+        return check;
+    }
+    const bool isTold = !filesystem::isChangedElsewhere(place.get());
+    if (!isTold) {
+        check.state = State::note;
+        check.finding = folder +
+                        " can change without this kernel telling (FUSE or a network): it is polled, each folder "
+                        "with every request and while somebody follows every two seconds";
+    }
+    if (!filesystem::isBirthTime(status->birth)) {
+        check.state = State::warning;
+        check.finding =
+            (isTold ? folder : check.finding + "; the file system") +
+            " keeps no times of birth: a new file that gets the number of one that was just removed has its "
+            "identifier, too";
+        check.advice = "keep documents whose identifiers have to last on a file system of this device";
     }
     return check;
 }

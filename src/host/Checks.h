@@ -27,6 +27,9 @@ std::string_view nameOf(Check::State state);
 Check checkStorageRoot(const Settings& settings);
 /// Whether files in a folder can carry extended attributes. `subject` names the folder for people.
 Check checkAttributes(const std::string& subject, const std::string& folder);
+/// Whether the folder lies on a file system of this device, which tells of every change and for good which object is
+/// which.
+Check checkFileSystem(const std::string& subject, const std::string& folder);
 /// Whether the folder, or the nearest folder above it that exists, may be written.
 Check checkWritable(const std::string& subject, const std::string& folder);
 /// The kernel's limits for watching folders; `procFolder` is "/proc/sys/fs".

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include "platform/filesystem/Beneath.h"
 #include "platform/store/Store.h"
 #include "platform/watch/KernelLimits.h"
 #include "platform/watch/KernelWatcher.h"
@@ -16,7 +17,8 @@ std::string liveSourceFor(const Root& root) {
     auto watcher = watch::makeWatcher();
     if (!watcher || !(*watcher)->watch(root.directory.get(), FileID{1})) return kComparing;
     for (const auto& source : (*watcher)->sources()) {
-        if (source.watches > 0) return source.name;
+        if (source.watches == 0) continue;
+        return filesystem::isChangedElsewhere(root.directory.get()) ? source.name + ", polled" : source.name;
     }
     return kComparing;
 }

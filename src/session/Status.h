@@ -15,8 +15,9 @@ struct RootStatus {
     std::string path;  ///< real; bytes
     bool isAvailable = false;
     std::string source;  ///< how its changes are found now: "comparing", or what the kernel offers
-    std::string
-        liveSource;  ///< what a program that stays would use for it; "comparing" where the kernel offers nothing
+    /// What a program that stays would use for it: "comparing" where the kernel offers nothing, and "inotify, polled"
+    /// where the root is also compared all the time, since others change it without the kernel telling.
+    std::string liveSource;
 };
 
 /// How the store was found when the host opened it.

@@ -182,5 +182,11 @@ TEST(FileSystemIdentity, TellsSubvolumesApart) {
     EXPECT_EQ(result, "");
 }
 
+TEST(ChangedElsewhere, IsNoneOfThisKernelsOwn) {
+    const Descriptor proc(::open("/proc", O_PATH | O_CLOEXEC));
+    EXPECT_FALSE(isChangedElsewhere(proc.get()));
+    EXPECT_FALSE(isChangedElsewhere(-1));
+}
+
 }  // namespace
 }  // namespace tarnwell::filesystem

@@ -47,6 +47,14 @@ TEST(CheckAttributes, TellsWhereTheyCannotBeKept) {
     EXPECT_EQ(missing.state, State::broken);
 }
 
+TEST(CheckFileSystem, WarnsOfOneThatKeepsNoTimesOfBirth) {
+    const Check proc = checkFileSystem("storage root", "/proc");
+    EXPECT_EQ(proc.state, State::warning);
+    EXPECT_NE(proc.finding.find("/proc keeps no times of birth"), std::string::npos) << proc.finding;
+    EXPECT_EQ(proc.finding.find("polled"), std::string::npos) << proc.finding;
+    EXPECT_EQ(checkFileSystem("storage root", "/none such").state, State::broken);
+}
+
 TEST(CheckWritable, LooksAtTheNearestFolderThatExists) {
     TemporaryDirectory directory;
     EXPECT_EQ(checkWritable("state", directory.path()).finding, directory.path());

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <deque>
 #include <filesystem>
 
@@ -28,8 +29,9 @@ protected:
         ASSERT_EQ(::rename(path(from).c_str(), path(to).c_str()), 0) << from << " " << to;
     }
     void exchange(const std::string& a, const std::string& b) const {
-        ASSERT_EQ(::renameat2(AT_FDCWD, path(a).c_str(), AT_FDCWD, path(b).c_str(), RENAME_EXCHANGE), 0)
-            << a << " " << b;
+        const int done = ::renameat2(AT_FDCWD, path(a).c_str(), AT_FDCWD, path(b).c_str(), RENAME_EXCHANGE);
+        if (done != 0 && errno == EINVAL) GTEST_SKIP() << "this file system exchanges no names";
+        ASSERT_EQ(done, 0) << a << " " << b;
     }
     void link(const std::string& from, const std::string& to) const {
         ASSERT_EQ(::link(path(from).c_str(), path(to).c_str()), 0) << from << " " << to;
@@ -153,6 +155,7 @@ TEST_F(Scripts, AFileAndAPackageChangePlaces) {
     write("Documents/file");
     begin();
     exchange(package, "Documents/file");
+    if (IsSkipped()) return;
     expectEqual();
 }
 

@@ -77,7 +77,10 @@ private:
         }
         checks.push_back(host::checkStorageRoot(*settings));
         const bool hasStorageRoot = checks.back().state != Check::State::broken;
-        if (hasStorageRoot) checks.push_back(host::checkAttributes("storage root", settings->storageRoot));
+        if (hasStorageRoot) {
+            checks.push_back(host::checkAttributes("storage root", settings->storageRoot));
+            checks.push_back(host::checkFileSystem("storage root", settings->storageRoot));
+        }
         checks.push_back(host::checkWritable("application support", settings->applicationSupport));
         checks.push_back(host::checkWritable("state", settings->stateDirectory));
         checks.push_back(host::checkFileTypes(*settings, environmentVariable));

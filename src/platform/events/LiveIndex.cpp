@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/filesystem/Beneath.h"
+
 namespace tarnwell::events {
 namespace {
 
@@ -159,9 +161,9 @@ void LiveIndex::addPolled(Pending& pending) {
 }
 
 void LiveIndex::watch(int handle, FileID folder) {
-    const auto watched = watcher_->watch(handle, folder);
+    const bool isTold = watcher_->watch(handle, folder) && !filesystem::isChangedElsewhere(handle);
     const std::lock_guard lock(mutex_);
-    if (watched) {
+    if (isTold) {
         polled_.erase(folder);
     } else {
         polled_.insert(folder);

@@ -23,9 +23,9 @@ namespace tarnwell::events {
 ///   ended --begin--> live --end--> ended; it is made ended.
 ///
 /// L1: while live, a change whose system call returned before `catchUp` was called is in the index when it returns.
-/// L2: what cannot be watched is compared by every `catchUp` (polled): folders past the watch limit, and files that
-/// have
-///     a name below no root; after an overflow everything is.
+/// L2: what cannot be watched is compared by every `catchUp` (polled): folders past the watch limit, folders of file
+///     systems that others change too (FUSE, networks), and files that have a name below no root; after an overflow
+///     everything is.
 /// L3: between hints nothing runs while nothing is polled.
 class LiveIndex : public files::FolderWatch {
 public:

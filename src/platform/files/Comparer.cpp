@@ -138,7 +138,8 @@ bool Comparer::mayPurge() const {
 void Comparer::noteGone(const store::ObjectRow& row) {
     lastGone_ = std::chrono::steady_clock::now();
     // Without a birth time nothing tells it from the next object that gets its inode number.
-    goneCount_ = row.identity.birth == 0 ? SIZE_MAX : goneCount_ + (goneCount_ == SIZE_MAX ? 0 : 1);
+    const bool isLasting = filesystem::isBirthTime(row.identity.birth);
+    goneCount_ = isLasting ? goneCount_ + (goneCount_ == SIZE_MAX ? 0 : 1) : SIZE_MAX;
 }
 
 void Comparer::notePurged() {

@@ -18,7 +18,7 @@ public:
     virtual void watch(int handle, FileID folder) = 0;
     /// True when what the index knows of watched folders is of a short time ago at most.
     virtual bool isLive() const = 0;
-    /// True when every folder that comparisons came to is watched.
+    /// True when every folder that comparisons came to is watched, and nothing changes in it untold.
     virtual bool isComplete() const = 0;
     /// The folder is below the roots no more.
     virtual void forget(FileID folder) = 0;

@@ -60,7 +60,7 @@ std::unique_ptr<ResourceSnapshot> basicSnapshot(const filesystem::Status& status
     snapshot->mode = status.mode;
     snapshot->links = status.links;
     snapshot->size = status.size;
-    if (status.birth != 0) snapshot->creationDate = dateFrom(status.birth);
+    if (filesystem::isBirthTime(status.birth)) snapshot->creationDate = dateFrom(status.birth);
     snapshot->contentModificationDate = dateFrom(status.modified);
     snapshot->isOwnTarget = snapshot->kind != FileKind::symbolicLink;
     return snapshot;

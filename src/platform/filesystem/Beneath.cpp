@@ -45,6 +45,8 @@ std::int64_t nanoseconds(const statx_timestamp& time) {
     return result;
 }
 
+std::int64_t inPlaceOfBirth(std::uint32_t mode) { return S_ISREG(mode) ? 0 : -std::int64_t{(mode & S_IFMT) >> 12}; }
+
 Result<Status> statusBy(int descriptor, const char* name, int flags) {
     struct statx from{};
     const int done = untilNotInterrupted([&] {
@@ -55,7 +57,7 @@ Result<Status> statusBy(int descriptor, const char* name, int flags) {
     Status status;
     status.device = makedev(from.stx_dev_major, from.stx_dev_minor);
     status.inode = from.stx_ino;
-    status.birth = (from.stx_mask & STATX_BTIME) != 0 ? nanoseconds(from.stx_btime) : 0;
+    status.birth = (from.stx_mask & STATX_BTIME) != 0 ? nanoseconds(from.stx_btime) : inPlaceOfBirth(from.stx_mode);
     status.mode = from.stx_mode;
     status.links = from.stx_nlink;
     status.user = from.stx_uid;

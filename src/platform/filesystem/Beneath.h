@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -24,8 +26,8 @@ namespace tarnwell::filesystem {
 struct Status {
     std::uint64_t device = 0;  ///< of this mount of the file system; changes between mounts
     std::uint64_t inode = 0;
-    std::int64_t birth = 0;  ///< birth time, nanoseconds since 1970; 0 where the file system keeps none. Times that do
-                             ///< not fit 64 bits (past the year 2262) become the nearest that does
+    std::int64_t birth = 0;  ///< birth time, nanoseconds since 1970. Times that do not fit 64 bits (past the year 2262)
+                             ///< become the nearest that does. Where the file system keeps none: see isBirthTime
     std::uint32_t mode = 0;  ///< st_mode, type bits included
     std::uint32_t links = 0;
     std::uint32_t user = 0;
@@ -36,6 +38,11 @@ struct Status {
     bool immutable = false;     ///< nobody may change it, root included
     std::uint64_t mount = 0;    ///< number of the mount that it was reached through; 0 where the kernel tells none
 };
+
+/// False for what stands for the birth time where a file system keeps none: 0 for a file, a small negative number for
+/// each other kind of object. There an inode number may be used again at once, and a folder that got a removed file's
+/// number is at least not taken for that file.
+constexpr bool isBirthTime(std::int64_t birth) { return birth > 0 || birth < -std::int64_t{S_IFMT >> 12}; }
 
 /// Opens `relative` ("" is the folder itself) below the folder: openat2(2) with RESOLVE_BENEATH, RESOLVE_NO_SYMLINKS
 /// and RESOLVE_NO_MAGICLINKS, O_CLOEXEC and O_NONBLOCK added. ELOOP where a link stands on the way (also at the end,
@@ -113,6 +120,11 @@ struct FileSystemIdentity {
     bool keepsChangeTimes = false;
 };
 Result<FileSystemIdentity> fileSystemIdentityOf(int descriptor);
+
+/// True for an object on a file system that others change without this kernel telling of it: FUSE and those of
+/// networks, whose files another machine, or what serves them, writes to. False where the kernel does not say; O_PATH
+/// will do.
+bool isChangedElsewhere(int descriptor);
 
 /// The place that a place leads to when links are followed, each link's target interpreted as the real path it names
 /// and kept only if it lies below one of the roots. ENOENT for a link that leads out of the roots or nowhere, ELOOP

@@ -17,6 +17,11 @@ namespace tarnwell::filesystem {
 namespace {
 
 constexpr std::uint64_t kXFS = 0x58465342;
+constexpr std::uint64_t kSharedFolders = 0x786f4256;  // of a virtual machine
+constexpr std::uint64_t kGFS2 = 0x01161970;
+constexpr std::uint64_t kCIFS = 0xFF534D42;
+constexpr std::uint64_t kSMB2 = 0xFE534D42;
+constexpr std::uint64_t kCeph = 0x00C36400;
 
 /// The answer of FS_IOC_GETFSUUID.
 struct KernelUUID {
@@ -102,6 +107,27 @@ Result<FileSystemIdentity> fileSystemIdentityOf(int descriptor) {
                                                                F2FS_SUPER_MAGIC};
     result.keepsChangeTimes = std::ranges::find(kKeepingChangeTimes, type) != kKeepingChangeTimes.end();
     return result;
+}
+
+bool isChangedElsewhere(int descriptor) {
+    struct statfs about{};
+    if (untilNotInterrupted([&] { return ::fstatfs(descriptor, &about); }) != 0) return false;
+    constexpr std::array<std::uint64_t, 13> kShared{FUSE_SUPER_MAGIC,
+                                                    NFS_SUPER_MAGIC,
+                                                    SMB_SUPER_MAGIC,
+                                                    kCIFS,
+                                                    kSMB2,
+                                                    V9FS_MAGIC,
+                                                    AFS_SUPER_MAGIC,
+                                                    AFS_FS_MAGIC,
+                                                    CODA_SUPER_MAGIC,
+                                                    kCeph,
+                                                    OCFS2_SUPER_MAGIC,
+                                                    kGFS2,
+                                                    kSharedFolders};
+    // The field is signed: a number with its highest bit set comes as a negative one.
+    const auto type = static_cast<std::uint64_t>(about.f_type) & 0xFFFFFFFF;
+    return std::ranges::find(kShared, type) != kShared.end();
 }
 
 }  // namespace tarnwell::filesystem

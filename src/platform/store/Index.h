@@ -18,7 +18,8 @@ namespace tarnwell::store {
 class Numbers;
 
 /// What an object is on disk: file system (by its stored number), inode and birth. Two objects that ever lived have
-/// different identities, also where inode numbers are handed out again.
+/// different identities, also where inode numbers are handed out again; only where no birth times are kept two of one
+/// kind may have the same one after the other.
 struct ObjectIdentity {
     std::uint32_t fileSystem = 0;
     std::uint64_t inode = 0;
