@@ -115,6 +115,42 @@ Way emacs(const std::string& title, const std::string& backup) {
             true};
 }
 
+/// Opens the document in the office program, which has no window, and stores it again under its name. The program's own
+/// folder is in the home, so that it is no other one that runs. The text is one byte a character: in another encoding
+/// the program adds a mark of that.
+constexpr const char* kOfficeSave = R"python(
+import os, subprocess, sys, time
+import uno
+from com.sun.star.beans import PropertyValue
+from com.sun.star.connection import NoConnectException
+name, line = sys.argv[1:]
+pipe = 'tarnwell%d' % os.getpid()
+office = subprocess.Popen(['soffice', '--headless', '--norestore', '--nologo', '--nodefault',
+                           '-env:UserInstallation=' + uno.systemPathToFileUrl(os.environ['HOME'] + '/office'),
+                           '--accept=pipe,name=%s;urp;' % pipe])
+local = uno.getComponentContext()
+resolver = local.ServiceManager.createInstanceWithContext('com.sun.star.bridge.UnoUrlResolver', local)
+deadline = time.monotonic() + 120
+while True:
+    try:
+        context = resolver.resolve('uno:pipe,name=%s;urp;StarOffice.ComponentContext' % pipe)
+        break
+    except NoConnectException:
+        if office.poll() is not None or time.monotonic() > deadline:
+            office.kill()
+            sys.exit('the office program does not answer')
+        time.sleep(0.1)
+desktop = context.ServiceManager.createInstanceWithContext('com.sun.star.frame.Desktop', context)
+given = {'Hidden': True, 'FilterName': 'Text (encoded)', 'FilterOptions': 'ISO_8859_1,LF,,,'}
+document = desktop.loadComponentFromURL(uno.systemPathToFileUrl(os.path.abspath(name)), '_blank', 0,
+                                        tuple(PropertyValue(Name=key, Value=given[key]) for key in given))
+document.Text.String = line
+document.store()
+document.close(True)
+desktop.terminate()
+sys.exit(office.wait())
+)python";
+
 std::vector<Way> makeWays() {
     const std::string write = "printf %s \"$2\" > \"$3/new\"\n";
     const std::string writeInFolder = "mkdir -p \"$3/tree\"\nprintf %s \"$2\" > \"$3/tree/$1\"\n";
@@ -133,6 +169,13 @@ std::vector<Way> makeWays() {
          }},
         emacs("emacs with its backup", "backup"),
         emacs("emacs without a backup", "none"),
+        {"LibreOffice",
+         {"soffice"},
+         [](const Desk& desk, const std::string& text) {
+             // The system's own Python has the module.
+             desk.run({"/usr/bin/python3", "-c", kOfficeSave, desk.name, withoutLineEnd(text)});
+         },
+         true},
         script("the shell's redirection", {"sh"}, "printf %s \"$2\" > \"$1\""),
         {"sed in place",
          {"sed"},
