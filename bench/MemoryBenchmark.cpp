@@ -61,21 +61,6 @@ std::uint64_t peakKilobytes() {
 
 std::uint64_t above(std::uint64_t value, std::uint64_t base) { return value > base ? value - base : 0; }
 
-/// The program itself on the person whose home that folder is, with no applications.
-Outcome<std::unique_ptr<host::ProgramContext>> startProgram(const std::string& home, log::Log& log) {
-    host::Settings settings;
-    settings.storageRoot = home + "/Documents";
-    settings.storageRootOrigin = "--storage";
-    settings.applicationSupport = home + "/data";
-    settings.stateDirectory = home + "/state";
-    settings.cacheDirectory = home + "/cache";
-    settings.registrySources.home = home;
-    auto program = host::ProgramContext::create(settings, log);
-    if (!program) return std::unexpected(tarnwell::describe(program.error()));
-    (*program)->prepareForRequests();
-    return std::move(*program);
-}
-
 enum class LiveUpdates { off, on };
 
 /// Lists the folder once; gives the most that was added meanwhile.
@@ -190,6 +175,20 @@ Outcome<double> listForMemory(Suite& suite, benchmark::State& state) {
 }
 
 }  // namespace
+
+Outcome<std::unique_ptr<host::ProgramContext>> startProgram(const std::string& home, log::Log& log) {
+    host::Settings settings;
+    settings.storageRoot = home + "/Documents";
+    settings.storageRootOrigin = "--storage";
+    settings.applicationSupport = home + "/data";
+    settings.stateDirectory = home + "/state";
+    settings.cacheDirectory = home + "/cache";
+    settings.registrySources.home = home;
+    auto program = host::ProgramContext::create(settings, log);
+    if (!program) return std::unexpected(tarnwell::describe(program.error()));
+    (*program)->prepareForRequests();
+    return std::move(*program);
+}
 
 int measureMemory(const std::string& home, std::size_t entries) {
     const auto usage = measure(home, entries);

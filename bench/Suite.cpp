@@ -38,17 +38,17 @@ void Suite::compare(benchmark::State& state, const std::string& what, const std:
     set("processor_ratio", ours.processor / other.processor);
 }
 
-Outcome<void> Suite::makeTree(SampleDevice& device) const {
+Outcome<void> Suite::makeTree(const std::string& folder) const {
     progress("  making " + std::to_string(sizes_.treeFiles()) + " files in " + std::to_string(sizes_.treeFolders()) +
              " folders");
-    if (auto made = makeFolder(device.path(kTree)); !made) return made;
+    if (auto made = makeFolder(folder); !made) return made;
     std::size_t files = 0;
     for (std::size_t i = 0; i < sizes_.outerFolders; ++i) {
-        const std::string outer = std::string(kTree) + "/Folder " + std::to_string(i);
-        if (auto made = makeFolder(device.path(outer)); !made) return made;
+        const std::string outer = folder + "/Folder " + std::to_string(i);
+        if (auto made = makeFolder(outer); !made) return made;
         for (std::size_t j = 0; j < sizes_.foldersInEach; ++j) {
             const std::string inner = outer + "/Folder " + std::to_string(j);
-            auto made = makeFiles(device.path(inner), sizes_.filesInEach, Attributes::none, files);
+            auto made = makeFiles(inner, sizes_.filesInEach, Attributes::none, files);
             if (!made) return std::unexpected(made.error());
             files += sizes_.filesInEach;
         }

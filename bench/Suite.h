@@ -11,6 +11,13 @@
 #include "bench/SampleDevice.h"
 #include "bench/Sizes.h"
 
+namespace tarnwell::host {
+class ProgramContext;
+}
+namespace tarnwell::log {
+class Log;
+}
+
 namespace tarnwell::bench {
 
 /// Where the benchmarks are registered and what they share. Outlives the run.
@@ -32,7 +39,9 @@ public:
     Outcome<SampleDevice*> treeDevice();
     static constexpr const char* kTree = "tree";
     /// Makes the files and folders of that tree on a device.
-    Outcome<void> makeTree(SampleDevice& device) const;
+    Outcome<void> makeTree(SampleDevice& device) const { return makeTree(device.path(kTree)); }
+    /// The same as that folder, whose parent stands.
+    Outcome<void> makeTree(const std::string& folder) const;
 
     /// Counters of a comparison, and its row in the table.
     void compare(benchmark::State& state, const std::string& what, const std::string& key, std::uint64_t count,
@@ -60,9 +69,15 @@ void addIcons(Suite& suite);
 void addBus(Suite& suite);
 void addApplications(Suite& suite);
 void addMemory(Suite& suite);
+void addWatchman(Suite& suite);
 
 /// The part of the memory benchmark that runs in a process of its own, on that person's home: prints one line of
 /// numbers. Returns the exit status.
 int measureMemory(const std::string& home, std::size_t entries);
+/// The program itself on the person whose home that folder is, with no applications.
+Outcome<std::unique_ptr<host::ProgramContext>> startProgram(const std::string& home, log::Log& log);
+/// Follows that person's documents in a process of its own, and answers what is asked on standard input: "live",
+/// "anchor" or "since ANCHOR". An answer ends with a line "end ANCHOR". Returns the exit status.
+int follow(const std::string& home);
 
 }  // namespace tarnwell::bench

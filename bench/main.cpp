@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -63,6 +64,7 @@ int run(const Options& options, const Sizes& sizes) {
     Suite suite(sizes, pathOfThisProgram());
     // Memory first, while no other benchmark has made files that the kernel keeps in mind.
     addMemory(suite);
+    addWatchman(suite);
     addListings(suite);
     addChanges(suite);
     addLive(suite);
@@ -96,10 +98,14 @@ int run(const Options& options, const Sizes& sizes) {
 
 int main(int argc, char** argv) {
     std::vector<char*> arguments(argv, argv + argc);
+    // A program beside this one that ends is noticed by the answer that does not come.
+    (void)std::signal(SIGPIPE, SIG_IGN);
     // How the memory benchmark starts this program again.
     if (argc == 4 && std::string_view(argv[1]) == "--measure-memory") {
         return measureMemory(argv[2], std::strtoull(argv[3], nullptr, 10));
     }
+    // How the comparison with watchman does.
+    if (argc == 3 && std::string_view(argv[1]) == "--follow") return follow(argv[2]);
     const auto options = takeOptions(arguments);
     const auto sizes = options ? sizesNamed(options->size) : std::nullopt;
     int count = static_cast<int>(arguments.size());
