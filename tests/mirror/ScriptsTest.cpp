@@ -212,8 +212,10 @@ TEST_F(Scripts, AFileIsShownUnderItsOtherNameAndTheFirstOneIsThereAgain) {
     makeFolder("Documents/a");
     makeFolder("Documents/b");
     write("Documents/a/file");
-    link("Documents/a/file", "Documents/b/other");
     begin();
+    // Known by now, the first name is the older one on any file system, in whatever order it gives the folders.
+    link("Documents/a/file", "Documents/b/other");
+    expectEqual();
     Client& follower = begin(identifierOf("Documents/a"));
     ASSERT_EQ(follower.mirror().items().size(), 1u);
     remove("Documents/a/file");
