@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <set>
@@ -271,6 +274,28 @@ TEST(Changes, FollowedAreToldAsTheyComeUntilTheProgramIsAskedToEnd) {
         const auto rest = changesSince(device, "root", anchor);
         for (const auto& update : rest.updates) EXPECT_EQ(update, later);
         EXPECT_TRUE(rest.deletions.empty());
+    }
+}
+
+TEST(Changes, WhoIsAskedToEndWhileMuchIsToldTellsOfNoError) {
+    Device device;
+    for (int i = 0; i < 20; ++i) {
+        auto program = device.start({"--json", "changes", "root", "--follow"});
+        ASSERT_TRUE(program.readLine());
+        std::atomic<bool> goesOn = true;
+        std::thread writer([&] {
+            for (int file = 0; goesOn; ++file) writeFile(device.document("f" + std::to_string(file % 50)), "text");
+        });
+        ::usleep(static_cast<useconds_t>(20'000 + i * 3'000));
+        program.sendSignal(SIGINT);
+        const auto finished = program.finish();
+        goesOn = false;
+        writer.join();
+        EXPECT_EQ(finished.status, 0) << finished.error;
+        EXPECT_EQ(finished.error, "");
+        for (const auto& line : finished.json()) {
+            ASSERT_TRUE(line.contains("update") || line.contains("delete") || line.contains("anchor")) << line;
+        }
     }
 }
 

@@ -48,7 +48,9 @@ private:
         if (sinceOption_->count() > 0) {
             anchor = bytesOfBase64(since_);
             // Not even the text of one: the same as one that nobody knows any more.
-            if (!anchor) return expired(invocation, {ErrorDomain::host, session::kSyncAnchorExpired, {}});
+            if (!anchor) {
+                return std::unexpected(expired(invocation, {ErrorDomain::host, session::kSyncAnchorExpired, {}}));
+            }
         }
         auto session = invocation.session();
         if (!session) return std::unexpected(session.error());
@@ -74,29 +76,32 @@ private:
             anchor = std::move(**now);
         }
         for (bool isFirst = true;; isFirst = false) {
-            if (auto told = tellAll(invocation, **session, *container, *anchor, isFirst); !told) return told;
+            auto told = tellAll(invocation, **session, *container, *anchor, isFirst);
+            // What is given up is no error to tell of.
+            if (!told && interrupts && interrupts->wasInterrupted()) return {};
+            if (!told) return std::unexpected(failed(invocation, told.error()));
             if (!follow_ || invocation.output().failed()) return {};
             if (wakeup->wait(*interrupts) == host::Wakeup::Woken::byInterrupt) return {};
         }
     }
 
     /// All batches until nothing more is coming; the anchor is the one to keep then.
-    Outcome tellAll(Invocation& invocation, session::Session& session, const session::ItemIdentifier& container,
-                    Bytes& anchor, bool evenNothing) const {
+    static Result<void> tellAll(Invocation& invocation, session::Session& session,
+                                const session::ItemIdentifier& container, Bytes& anchor, bool evenNothing) {
         for (;;) {
             auto batch = session.changes(container, anchor);
-            if (!batch) {
-                if (batch.error().is(ErrorDomain::host, session::kSyncAnchorExpired)) {
-                    return expired(invocation, batch.error());
-                }
-                // There is nothing of which changes could be told.
-                if (!batch.error().is(ErrorDomain::host, session::kNoSuchItem)) writeError(invocation, batch.error());
-                return std::unexpected(failureOf(kWhat, item_, batch.error()));
-            }
+            if (!batch) return failure(batch.error());
             anchor = batch->anchor;
             if (evenNothing || !batch->changes.empty()) write(invocation, *batch);
             if (!batch->moreComing || invocation.output().failed()) return {};
         }
+    }
+
+    Failure failed(Invocation& invocation, const Error& error) const {
+        if (error.is(ErrorDomain::host, session::kSyncAnchorExpired)) return expired(invocation, error);
+        // There is nothing of which changes could be told.
+        if (!error.is(ErrorDomain::host, session::kNoSuchItem)) writeError(invocation, error);
+        return failureOf(kWhat, item_, error);
     }
 
     static void write(Invocation& invocation, const session::ChangeBatch& batch) {
@@ -128,12 +133,11 @@ private:
               {{"domain", nameOf(error.domain)}, {"code", error.code}, {"message", toDisplay(describe(error))}}}}));
     }
 
-    Outcome expired(Invocation& invocation, const Error& error) const {
+    Failure expired(Invocation& invocation, const Error& error) const {
         writeError(invocation, error);
-        return std::unexpected(
-            Failure{ExitStatus::anchorExpired, std::string(kWhat) + " \"" + toDisplay(item_) +
-                                                   "\": the anchor has expired; list it anew, and take an anchor with "
-                                                   "\"tarnwell anchor\" before"});
+        return {ExitStatus::anchorExpired, std::string(kWhat) + " \"" + toDisplay(item_) +
+                                               "\": the anchor has expired; list it anew, and take an anchor with "
+                                               "\"tarnwell anchor\" before"};
     }
 
     std::string item_ = "root";
