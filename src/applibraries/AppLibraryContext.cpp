@@ -62,17 +62,24 @@ bool AppLibraryContext::refreshAppLibraries() { return applibraries::refreshAppL
 bool AppLibraryContext::renewNames(const std::string& languages, Look look) {
     const std::lock_guard lock(namesMutex_);
     LocalAppLibraryManager& shared = sharedManager();
-    const auto shown = shared.shownNames();
-    const auto now = look == Look::again ? shared.currentNames() : shown;
-    const bool areOthers = now != shown || names_.areOthers(languages, now);
-    if (areOthers && !beginGeneration()) return false;
+    // The shared manager itself may have met other names by now, with another list.
+    const auto before = lastNames_ ? *lastNames_ : shared.shownNames();
+    const auto now = look == Look::again ? shared.currentNames() : shared.shownNames();
+    const bool areOthers = LibraryNames::differ(before, now) || names_.areOthers(languages, now);
+    if (areOthers) {
+        // Before anybody takes the generation over, whose items are made with the names that are shown here.
+        shared.showNames(now);
+        if (!beginGeneration()) return false;
+        shared.upgradeFromMainCache(nullptr, IndexCleanup::no);
+    }
+    lastNames_ = now;
     // Noted last: after a crash in between they are told once more.
     names_.note(languages, now);
     return areOthers;
 }
 
 bool AppLibraryContext::beginGeneration() {
-    const bool begun = mainCache_.queue().sync([&] {
+    return mainCache_.queue().sync([&] {
         const AppLibraryRecords held = mainCache_.load();
         if (held.records.empty()) return false;
         const auto token = mainCache_.save(held.records, 0, TokenIncrement::yes);
@@ -85,8 +92,6 @@ bool AppLibraryContext::beginGeneration() {
         });
         return true;
     });
-    if (begun) sharedManager().upgradeFromMainCache(nullptr, IndexCleanup::no);
-    return begun;
 }
 
 std::vector<URL> AppLibraryContext::SharedDirectory::rootURLsForAppLibraries() const {

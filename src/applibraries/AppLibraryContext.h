@@ -3,6 +3,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -77,6 +78,7 @@ private:
     AppLibraryServices services_;
     std::mutex namesMutex_;
     LibraryNames names_;
+    std::optional<LibraryNames::Names> lastNames_;  ///< those of the last look in this program, in whatever languages
     SharedDirectory directory_;
     std::once_flag sharedOnce_;
     std::atomic<std::thread::id> loadingThread_{};

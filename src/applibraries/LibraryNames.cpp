@@ -58,14 +58,17 @@ std::vector<LibraryNames::ByLanguage>& LibraryNames::noted() {
     return noted_;
 }
 
+bool LibraryNames::differ(const Names& a, const Names& b) {
+    return std::ranges::any_of(a, [&](const auto& entry) {
+        const auto found = b.find(entry.first);
+        return found != b.end() && found->second != entry.second;
+    });
+}
+
 bool LibraryNames::areOthers(const std::string& languages, const Names& now) {
     const auto& all = noted();
     const auto known = std::ranges::find(all, languages, &ByLanguage::first);
-    if (known == all.end()) return false;
-    return std::ranges::any_of(known->second, [&](const auto& entry) {
-        const auto found = now.find(entry.first);
-        return found != now.end() && found->second != entry.second;
-    });
+    return known != all.end() && differ(known->second, now);
 }
 
 void LibraryNames::note(const std::string& languages, const Names& now) {

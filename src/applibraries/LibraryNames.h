@@ -26,6 +26,9 @@ public:
     /// Touches no file.
     LibraryNames(items::ProgramLog& log, URL fileURL);
 
+    /// True when a library that both know has another name in the one than in the other.
+    static bool differ(const Names& a, const Names& b);
+
     /// True when a library has another name now than it was noted with in these languages.
     bool areOthers(const std::string& languages, const Names& now);
     /// Writes the file if it says anything else. A failure is logged, and the names stay to be noted.

@@ -219,6 +219,23 @@ LibraryNames::Names LocalAppLibraryManager::currentNames() const {
     return names;
 }
 
+void LocalAppLibraryManager::showNames(const LibraryNames::Names& names) {
+    const auto before = generation();
+    const auto after = std::make_shared<AppLibraryGeneration>(*before);
+    for (const auto& [url, record] : before->bundleProxiesByRootURLs) {
+        const auto identifier = items::appLibraryIdentifier(*record);
+        const AppLibraryItemPtr* item = before->appLibrariesByItemIDs.find(identifier);
+        const auto name = names.find(identifier);
+        if (!item || name == names.end() || name->second == (*item)->filename()) continue;
+        auto fresh = items::LocalAppLibraryItem::initFrom(services_.environment, *record, name->second);
+        if (fresh) after->appLibrariesByItemIDs.set(identifier, std::move(fresh));
+    }
+    queue_->sync([&] {
+        // One that was put in place meanwhile was made of the names of now.
+        if (generation_ == before) generation_ = after;
+    });
+}
+
 std::string LocalAppLibraryManager::description() const { return descriptionOf(*generation()); }
 
 std::string LocalAppLibraryManager::descriptionOf(const AppLibraryGeneration& generation) const {

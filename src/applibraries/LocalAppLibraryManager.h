@@ -77,6 +77,8 @@ public:
     /// The names of the items held, and those that their applications have now.
     LibraryNames::Names shownNames() const;
     LibraryNames::Names currentNames() const;
+    /// Makes the items anew that have another name there, within the generation held.
+    void showNames(const LibraryNames::Names& names);
 
     /// For log lines: the object, "SHARED" where it is, token, cache source, number of app libraries.
     std::string description() const;

@@ -1,5 +1,7 @@
 #include "applibraries/AppLibraryContext.h"
 
+#include <unistd.h>
+
 #include <any>
 #include <atomic>
 #include <chrono>
@@ -200,6 +202,69 @@ TEST_F(AppLibraryContextTest, AManagerOfAnEnumeratorShowsTheNamesThatTheSharedOn
         EXPECT_EQ(own->shownNames(), names);
         EXPECT_EQ(registry.asked, 1) << "that costs more than all the rest";
     }
+}
+
+/// One application, whose name was looked at.
+class OtherNamesTest : public AppLibraryContextTest {
+protected:
+    OtherNamesTest() {
+        install({"A"});
+        EXPECT_TRUE(context_->refreshAppLibraries());
+        EXPECT_TRUE(shared().upgradeFromMainCache(nullptr, IndexCleanup::no));
+        EXPECT_FALSE(renew("en:"));
+        EXPECT_EQ(mainToken(), 1U);
+    }
+    LocalAppLibraryManager& shared() { return context_->sharedManager(); }
+    bool renew(const std::string& languages) { return context_->renewNames(languages, AppLibraryContext::Look::again); }
+    void rename(const std::string& name) {
+        Application other = application("A");
+        other.localizedName = name;
+        device_.registry().setApplications({other});
+    }
+    static LibraryNames::Names names(const std::string& name) { return {{"#org.example.A", name}}; }
+};
+
+TEST_F(OtherNamesTest, AreAnotherGenerationOnce) {
+    rename("B");
+    EXPECT_TRUE(renew("en:"));
+    EXPECT_EQ(mainToken(), 2U);
+    EXPECT_EQ(shared().versionToken(), 2U);
+    EXPECT_EQ(shared().shownNames(), names("B"));
+    EXPECT_FALSE(renew("en:"));
+    EXPECT_EQ(mainToken(), 2U);
+}
+
+/// Whoever takes the generation over makes its items with the names that the shared manager shows.
+TEST_F(OtherNamesTest, AreShownBeforeTheGenerationThatTellsOfThem) {
+    rename("B");
+    std::promise<void> mayGoOn;
+    context_->mainCache().queue().async([may = mayGoOn.get_future().share()] { may.wait(); });
+    std::thread renewing([&] { EXPECT_TRUE(renew("en:")); });
+    for (int i = 0; i < 1000 && shared().shownNames() != names("B"); ++i) ::usleep(10'000);
+    EXPECT_EQ(shared().shownNames(), names("B"));
+    EXPECT_EQ(shared().versionToken(), 1U);
+    mayGoOn.set_value();
+    renewing.join();
+    EXPECT_EQ(mainToken(), 2U);
+}
+
+TEST_F(OtherNamesTest, AreToldAlsoWhereTheSharedManagerHasMetThemAlready) {
+    rename("B");
+    saveToMainCache(context_->mainCache().queue().sync([&] { return context_->mainCache().load().records; }));
+    EXPECT_TRUE(shared().upgradeFromMainCache(nullptr, IndexCleanup::no));
+    EXPECT_EQ(shared().shownNames(), names("B"));
+    EXPECT_TRUE(renew("de:")) << "in other languages than before";
+    EXPECT_EQ(mainToken(), 3U);
+}
+
+TEST_F(OtherNamesTest, ThatCannotBeWrittenDownAreTriedAgain) {
+    rename("B");
+    const std::string aside = mainCachePath() + ".aside";
+    std::filesystem::rename(mainCachePath(), aside);
+    EXPECT_FALSE(renew("en:")) << "there is no list";
+    std::filesystem::rename(aside, mainCachePath());
+    EXPECT_TRUE(renew("en:"));
+    EXPECT_EQ(mainToken(), 2U);
 }
 
 TEST_F(AppLibraryContextDeathTest, StopsWithoutApplicationSupport) {
