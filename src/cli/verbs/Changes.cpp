@@ -77,9 +77,12 @@ private:
         }
         for (bool isFirst = true;; isFirst = false) {
             auto told = tellAll(invocation, **session, *container, *anchor, isFirst);
-            // What is given up is no error to tell of.
-            if (!told && interrupts && interrupts->wasInterrupted()) return {};
-            if (!told) return std::unexpected(failed(invocation, told.error()));
+            if (!told) {
+                // What is given up is no error to tell of; `run` makes a good end of it.
+                const bool isGivenUp = interrupts && interrupts->wasInterrupted();
+                return std::unexpected(isGivenUp ? failureOf(kWhat, item_, told.error())
+                                                 : failed(invocation, told.error()));
+            }
             if (!follow_ || invocation.output().failed()) return {};
             if (wakeup->wait(*interrupts) == host::Wakeup::Woken::byInterrupt) return {};
         }
