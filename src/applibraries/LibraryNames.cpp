@@ -73,7 +73,9 @@ bool LibraryNames::areOthers(const std::string& languages, const Names& now) {
 
 void LibraryNames::note(const std::string& languages, const Names& now) {
     auto& all = noted();
-    if (!all.empty() && all.front().first == languages && all.front().second == now) return;
+    // Programs that take turns in different languages leave the file as it is.
+    const auto known = std::ranges::find(all, languages, &ByLanguage::first);
+    if (known != all.end() && known->second == now) return;
     auto next = all;
     std::erase_if(next, [&](const ByLanguage& one) { return one.first == languages; });
     next.insert(next.begin(), {languages, now});

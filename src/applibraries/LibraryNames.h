@@ -20,7 +20,7 @@ class LibraryNames {
 public:
     /// By the library's identifier.
     using Names = std::map<std::string, std::string>;
-    /// Names are kept in so many languages; of more, those that were looked at last.
+    /// Names are kept in so many languages; of more, those that were noted last.
     static constexpr std::size_t kMostLanguages = 8;
 
     /// Touches no file.

@@ -51,9 +51,18 @@ TEST_F(LibraryNamesTest, TheSameAreNotWrittenAgain) {
     names().note("de:", {{"#a", "Notizen"}});
     ASSERT_EQ(::stat(path().c_str(), &after), 0);
     EXPECT_EQ(before.st_ino, after.st_ino);
+    // Nor where two languages take turns.
+    noted.note("fr:", {{"#a", "Cahier"}});
+    ASSERT_EQ(::stat(path().c_str(), &before), 0);
+    for (int turn = 0; turn < 3; ++turn) {
+        names().note("de:", {{"#a", "Notizen"}});
+        names().note("fr:", {{"#a", "Cahier"}});
+    }
+    ASSERT_EQ(::stat(path().c_str(), &after), 0);
+    EXPECT_EQ(before.st_ino, after.st_ino);
 }
 
-TEST_F(LibraryNamesTest, OfTheLanguagesThatWereLookedAtLongestAgoAreForgotten) {
+TEST_F(LibraryNamesTest, OfTheLanguagesThatWereNotedLongestAgoAreForgotten) {
     for (std::size_t i = 0; i <= LibraryNames::kMostLanguages; ++i) {
         names().note(std::to_string(i), {{"#a", "name"}});
     }
