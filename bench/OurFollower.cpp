@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <future>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -10,6 +9,7 @@
 #include "bench/Follower.h"
 #include "bench/ServerProcess.h"
 #include "bench/Suite.h"
+#include "host/Changes.h"
 #include "host/ProgramContext.h"
 #include "hostframework/ItemIdentifier.h"
 #include "testing/CapturingLog.h"
@@ -36,49 +36,27 @@ Bytes bytesOfHexadecimal(const std::string& text) {
     return bytes;
 }
 
-/// Writes what is told as lines.
-class LineObserver : public hostframework::ChangeObserver {
-public:
-    explicit LineObserver(std::string& lines) : lines_(lines) {}
-    void didUpdateItems(const std::vector<hostframework::ProviderItemPtr>& items) override {
-        for (const auto& item : items) {
-            nlohmann::json json = {{"identifier", item->itemIdentifier()}, {"name", item->filename()}};
-            if (const auto size = item->documentSize()) json["size"] = *size;
-            if (const auto date = item->contentModificationDate()) {
-                const auto since = date->time_since_epoch();
-                json["mtime_ms"] = std::chrono::duration_cast<std::chrono::milliseconds>(since).count();
-            }
-            lines_ += json.dump() + "\n";
-        }
+/// What is told of one object, as a line.
+std::string lineOf(const host::ChangeReport& report) {
+    if (!report.updated) return nlohmann::json{{"gone", *report.deleted}}.dump() + "\n";
+    const auto& item = *report.updated;
+    nlohmann::json json = {{"identifier", item.itemIdentifier()}, {"name", item.filename()}};
+    if (const auto size = item.documentSize()) json["size"] = *size;
+    if (const auto date = item.contentModificationDate()) {
+        const auto since = date->time_since_epoch();
+        json["mtime_ms"] = std::chrono::duration_cast<std::chrono::milliseconds>(since).count();
     }
-    void didDeleteItemsWithIdentifiers(const std::vector<hostframework::ItemIdentifier>& identifiers) override {
-        for (const auto& identifier : identifiers) lines_ += nlohmann::json{{"gone", identifier}}.dump() + "\n";
-    }
-    void finishEnumeratingChangesUpToSyncAnchor(const hostframework::SyncAnchor& anchor, bool moreComing) override {
-        anchor_ = anchor;
-        more_ = moreComing;
-        done_.set_value(true);
-    }
-    void finishEnumeratingWithError(const Error&) override { done_.set_value(false); }
-    bool wait() { return done_.get_future().get(); }
-    const Bytes& anchor() const { return anchor_; }
-    bool more() const { return more_; }
-
-private:
-    std::string& lines_;
-    Bytes anchor_;
-    bool more_ = false;
-    std::promise<bool> done_;
-};
+    return json.dump() + "\n";
+}
 
 std::string changesSince(hostframework::ProviderEnumerator& enumerator, Bytes anchor) {
     std::string lines;
     for (bool more = true; more;) {
-        const auto observer = std::make_shared<LineObserver>(lines);
-        enumerator.enumerateChangesForObserver(observer, anchor);
-        if (!observer->wait()) return "end failed\n";
-        anchor = observer->anchor();
-        more = observer->more();
+        const auto batch = host::changesSince(enumerator, anchor);
+        if (!batch) return "end failed\n";
+        for (const auto& report : batch->reports) lines += lineOf(report);
+        anchor = batch->anchor;
+        more = batch->moreComing;
     }
     return lines + "end " + hexadecimal(anchor) + "\n";
 }
