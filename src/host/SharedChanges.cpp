@@ -9,6 +9,7 @@ using session::ChangeBatch;
 
 Result<ChangeBatch> SharedChanges::changes(const Identifier& container, const Bytes& anchor,
                                            const CurrentAnchor& currentAnchor, const Ask& ask) {
+    forgetOld();
     const Key key{container, anchor};
     if (!mayBeAskedAgain(key)) {
         // Most anchors are those of a client that is up to date, which asks for the same one again and again: they are
@@ -28,7 +29,7 @@ Result<ChangeBatch> SharedChanges::changes(const Identifier& container, const By
     std::shared_future<Batch> others;
     {
         const std::lock_guard lock(mutex_);
-        const auto now = std::chrono::steady_clock::now();
+        const auto now = clock_();
         const auto found = std::ranges::find(shared_, key, &Shared::key);
         if (found != shared_.end() && found->state == **state && now - found->begun <= kLongestKept) {
             others = found->batch;
@@ -58,6 +59,12 @@ Result<ChangeBatch> SharedChanges::changes(const Identifier& container, const By
         if (told == nullptr) promise.set_value(nullptr);
         throw;
     }
+}
+
+void SharedChanges::forgetOld() {
+    const auto now = clock_();
+    const std::lock_guard lock(mutex_);
+    std::erase_if(shared_, [&](const Shared& shared) { return now - shared.begun > kLongestKept; });
 }
 
 bool SharedChanges::mayBeAskedAgain(const Key& key) {

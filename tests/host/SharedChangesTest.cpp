@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <latch>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -56,7 +58,8 @@ protected:
         return told;
     }
 
-    SharedChanges shared_;
+    std::chrono::steady_clock::time_point clock_;
+    SharedChanges shared_{[this] { return clock_; }};
     std::optional<Bytes> now_ = anchor(1);
     int last_ = 50;
     int version_ = 1;
@@ -141,6 +144,25 @@ TEST_F(SharedChangesTest, WhoAsksMeanwhileWaitsForTheAnswer) {
     EXPECT_TRUE(ask(40));
     EXPECT_TRUE(ask(40));
     EXPECT_EQ(asked_, 3);
+}
+
+TEST_F(SharedChangesTest, WhatIsOlderIsLetGoWhoeverAsksNext) {
+    (void)follow(0);
+    std::weak_ptr<const int> held;
+    now_ = anchor(2);
+    (void)ask(20, [&]() -> Result<ChangeBatch> {
+        session::ChangeList list{{"kept", {}}};
+        static const auto pack = +[](const std::vector<session::Change>&) { return std::make_shared<const int>(1); };
+        held = list.inForm(pack);
+        return ChangeBatch{std::move(list), anchor(30), true};
+    });
+    clock_ += SharedChanges::kLongestKept;
+    (void)ask(50);
+    EXPECT_FALSE(held.expired());
+    EXPECT_EQ(ask(20)->changes[0].identifier, "kept");
+    clock_ += std::chrono::milliseconds(1);
+    (void)ask(50);
+    EXPECT_TRUE(held.expired());
 }
 
 TEST_F(SharedChangesTest, KeepsNoMoreThanItSays) {
