@@ -253,11 +253,13 @@ void busyDays(std::size_t changes, std::uint64_t seed) {
     const auto taken = std::chrono::steady_clock::now() - begin;
     EXPECT_TRUE(service.isRunning()) << service.complaints();
     // Lists that several clients are told are held for a moment; every follower's question lets go of older ones.
-    EXPECT_TRUE(within(std::chrono::seconds(20), [&] {
-        desk.change();
-        return service.footprint().descriptors <= halves[0].descriptors;
-    })) << service.footprint().descriptors << " descriptors are open, "
-        << halves[0].descriptors << " were in the first half";
+    EXPECT_TRUE(within(std::chrono::seconds(20),
+                       [&] {
+                           desk.change();
+                           return service.footprint().descriptors <= halves[0].descriptors;
+                       }))
+        << service.footprint().descriptors << " descriptors are open, " << halves[0].descriptors
+        << " were in the first half";
     EXPECT_EQ(honest.verdict(), "");
     const auto there = desk.everything();
     for (auto& follower : followers) {
