@@ -75,13 +75,3 @@ build() {
         die "Building preset $preset failed; the whole output is in build/$preset/build.log."
     fi
 }
-
-# Runs a command without address space randomization where that is allowed: the thread sanitizer of GCC 12 does not
-# find its way in the widest layouts that newer kernels use.
-fixed_layout() {
-    if setarch "$(uname -m)" -R true 2>/dev/null; then
-        setarch "$(uname -m)" -R "$@"
-    else
-        "$@"
-    fi
-}

@@ -6,6 +6,7 @@
 #include <map>
 #include <random>
 
+#include "testing/Sanitized.h"
 #include "tests/archive/RawPropertyList.h"
 #include "tests/archive/TreeOracle.h"
 #include "tests/golden/Golden.h"
@@ -19,6 +20,9 @@ using registry::Origin;
 using testing::asciiString;
 using testing::bytes;
 using testing::RawPropertyList;
+
+/// A sanitizer looks for other faults than a wrong answer, of which a few cases have as many.
+constexpr int kRounds = tarnwell::testing::kIsSanitized ? 2'000 : 20'000;
 
 /// Equal in every detail: pairs that do not count and the order of keys too.
 bool same(const Value& a, const Value& b) {
@@ -243,7 +247,7 @@ TEST(TreeOracle, AgreesOnArchivesWithSeveralBytesChanged) {
     Comparer comparer;
     Random random(2);
     const auto all = archives();
-    for (int round = 0; round < 20'000; ++round) {
+    for (int round = 0; round < kRounds; ++round) {
         Bytes changed = all[below(random, all.size())];
         for (std::size_t changes = 2 + below(random, 3); changes-- > 0;)
             changed[below(random, changed.size())] = static_cast<std::uint8_t>(random());
@@ -292,7 +296,7 @@ Bytes randomObject(Random& random, std::size_t objects) {
 TEST(TreeOracle, AgreesOnTablesOfRandomObjects) {
     Comparer comparer;
     Random random(3);
-    for (int round = 0; round < 20'000; ++round) {
+    for (int round = 0; round < kRounds; ++round) {
         RawPropertyList list;
         const std::size_t objects = 2 + below(random, 12);
         while (list.objects.size() + 1 < objects) list.objects.push_back(randomObject(random, objects));
@@ -336,7 +340,7 @@ TEST(TreeOracle, AgreesOnArchivesOfRandomObjects) {
     const char* classes[] = {"TWDate", "TWArray", "TWDictionary", "TWBundleRecord", "TWOther"};
     const char* fields[] = {"nanoseconds",       "elements", "keys", "bundleIdentifier",
                             "dataContainerPath", "origin",   "type"};
-    for (int round = 0; round < 20'000; ++round) {
+    for (int round = 0; round < kRounds; ++round) {
         Array table{"$null"};
         for (const char* name : classes) table.push_back(Dictionary{{"$classname", name}});
         const std::size_t objects = table.size() + 6;
@@ -403,15 +407,17 @@ TEST(TreeOracle, AgreesAtTheLimitOfContent) {
     for (std::size_t i = 0; i < size / 2; ++i) testing::appendNumber(wide, 0x0100, 2);
     Bytes data = testing::counted(0x40, size);
     data.resize(data.size() + size);
-    for (const Bytes& large : {asciiString(std::string(size, 'x')), wide, data})
+    std::vector<Bytes> forms{data};
+    if (!tarnwell::testing::kIsSanitized) forms.insert(forms.end(), {asciiString(std::string(size, 'x')), wide});
+    for (const Bytes& large : forms)
         for (const Bytes& small :
              {bytes({0x51, 'x'}), bytes({0x61, 0, 'x'}), bytes({0x61, 1, 0}), bytes({0x41, 0}), bytes({0x50})}) {
             std::vector<std::uint64_t> references(kMaxPlistContentBytes / size, 1);
             references.push_back(2);
             comparer.compare(RawPropertyList{.objects = {testing::referring(0xA0, references), large, small}}.build());
         }
-    EXPECT_EQ(comparer.count("read"), 3u);
-    EXPECT_EQ(comparer.count("not a property list: too much content"), 12u);
+    EXPECT_EQ(comparer.count("read"), forms.size());
+    EXPECT_EQ(comparer.count("not a property list: too much content"), 4 * forms.size());
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "platform/watch/KernelLimits.h"
+#include "testing/Sanitized.h"
 #include "tests/watch/WatchTesting.h"
 
 namespace tarnwell::watch {
@@ -137,7 +138,7 @@ TEST_P(WatcherLoadTest, ADrainEndsWhileAThreadWritesForEver) {
                 if (::pwrite(one.get(), "x", 1, 0) != 1 || ::pwrite(other.get(), "x", 1, 0) != 1) return;
             }
         });
-    for (int round = 0; round < 500; ++round) {
+    for (int round = 0; round < (testing::kIsSanitized ? 50 : 500); ++round) {
         const Drained drained = drain();
         EXPECT_LE(drained.events, mostEvents);
         EXPECT_LE(drained.hints.size(), 4U);

@@ -10,19 +10,14 @@
 
 #include "bus/client/BusSession.h"
 #include "testing/PrivateBus.h"
+#include "testing/Sanitized.h"
 #include "tour/SampleDevice.h"
 
 namespace tarnwell::load {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-/// A sanitizer keeps what was freed for a while, so that what a process holds says nothing of the program.
-inline constexpr bool kIsSanitized = true;
+using testing::kIsSanitized;
 /// By this much a limit of time is longer under a sanitizer.
-inline constexpr int kTimeFactor = 10;
-#else
-inline constexpr bool kIsSanitized = false;
-inline constexpr int kTimeFactor = 1;
-#endif
+inline constexpr int kTimeFactor = kIsSanitized ? 10 : 1;
 
 /// What a process holds, as the kernel counts it.
 struct Footprint {
