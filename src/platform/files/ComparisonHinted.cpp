@@ -86,7 +86,9 @@ Result<ComparisonRun::HintOutcome> ComparisonRun::compareHintedFolder(const Hint
     const auto place = comparer_.placeOf(session(), *row);
     if (!place) return HintOutcome::stale;
     const Job job{place->root, place->relative, row->fileID, contextOf(*row)};
-    const auto status = statusOf(job);
+    const auto handle = openHandle(job);
+    const auto status =
+        handle ? filesystem::statusOf(handle->get()) : Result<filesystem::Status>(failure(handle.error()));
     if (!isSameObject(*row, status)) return HintOutcome::stale;
     if (status->links == 0) return HintOutcome::done;
     if (isToBeRead(*row)) {
@@ -94,7 +96,8 @@ Result<ComparisonRun::HintOutcome> ComparisonRun::compareHintedFolder(const Hint
         if (auto drained = drain(std::move(jobs), Detail::everything, true); !drained) return failure(drained.error());
         return HintOutcome::done;
     }
-    return looksAtWhole(hinted, *row) ? compareHintedWhole(job) : compareHintedNames(job, *row, hinted);
+    if (looksAtWhole(hinted, *row)) return compareHintedWhole(job);
+    return compareHintedNames(job, *row, hinted, handle->get(), *status);
 }
 
 /// True for a folder that no hint tells of: one that came, or whose contents were given up when it became hidden.
@@ -116,23 +119,20 @@ Result<ComparisonRun::HintOutcome> ComparisonRun::compareHintedWhole(const Job& 
 }
 
 Result<ComparisonRun::HintOutcome> ComparisonRun::compareHintedNames(const Job& job, const ObjectRow& row,
-                                                                     const HintedFolder& hinted) {
-    const auto handle = openHandle(job);
-    const auto opened =
-        handle ? filesystem::statusOf(handle->get()) : Result<filesystem::Status>(failure(handle.error()));
-    if (!isSameObject(row, opened)) return HintOutcome::stale;
-    const auto fileSystem = comparer_.knownFileSystem(opened->device);
+                                                                     const HintedFolder& hinted, int handle,
+                                                                     const filesystem::Status& opened) {
+    const auto fileSystem = comparer_.knownFileSystem(opened.device);
     if (!fileSystem) return compareHintedWhole(job);
 
     Reading reading;
     reading.names = &hinted.names;
     reading.began = stampingClock();
     Folder folder{job, row, {}, {}, false};
-    folder.descriptor = handle->get();
+    folder.descriptor = handle;
     folder.began = reading.began;
     for (const auto& [name, isNamesChange] : hinted.names) {
         auto known = session().index().childNamed(job.folder, name);
-        const auto status = filesystem::statusAt(handle->get(), name.c_str());
+        const auto status = filesystem::statusAt(handle, name.c_str());
         // A file that was opened before it had a name is told of under one that it never had.
         if (!status && !known && !isNamesChange) return compareHintedWhole(job);
         if (known) folder.known.push_back(std::move(*known));
@@ -141,17 +141,17 @@ Result<ComparisonRun::HintOutcome> ComparisonRun::compareHintedNames(const Job& 
             return compareHintedWhole(job);
         }
         // Something is mounted there: that takes opening it.
-        if (status->device != opened->device && !comparer_.fileSystemInFolder(*status, *opened))
+        if (status->device != opened.device && !comparer_.fileSystemInFolder(*status, opened))
             return compareHintedWhole(job);
         reading.entries.push_back({name, *status, {fileSystem->number, status->inode, status->birth}});
         comparer_.objectsSeen_.fetch_add(1, std::memory_order_relaxed);
     }
     folder.matched.assign(folder.known.size(), false);
     difference(folder, reading);
-    lookAtKept(handle->get());
+    lookAtKept(handle);
 
-    if (folder.row.parent != 0 && folder.row.changed != opened->changed) {
-        noteIfChanged(folder.row, *opened);
+    if (folder.row.parent != 0 && folder.row.changed != opened.changed) {
+        noteIfChanged(folder.row, opened);
         // A package is a document with attributes of its own, which take a descriptor that is open for reading.
         if (folder.row.isDocument()) {
             if (auto package =
@@ -161,7 +161,7 @@ Result<ComparisonRun::HintOutcome> ComparisonRun::compareHintedNames(const Job& 
         }
     }
     // Its change time may be newer than what was hinted at so far.
-    if (folder.row.listed != 0 && folder.row.listed != opened->changed) {
+    if (folder.row.listed != 0 && folder.row.listed != opened.changed) {
         write();
         session().index().setListed(job.folder, 0, folder.row.entries);
     }

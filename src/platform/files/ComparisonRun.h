@@ -114,7 +114,9 @@ private:
     Result<bool> processFolder(Job job, Detail detail, std::vector<Job>* jobs);
     enum class HintOutcome { done, stale };
     Result<HintOutcome> compareHintedFolder(const HintedFolder& hinted);
-    Result<HintOutcome> compareHintedNames(const Job& job, const store::ObjectRow& row, const HintedFolder& hinted);
+    /// `handle` is the folder's, and `opened` its status before anything in it is looked at.
+    Result<HintOutcome> compareHintedNames(const Job& job, const store::ObjectRow& row, const HintedFolder& hinted,
+                                           int handle, const filesystem::Status& opened);
     Result<HintOutcome> compareHintedWhole(const Job& job);
     void noteUnwatched(const Job& job, const std::vector<Job>* jobs);
     bool isToBeRead(const store::EntryRow& folder) const;

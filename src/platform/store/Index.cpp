@@ -35,6 +35,10 @@ Index::Index(Database& database, Numbers& numbers)
       update_(database,
               "UPDATE object SET position=?, fs=?, inode=?, birth=?, docID=?, parent=?, name=?, kind=?, state=?, "
               "listed=?, entries=?, changed=?, size=?, modified=?, event=?, change=? WHERE fileID=?"),
+      updateInPlace_(database,
+                     "UPDATE object SET listed=?10, entries=?11, changed=?12, size=?13, modified=?14, event=?15, "
+                     "change=?16 WHERE fileID=?17 AND position=?1 AND fs=?2 AND inode=?3 AND birth=?4 AND docID IS ?5 "
+                     "AND parent=?6 AND name=?7 AND kind=?8 AND state=?9"),
       setListed_(database, "UPDATE object SET listed = ?, entries = ? WHERE fileID = ?"),
       setBare_(database, "UPDATE object SET kind = kind | 64 WHERE position = ? AND changed = ?"),
       setState_(database, "UPDATE object SET state = ? WHERE fileID = ?"),
@@ -206,12 +210,18 @@ void Index::insert(ObjectRow& row) {
 }
 
 void Index::update(const ObjectRow& row) {
-    folderNodes_.erase(raw(row.fileID));
-    StatementScope s(update_);
-    s->bind(1, row.position);
-    bindRow(update_, row, 2);
-    s->bind(17, raw(row.fileID));
-    s->run();
+    // Most often it was only written to. SQLite writes every index anew of which a column is named, other value or not,
+    // and each lies on a page of its own; so first a statement that names none of them.
+    for (Statement* update : {&updateInPlace_, &update_}) {
+        const std::int64_t before = database_.totalChanges();
+        StatementScope s(*update);
+        s->bind(1, row.position);
+        bindRow(*update, row, 2);
+        s->bind(17, raw(row.fileID));
+        s->run();
+        if (database_.totalChanges() != before) return;
+        folderNodes_.erase(raw(row.fileID));
+    }
 }
 
 void Index::setBare(std::uint64_t position, std::int64_t changed) {
