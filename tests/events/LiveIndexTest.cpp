@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <set>
 #include <thread>
@@ -297,6 +298,20 @@ TEST_F(LiveIndexTest, GoneObjectsAreForgottenInTheEnd) {
     catchUp();
     store::Session session(device_.store());
     EXPECT_TRUE(session.index().inState(store::ObjectState::gone, 10).empty());
+}
+
+TEST_F(LiveIndexTest, OnceItIsQuietTheStoreIsTidied) {
+    begin();
+    const std::string database = device_.store().directory() + "/index.sqlite";
+    const auto before = std::filesystem::file_size(database);
+    for (int i = 0; i < 4'000; ++i) writeFile(device_.path("a file of many " + std::to_string(i)), "");
+    // By hand, so that its own look finds nothing left to do: a quiet moment is one all the same.
+    catchUp();
+    const auto isTidied = [&] { return std::filesystem::file_size(database) > before + 500 * 1024; };
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!isTidied() && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_TRUE(isTidied());
 }
 
 TEST_F(LiveIndexTest, FortyThousandFilesInABurst) {

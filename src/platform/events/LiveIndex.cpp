@@ -16,6 +16,8 @@ namespace {
 
 /// Hints are left to gather for so long, so that what a program does in one go is looked at in one go.
 constexpr int kGatheringMilliseconds = 10;
+/// When nothing has been heard of for so long, nobody is at it for the moment.
+constexpr int kQuietMilliseconds = 50;
 /// From one look at the folders that cannot be watched to the next, at least.
 constexpr std::chrono::milliseconds kPollInterval{2000};
 /// Folders that move while they are looked for are looked for so often, now and with the next hints.
@@ -49,28 +51,49 @@ Result<void> LiveIndex::begin() {
 void LiveIndex::end() {
     live_.store(false);
     comparer_.setWatch(nullptr);
+    wakeUp();
+    if (thread_.joinable()) thread_.join();
+}
+
+void LiveIndex::wakeUp() {
     const std::uint64_t one = 1;
     (void)!write(wakeUp_.get(), &one, sizeof one);
-    if (thread_.joinable()) thread_.join();
 }
 
 void LiveIndex::run() {
     std::array<pollfd, 2> waited{{{watcher_->descriptor(), POLLIN, 0}, {wakeUp_.get(), POLLIN, 0}}};
-    const auto wasToldToEnd = [&](int milliseconds) { return poll(&waited[1], 1, milliseconds) > 0; };
+    /// Ends early when it is woken. False when that was to end.
+    const auto rest = [&](int milliseconds) {
+        std::uint64_t woken = 0;
+        if (poll(&waited[1], 1, milliseconds) > 0) (void)!read(wakeUp_.get(), &woken, sizeof woken);
+        return live_.load();
+    };
     auto took = std::chrono::milliseconds(0);
     while (live_) {
         // What is only polled may take a tenth of the time.
         const bool polls = pollsNames_.load() || !isComplete();
         const int longest = !polls ? -1 : static_cast<int>(std::max(kPollInterval, took * 10).count());
-        if (poll(waited.data(), waited.size(), longest) < 0 && errno != EINTR) return;
-        if (wasToldToEnd(kGatheringMilliseconds)) return;
-        const auto began = std::chrono::steady_clock::now();
-        if (!catchUp() && wasToldToEnd(kRetryMilliseconds)) return;
-        took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - began);
+        const int woken = poll(waited.data(), waited.size(), longest);
+        if (woken < 0 && errno != EINTR) return;
+        const bool looks = woken == 0 || waited[0].revents != 0;
+        if (!rest(looks ? kGatheringMilliseconds : 0)) return;
+        if (looks) {
+            const auto began = std::chrono::steady_clock::now();
+            if (!look() && !rest(kRetryMilliseconds)) return;
+            took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - began);
+        }
+        if (poll(waited.data(), waited.size(), kQuietMilliseconds) == 0) comparer_.tidyStore();
     }
 }
 
 Result<void> LiveIndex::catchUp() {
+    auto looked = look();
+    // Its thread, which heard of nothing then, waits for a quiet moment.
+    if (comparer_.isStoreUntidy()) wakeUp();
+    return looked;
+}
+
+Result<void> LiveIndex::look() {
     const std::lock_guard applying(applyMutex_);
     auto applied = apply();
     if (!applied) knowsNothing_ = true;

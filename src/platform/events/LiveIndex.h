@@ -59,6 +59,8 @@ public:
 private:
     using Pending = std::unordered_map<FileID, files::HintedFolder>;
     void run();
+    void wakeUp();
+    Result<void> look();
     Result<void> apply();
     bool takeHints(Pending& pending);
     void addPolled(Pending& pending);
@@ -76,7 +78,7 @@ private:
     mutable std::mutex mutex_;
     std::set<FileID> polled_;  ///< under mutex_
     std::atomic<std::uint64_t> overflows_{0}, events_{0};
-    Descriptor wakeUp_;  ///< readable when the thread is to end
+    Descriptor wakeUp_;  ///< readable when the thread is to end, or to wait for a quiet moment
     std::thread thread_;
 };
 

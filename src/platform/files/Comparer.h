@@ -89,6 +89,9 @@ public:
     /// Forgets for good the objects that are gone. To be called when no hint of the last kSavingTime is left to look
     /// at.
     Result<void> purgeGone();
+    /// For a moment when nothing happens: does what the store puts off until then.
+    void tidyStore() { store_.tidy(); }
+    bool isStoreUntidy() const { return store_.isUntidy(); }
     /// How long a program may take between putting the old version of a document away and the new one in its place.
     static constexpr std::chrono::seconds kSavingTime{5};
 

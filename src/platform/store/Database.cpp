@@ -12,6 +12,9 @@ Error makeError(StoreError code, std::string message) {
 
 namespace {
 
+/// Ten megabytes: what a commit that goes on without a pause lets the log grow to.
+constexpr std::size_t kMostPagesAhead = 2500;
+
 Error errorFor(int code, const std::string& path, const std::string& what) {
     int primary = code & 0xff;
     if (primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB) {
@@ -46,6 +49,7 @@ Result<std::unique_ptr<Database>> Database::open(const std::string& path) {
     database->execute("PRAGMA temp_store=MEMORY");
     database->execute("PRAGMA trusted_schema=OFF");
     if (auto error = database->takeError()) return failure(*error);
+    sqlite3_wal_hook(database->handle_, noteCommit, database.get());
     return database;
 }
 
@@ -57,6 +61,18 @@ void Database::execute(const char* sql) {
     if (error_) return;
     int code = sqlite3_exec(handle_, sql, nullptr, nullptr, nullptr);
     if (code != SQLITE_OK) fail(code, sql);
+}
+
+int Database::noteCommit(void* self, sqlite3*, const char*, int pages) {
+    auto& database = *static_cast<Database*>(self);
+    database.pagesAhead_ = static_cast<std::size_t>(pages);
+    if (database.pagesAhead() >= kMostPagesAhead) database.checkpoint();
+    return SQLITE_OK;
+}
+
+void Database::checkpoint() {
+    sqlite3_wal_checkpoint_v2(handle_, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    pagesAhead_ = 0;
 }
 
 std::optional<Error> Database::takeError() {

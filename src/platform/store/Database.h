@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -83,6 +85,11 @@ public:
     const std::optional<Error>& error() const { return error_; }
     /// Returns and forgets the failure.
     std::optional<Error> takeError();
+    /// Pages that were written to the log ahead of the file itself. When there are many, a commit brings them to their
+    /// places, which waits for the disk; see `checkpoint`. Any thread.
+    std::size_t pagesAhead() const { return pagesAhead_.load(std::memory_order_relaxed); }
+    /// Brings them there at a time that the caller chooses. A failure leaves them where they are, which is as safe.
+    void checkpoint();
     /// Rows changed by statements since the connection was opened.
     std::int64_t totalChanges() const;
     sqlite3* handle() const { return handle_; }
@@ -91,9 +98,11 @@ private:
     friend class Statement;
     Database() = default;
     void fail(int code, const char* what);
+    static int noteCommit(void* self, sqlite3* handle, const char* name, int pages);
     sqlite3* handle_ = nullptr;
     std::string path_;
     std::optional<Error> error_;
+    std::atomic<std::size_t> pagesAhead_ = 0;
 };
 
 }  // namespace tarnwell::store

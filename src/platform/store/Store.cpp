@@ -18,6 +18,7 @@ constexpr const char* kDatabaseName = "index.sqlite";
 constexpr const char* kDamageMark = "damaged";
 /// Up to this size the whole file is checked at each start; a larger one after an unclean end.
 constexpr off_t kAlwaysCheckedBytes = 4 << 20;
+constexpr std::size_t kMuchAhead = 500;  // pages
 
 constexpr const char* kSchema = R"sql(
 CREATE TABLE meta(key TEXT PRIMARY KEY, value) WITHOUT ROWID;
@@ -234,6 +235,13 @@ void Store::keepCompared() {
     Statement keep(*database_, "INSERT OR REPLACE INTO meta(key, value) VALUES('compared', ?)");
     keep.bindSigned(1, when).run();
 }
+
+void Store::tidy() {
+    const std::unique_lock lock(mutex_, std::try_to_lock);
+    if (lock && isUntidy()) database_->checkpoint();
+}
+
+bool Store::isUntidy() const { return database_->pagesAhead() >= kMuchAhead; }
 
 void Store::setCommitListener(std::function<void()> listener) {
     std::lock_guard lock(listenerMutex_);

@@ -65,6 +65,11 @@ public:
         return when != 0 ? std::optional(when) : std::nullopt;
     }
 
+    /// Brings what was written ahead to its place, where it is much and nobody uses the store. To be called in quiet
+    /// moments: it waits for the disk, and so would the commit that it spares that. Any thread.
+    void tidy();
+    bool isUntidy() const;
+
     /// Called after a commit that recorded events, outside the store's mutex, on the committing thread.
     void setCommitListener(std::function<void()> listener);
 
