@@ -4,9 +4,14 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <functional>
+#include <optional>
 #include <set>
+#include <string>
+#include <vector>
 
 #include "testing/InChild.h"
 #include "tests/operations/OperationsFixture.h"
@@ -27,6 +32,13 @@ std::string withOther(const std::string& base, const char* options,
         for (const std::string& left : temporariesBelow(base)) wrong += "; left: " + left;
         if (at.records() != 0) wrong += "; records are left";
         return wrong;
+    });
+}
+
+/// Shell commands, until one fails.
+bool runs(const std::vector<std::string>& commands) {
+    return std::ranges::all_of(commands, [](const std::string& command) {
+        return std::system(("{ " + command + "; } >/dev/null 2>&1").c_str()) == 0;
     });
 }
 
@@ -256,29 +268,129 @@ TEST(OtherFileSystems, AReadOnlyOneIsARefusal) {
     }));
 }
 
-/// On a file system that takes "a" and "A" for one name, where this machine can make one.
-TEST(OtherFileSystems, ANameMaySpellItselfInAnotherCase) {
-    const testing::TemporaryDirectory directory;
+TEST(OtherFileSystems, AShareThatIsUsedUpIsSaidAndNothingStays) {
+    const testing::TemporaryDirectory directory, images;
     EXPECT_NOTHING_WRONG(testing::inChild([&]() -> std::string {
         if (const auto reason = testing::becomeOwnerOfMounts()) return "skip: " + *reason;
         Workplace at(directory.path());
         at.folder("other");
-        if (::mount("tarnwell", at.path("other").c_str(), "tmpfs", 0, "casefold") != 0) {
-            return "skip: no tmpfs that ignores case";
+        const std::string image = images.path("image"), other = at.path("other");
+        if (!runs({"truncate -s 256M '" + image + "'", "mkfs.btrfs -q '" + image + "'",
+                   "mount -o loop '" + image + "' '" + other + "'", "btrfs quota enable '" + other + "'",
+                   "btrfs qgroup limit 4M '" + other + "'"})) {
+            return "skip: no btrfs with shares";
         }
-        at.folder("other/names");
-        if (std::system(("chattr +F '" + at.path("other/names") + "'").c_str()) != 0) return "skip: no chattr +F";
+        at.file("large", std::string(std::size_t{16} << 20, 'x'));
+        at.file("folder/large", std::string(std::size_t{16} << 20, 'x'));
+        const auto before = at.tree();
+        for (const char* name : {"large", "folder"}) {
+            const auto moved = moveItem(*at.context, at.place(name), at.place("other"), name);
+            const auto imported = importItem(*at.context, at.path(name), at.place("other"));
+            for (const auto* result : {&moved, &imported}) {
+                if (*result) return "done";
+                if (!result->error().is(ErrorDomain::posix, EDQUOT)) return describe(result->error());
+                if (sentence(*result).find("your share of the file system of the folder \"" + other +
+                                           "\" is used up") == std::string::npos) {
+                    return sentence(*result);
+                }
+            }
+            if (at.tree() != before) return "something changed";
+        }
+        return at.records() == 0 ? "" : "records are left";
+    }));
+}
+
+/// A file system that takes "a" and "A" for one name: of those that this machine can make, or nothing.
+std::optional<std::string> mountWithoutCase(const std::string& folder, const std::string& image) {
+    const std::string names = folder + "/names";
+    if (::mount("tarnwell", folder.c_str(), "tmpfs", 0, "casefold") == 0) {
+        if (::mkdir(names.c_str(), 0755) == 0 && runs({"chattr +F '" + names + "'"})) return "tmpfs";
+        ::umount(folder.c_str());
+    }
+    // What a stick or a camera's card has; without numbers of its own for files, and without attributes.
+    if (runs({"truncate -s 64M '" + image + "'", "mkfs.exfat '" + image + "'",
+              "device=$(losetup --find --show '" + image + "') && mount.exfat-fuse \"$device\" '" + folder +
+                  "'; mounted=$?; losetup -d \"$device\"; exit $mounted",
+              "mkdir '" + names + "'"})) {
+        return "exfat";
+    }
+    return std::nullopt;
+}
+
+/// No second names for a file, no rename that spares what stands, no attributes, no numbers that last.
+TEST(OtherFileSystems, OnAStickEverythingIsDoneAsElsewhere) {
+    const testing::TemporaryDirectory directory, images;
+    EXPECT_NOTHING_WRONG(testing::inChild([&]() -> std::string {
+        if (const auto reason = testing::becomeOwnerOfMounts()) return "skip: " + *reason;
+        Workplace at(directory.path());
+        at.folder("other");
+        const auto kind = mountWithoutCase(at.path("other"), images.path("image"));
+        if (kind != "exfat") return "skip: no exFAT";
+        const Context& context = *at.context;
+        at.file("a.txt", "a");
+        at.file("folder/inner/b.txt", "b");
+        std::string wrong;
+        const auto check = [&](const char* what, const auto& done, const std::string& relative) {
+            if (!done) {
+                wrong += std::string(what) + ": " + describe(done.error()) + "; ";
+            } else if (done->relative != relative) {
+                wrong += std::string(what) + " is at " + done->relative + "; ";
+            }
+        };
+        check("an import", importItem(context, at.path("a.txt"), at.place("other")), "other/a.txt");
+        check("an import of a folder", importItem(context, at.path("folder"), at.place("other")), "other/folder");
+        check("a rename", renameItem(context, at.place("other/a.txt"), "c.txt"), "other/c.txt");
+        check("a new folder", makeFolder(context, at.place("other"), "new"), "other/new");
+        check("a rename of a folder", renameItem(context, at.place("other/new"), "newer"), "other/newer");
+        check("a move", moveItem(context, at.place("other/c.txt"), at.place("other/newer"), "c.txt"),
+              "other/newer/c.txt");
+        check("a move in", moveItem(context, at.place("a.txt"), at.place("other"), "a.txt"), "other/a.txt");
+        check("a move of a folder", moveItem(context, at.place("other/folder"), at.place("other/newer"), "folder"),
+              "other/newer/folder");
+        check("a move out", moveItem(context, at.place("other/newer/folder"), at.place(""), "out"), "out");
+        const auto taken = renameItem(context, at.place("other/a.txt"), "newer");
+        if (taken || !taken.error().is(ErrorDomain::generalFile, kFileExists)) wrong += "no collision; ";
+        const auto over = moveItem(context, at.place("other/newer/c.txt"), at.place("other"), "a.txt");
+        if (over || !over.error().is(ErrorDomain::generalFile, kFileExists)) wrong += "moved over another; ";
+        if (!removeItem(context, at.place("other/a.txt"))) wrong += "not removed; ";
+        if (at.read("other/newer/c.txt") + at.read("out/inner/b.txt") != "ab") wrong += "another content; ";
+        const auto left = treeOf(at.path("other"));
+        if (left.size() != 3 || !left.contains("newer") || !left.contains("names")) wrong += "something is left; ";
+        if (at.records() != 0) wrong += "records are left";
+        return wrong;
+    }));
+}
+
+TEST(OtherFileSystems, ANameMaySpellItselfInAnotherCase) {
+    const testing::TemporaryDirectory directory, images;
+    EXPECT_NOTHING_WRONG(testing::inChild([&]() -> std::string {
+        if (const auto reason = testing::becomeOwnerOfMounts()) return "skip: " + *reason;
+        Workplace at(directory.path());
+        at.folder("other");
+        const auto kind = mountWithoutCase(at.path("other"), images.path("image"));
+        if (!kind) return "skip: no file system that ignores case";
         at.file("other/names/a.txt", "text");
         at.folder("other/names/folder");
         at.file("other/names/taken", "taken");
+        at.file("b.txt", "b");
         const auto renamed = renameItem(*at.context, at.place("other/names/a.txt"), "A.TXT");
-        if (!renamed) return describe(renamed.error());
+        if (!renamed) return *kind + ": " + describe(renamed.error());
         const auto folder = renameItem(*at.context, at.place("other/names/folder"), "Folder");
-        if (!folder) return describe(folder.error());
-        const auto taken = renameItem(*at.context, at.place("other/names/A.TXT"), "TAKEN");
-        if (taken || !taken.error().is(ErrorDomain::generalFile, kFileExists)) return "no collision";
+        if (!folder) return *kind + ": " + describe(folder.error());
+        for (const char* name : {"TAKEN", "FOLDER"}) {
+            const auto taken = renameItem(*at.context, at.place("other/names/A.TXT"), name);
+            if (taken || !taken.error().is(ErrorDomain::generalFile, kFileExists)) return *kind + ": no collision";
+            const auto made = makeFolder(*at.context, at.place("other/names"), name);
+            if (made || !made.error().is(ErrorDomain::generalFile, kFileExists)) return *kind + ": made over another";
+            const auto moved = moveItem(*at.context, at.place("b.txt"), at.place("other/names"), name);
+            if (moved || !moved.error().is(ErrorDomain::generalFile, kFileExists)) return *kind + ": moved over it";
+        }
         const auto tree = treeOf(at.path("other/names"));
-        if (!tree.contains("A.TXT") || !tree.contains("Folder") || tree.size() != 3) return "not respelled";
+        if (!tree.contains("A.TXT") || !tree.contains("Folder") || !tree.contains("taken") || tree.size() != 3) {
+            return *kind + ": not respelled";
+        }
+        const auto moved = moveItem(*at.context, at.place("b.txt"), at.place("other/names"), "B.txt");
+        if (!moved) return *kind + ": " + describe(moved.error());
         return at.records() == 0 ? "" : "records are left";
     }));
 }

@@ -3,6 +3,10 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <chrono>
+#include <thread>
+
 #include "platform/operations/Announced.h"
 #include "platform/operations/CrossDevice.h"
 #include "platform/operations/EntryNames.h"
@@ -16,27 +20,46 @@ namespace {
 
 constexpr const char* kCannot = "be moved";
 
-/// True when both names are one entry, as "a" and "A" are where case does not count. Another name of a file with
-/// several is another entry.
-bool isSameEntry(const OpenItem& item, const OpenFolder& folder, const std::string& name) {
-    if (!isSameObject(item.folder.status, folder.status)) return false;
-    const auto there = filesystem::statusAt(folder.get(), name.c_str());
-    if (!there || !isSameObject(*there, item.status)) return false;
-    if (S_ISDIR(item.status.mode) || item.status.links == 1) return true;
-    // A file with several names: whether this one is listed as such decides.
+/// Of a name to which something is to be moved, and under which something stands.
+enum class Standing {
+    another,
+    itself,        ///< both names are one entry, as "a" and "A" are where case does not count
+    itselfPerhaps  ///< where an object has another number under each spelling of its name
+};
+
+/// A file system in user space may forget only after a second that there was something under another spelling.
+constexpr std::chrono::milliseconds kSpellingIsRemembered{1500};
+
+bool lists(const OpenFolder& folder, const std::string& name) {
     auto open = filesystem::openBeneath(folder.get(), {}, O_RDONLY | O_DIRECTORY);
-    if (!open) return false;
+    if (!open) return true;
     filesystem::DirectoryReader reader(open->get());
     filesystem::DirectoryEntry entry;
     for (;;) {
         const auto more = reader.next(entry);
-        if (!more || entry.name == name) return false;
-        if (!*more) return true;
+        if (!more || entry.name == name) return true;
+        if (!*more) return false;
     }
 }
 
-/// Another way to write the same name: in two steps, since the kernel takes the second name for the first.
-Result<void> respell(const Context& context, const OpenItem& item, const std::string& name) {
+Standing standing(const OpenItem& item, const OpenFolder& folder, const std::string& name) {
+    if (!isSameObject(item.folder.status, folder.status)) return Standing::another;
+    const auto there = filesystem::statusAt(folder.get(), name.c_str());
+    if (!there) return Standing::another;
+    if (isSameObject(*there, item.status)) {
+        // Another name of a file with several is another entry: whether it is listed as such decides.
+        if (S_ISDIR(item.status.mode) || item.status.links == 1) return Standing::itself;
+        return lists(folder, name) ? Standing::another : Standing::itself;
+    }
+    const bool looksAlike = there->device == item.status.device && there->mode == item.status.mode &&
+                            there->size == item.status.size && there->modified == item.status.modified;
+    return looksAlike && !lists(folder, name) ? Standing::itselfPerhaps : Standing::another;
+}
+
+/// Another way to write the same name: in two steps, since the kernel takes the second name for the first. Where it was
+/// the name of something else, that is found by the second step, and the first one undone.
+Result<void> respell(const Context& context, const OpenItem& item, const std::string& name,
+                     std::chrono::milliseconds patience) {
     const bool isFolder = S_ISDIR(item.status.mode);
     auto scratch = Scratch::reserve(context.store, item.folder, store::TemporaryKind::aside, item.name);
     if (!scratch) return failure(scratch.error());
@@ -46,7 +69,13 @@ Result<void> respell(const Context& context, const OpenItem& item, const std::st
         scratch->forget();
         return done;
     }
-    done = renameWithoutReplacing(folder, scratch->name(), folder, name, isFolder);
+    const auto end = std::chrono::steady_clock::now() + patience;
+    for (;;) {
+        done = renameWithoutReplacing(folder, scratch->name(), folder, name, isFolder);
+        const bool isTaken = !done && done.error().is(ErrorDomain::posix, EEXIST);
+        if (!isTaken || std::chrono::steady_clock::now() >= end) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
     if (done || renameWithoutReplacing(folder, scratch->name(), folder, item.name, isFolder)) scratch->forget();
     return done;
 }
@@ -57,15 +86,17 @@ Result<void> put(const Context& context, const OpenItem& item, const OpenFolder&
     if (options.aboutToAppear) {
         // The kernel is asked first, since what is told costs more.
         const auto there = filesystem::statusAt(folder.get(), name.c_str());
-        if (there && !isSameEntry(item, folder, name)) return failure(posixError(EEXIST));
+        if (there && standing(item, folder, name) == Standing::another) return failure(posixError(EEXIST));
         options.aboutToAppear(item.status, name);
     }
     Announced announced(context);
     announced.take(item.folder.status, item.name, item.status);
     announced.give(folder.status, name, item.status);
     auto done = renameWithoutReplacing(item.folder.get(), item.name, folder.get(), name, S_ISDIR(item.status.mode));
-    if (!done && done.error().is(ErrorDomain::posix, EEXIST) && isSameEntry(item, folder, name)) {
-        done = respell(context, item, name);
+    if (!done && done.error().is(ErrorDomain::posix, EEXIST)) {
+        const Standing what = standing(item, folder, name);
+        const auto patience = what == Standing::itselfPerhaps ? kSpellingIsRemembered : std::chrono::milliseconds(0);
+        if (what != Standing::another) done = respell(context, item, name, patience);
     }
     return announced.madeIf(std::move(done));
 }

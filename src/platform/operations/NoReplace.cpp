@@ -4,16 +4,44 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
+#include "platform/base/Descriptor.h"
 #include "platform/base/SystemCall.h"
 #include "platform/operations/OpenFolder.h"
 
 namespace tarnwell::operations {
 namespace {
 
+/// True where the file system has no second names, as those of sticks and cameras.
+bool hasNoLinks(int error) { return error == EPERM || error == EOPNOTSUPP || error == ENOSYS || error == EINVAL; }
+
+/// A file takes the place of an empty one that was made for it. Whoever finds that one and writes to it meanwhile keeps
+/// it.
+Result<void> renameOverEmptyFile(int folder, const char* name, int newFolder, const char* newName) {
+    const Descriptor place(static_cast<int>(untilNotInterrupted(
+        [&] { return ::openat(newFolder, newName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600); })));
+    if (place.get() < 0) return failedCall();
+    const auto made = filesystem::statusOf(place.get());
+    const auto isAsMade = [&] {
+        const auto there = filesystem::statusAt(newFolder, newName);
+        const auto now = filesystem::statusOf(place.get());
+        return made && there && now && isSameObject(*there, *made) && now->size == 0;
+    };
+    Result<void> done = failure(posixError(EEXIST));
+    if (isAsMade()) {
+        if (untilNotInterrupted([&] { return ::renameat(folder, name, newFolder, newName); }) == 0) return {};
+        done = failedCall();
+    }
+    if (isAsMade()) (void)::unlinkat(newFolder, newName, 0);
+    return done;
+}
+
 Result<void> linkThenUnlink(int folder, const char* name, int newFolder, const char* newName) {
-    if (untilNotInterrupted([&] { return ::linkat(folder, name, newFolder, newName, 0); }) != 0) return failedCall();
+    if (untilNotInterrupted([&] { return ::linkat(folder, name, newFolder, newName, 0); }) != 0) {
+        return hasNoLinks(errno) ? renameOverEmptyFile(folder, name, newFolder, newName) : failedCall();
+    }
     // A first name that somebody gave to something else meanwhile is theirs; then this one is only a second name.
     const auto old = filesystem::statusAt(folder, name), put = filesystem::statusAt(newFolder, newName);
     if (old && put && !isSameObject(*old, *put)) return {};
