@@ -39,6 +39,10 @@ Index::Index(Database& database, Numbers& numbers)
                      "UPDATE object SET listed=?10, entries=?11, changed=?12, size=?13, modified=?14, event=?15, "
                      "change=?16 WHERE fileID=?17 AND position=?1 AND fs=?2 AND inode=?3 AND birth=?4 AND docID IS ?5 "
                      "AND parent=?6 AND name=?7 AND kind=?8 AND state=?9"),
+      updateName_(database,
+                  "UPDATE object SET name=?7, kind=?8, state=?9, listed=?10, entries=?11, changed=?12, size=?13, "
+                  "modified=?14, event=?15, change=?16 WHERE fileID=?17 AND position=?1 AND fs=?2 AND inode=?3 AND "
+                  "birth=?4 AND docID IS ?5 AND parent=?6"),
       setListed_(database, "UPDATE object SET listed = ?, entries = ? WHERE fileID = ?"),
       setBare_(database, "UPDATE object SET kind = kind | 64 WHERE position = ? AND changed = ?"),
       setState_(database, "UPDATE object SET state = ? WHERE fileID = ?"),
@@ -210,9 +214,10 @@ void Index::insert(ObjectRow& row) {
 }
 
 void Index::update(const ObjectRow& row) {
-    // Most often it was only written to. SQLite writes every index anew of which a column is named, other value or not,
-    // and each lies on a page of its own; so first a statement that names none of them.
-    for (Statement* update : {&updateInPlace_, &update_}) {
+    // Most often it was only written to, or it has another name in the same folder. SQLite writes every index anew of
+    // which a column is named, other value or not, and each lies on a page of its own; so first statements that name
+    // few of them, and change nothing where another column differs.
+    for (Statement* update : {&updateInPlace_, &updateName_, &update_}) {
         const std::int64_t before = database_.totalChanges();
         StatementScope s(*update);
         s->bind(1, row.position);

@@ -166,7 +166,7 @@ private:
     Numbers& numbers_;
     std::unordered_map<std::uint64_t, FolderNode> folderNodes_;
     Statement byFileID_, byIdentity_, byDocument_, children_, allChildren_, childNamed_, folders_, positions_, insert_,
-        update_, updateInPlace_, setListed_, setBare_, setState_, issued_, linksIn_, linksOf_;
+        update_, updateInPlace_, updateName_, setListed_, setBare_, setState_, issued_, linksIn_, linksOf_;
 };
 
 }  // namespace tarnwell::store
