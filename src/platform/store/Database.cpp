@@ -4,6 +4,8 @@
 
 #include <sqlite3.h>
 
+#include "platform/store/PageChecksums.h"
+
 namespace tarnwell::store {
 
 Error makeError(StoreError code, std::string message) {
@@ -17,7 +19,7 @@ constexpr std::size_t kMostPagesAhead = 2500;
 
 Error errorFor(int code, const std::string& path, const std::string& what) {
     int primary = code & 0xff;
-    if (primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB) {
+    if (primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB || code == SQLITE_IOERR_DATA) {
         return makeError(StoreError::damaged, "the database " + path + " is damaged (" + what + ")");
     }
     if (primary == SQLITE_FULL) {
@@ -33,12 +35,13 @@ Result<std::unique_ptr<Database>> Database::open(const std::string& path) {
     database->path_ = path;
     int code = sqlite3_open_v2(path.c_str(), &database->handle_,
                                SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW,
-                               nullptr);
+                               checksumLayer());
     if (code != SQLITE_OK) {
         std::string why = database->handle_ != nullptr ? sqlite3_errmsg(database->handle_) : "no memory";
         return failure(errorFor(code, path, why));
     }
     sqlite3_extended_result_codes(database->handle_, 1);
+    reserveChecksums(database->handle_);
     // The owner's lock keeps other processes out, so the connection may keep the file locked and needs no shared
     // memory.
     database->execute("PRAGMA locking_mode=EXCLUSIVE");
