@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+
 #include "platform/filesystem/Beneath.h"
 #include "platform/store/Store.h"
 #include "platform/watch/KernelLimits.h"
@@ -57,7 +59,10 @@ Result<session::Status> statusOf(ProgramContext& context) {
         status.roots.push_back(std::move(one));
     }
     if (live) {
-        for (const auto& source : live->sources) status.watches += source.watches;
+        for (const auto& source : live->sources) {
+            status.watches += source.watches;
+            status.queued = std::max<std::uint64_t>(status.queued, source.queued);
+        }
         status.overflows = live->overflows;
         status.polledFolders = live->polledFolders;
     }

@@ -297,6 +297,7 @@ TEST_F(SessionOverTheBusTest, TrashesPicturesApplicationsSearchAndStatus) {
     session::Status status;
     status.roots = {{"/r/\xff", true, "fanotify", "inotify"}, {"/s", false, "comparing", "comparing"}};
     status.watches = 1;
+    status.queued = 14;
     status.queueLimit = 2;
     status.overflows = 3;
     status.polledFolders = 4;
@@ -320,12 +321,13 @@ TEST_F(SessionOverTheBusTest, TrashesPicturesApplicationsSearchAndStatus) {
     EXPECT_EQ(state->roots[0].source, "fanotify");
     EXPECT_EQ(state->roots[0].liveSource, "inotify");
     EXPECT_FALSE(state->roots[1].isAvailable);
-    EXPECT_EQ(std::tie(state->watches, state->queueLimit, state->overflows, state->polledFolders, state->storeDirectory,
-                       state->storeUUID, state->storeOrigin, state->objects, state->databaseBytes, state->journalBegin,
-                       state->journalEnd, state->departures, state->lastCompared),
-              std::tie(status.watches, status.queueLimit, status.overflows, status.polledFolders, status.storeDirectory,
-                       status.storeUUID, status.storeOrigin, status.objects, status.databaseBytes, status.journalBegin,
-                       status.journalEnd, status.departures, status.lastCompared));
+    EXPECT_EQ(
+        std::tie(state->watches, state->queued, state->queueLimit, state->overflows, state->polledFolders,
+                 state->storeDirectory, state->storeUUID, state->storeOrigin, state->objects, state->databaseBytes,
+                 state->journalBegin, state->journalEnd, state->departures, state->lastCompared),
+        std::tie(status.watches, status.queued, status.queueLimit, status.overflows, status.polledFolders,
+                 status.storeDirectory, status.storeUUID, status.storeOrigin, status.objects, status.databaseBytes,
+                 status.journalBegin, status.journalEnd, status.departures, status.lastCompared));
     EXPECT_EQ(state->search->items, 10U);
     EXPECT_EQ(state->search->databaseBytes, 11U);
     EXPECT_EQ(state->search->caughtUp, dateOf(12));

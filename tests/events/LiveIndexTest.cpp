@@ -304,7 +304,7 @@ TEST_F(LiveIndexTest, OnceItIsQuietTheStoreIsTidied) {
     begin();
     const std::string database = device_.store().directory() + "/index.sqlite";
     const auto before = std::filesystem::file_size(database);
-    for (int i = 0; i < 4'000; ++i) writeFile(device_.path("a file of many " + std::to_string(i)), "");
+    for (int i = 0; i < 12'000; ++i) writeFile(device_.path("a file of many " + std::to_string(i)), "");
     // By hand, so that its own look finds nothing left to do: a quiet moment is one all the same.
     catchUp();
     const auto isTidied = [&] { return std::filesystem::file_size(database) > before + 500 * 1024; };

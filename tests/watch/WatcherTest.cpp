@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <sys/stat.h>
@@ -41,6 +42,24 @@ TEST_P(WatcherTest, TheDescriptorIsReadableWhileThereIsSomethingToDrain) {
     watcher_->unwatch(FileID{1});
     drain();
     EXPECT_FALSE(isReadable(*watcher_));
+}
+
+TEST_P(WatcherTest, ItSaysHowManyEventsWait) {
+    const auto queued = [&] {
+        std::size_t events = 0;
+        for (const SourceStatus& source : watcher_->sources()) events = std::max(events, source.queued);
+        return events;
+    };
+    // A mark on a whole file system is told of what others do there, too.
+    const bool isAlone = std::string_view(GetParam().name).find("FileSystem") == std::string_view::npos;
+    watch("", 1);
+    (void)drain();
+    EXPECT_TRUE(!isAlone || queued() == 0);
+    for (int i = 0; i < 10; ++i) makeNode(path("node " + std::to_string(i)));
+    EXPECT_GE(queued(), 10u);
+    EXPECT_TRUE(!isAlone || queued() == 10) << queued();
+    (void)drain();
+    EXPECT_TRUE(!isAlone || queued() == 0);
 }
 
 TEST_P(WatcherTest, WhatHappenedBeforeTheWatchIsNotTold) {

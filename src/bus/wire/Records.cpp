@@ -380,6 +380,7 @@ void write(Writer& writer, const session::Status& status) {
     });
     entries.end();
     entries.number("watches", status.watches);
+    entries.number("queued", status.queued);
     entries.number("queueLimit", status.queueLimit);
     entries.number("overflows", status.overflows);
     entries.number("polledFolders", status.polledFolders);
@@ -415,6 +416,7 @@ session::Status readStatus(Reader& reader) {
         if (type == "t") {
             const std::uint64_t value = reader.uint64();
             if (key == "watches") return status.watches = value, true;
+            if (key == "queued") return status.queued = value, true;
             if (key == "queueLimit") return status.queueLimit = value, true;
             if (key == "overflows") return status.overflows = value, true;
             if (key == "polledFolders") return status.polledFolders = value, true;

@@ -42,6 +42,7 @@ private:
         }
         output.line(jsonLine({{"watches", status.watches},
                               {"polledFolders", status.polledFolders},
+                              {"queued", status.queued},
                               {"queueLimit", status.queueLimit},
                               {"overflows", status.overflows},
                               {"objects", status.objects},
@@ -96,7 +97,7 @@ private:
         facts.add({{"watches"},
                    {grouped(status.watches) + " directories, " + grouped(status.polledFolders) + " only polled"}});
         facts.add({{"kernel queue"},
-                   {"up to " + grouped(status.queueLimit) + " events, overflowed " + grouped(status.overflows) +
+                   {grouped(status.queued) + " of " + grouped(status.queueLimit) + " events, overflowed " + grouped(status.overflows) +
                     " times in this run"}});
         facts.write(output);
     }

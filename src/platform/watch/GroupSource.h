@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/fanotify.h>
+
 #include <vector>
 
 #include "platform/watch/FanotifyGroup.h"
@@ -14,6 +16,8 @@ public:
     void unwatch(FileID number) override { group_.remove(number); }
     bool isWatched(FileID number) const override { return group_.isWatched(number); }
     std::size_t watches() const override { return group_.watches(); }
+    /// The head of an event, whatever names follow it.
+    std::size_t bytesOfEvent() const override { return FAN_EVENT_METADATA_LEN; }
     std::vector<FileID> numbers() const override { return group_.numbers(); }
     Result<void> drain(HintCollector& collector) override { return group_.drain(collector); }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/inotify.h>
+
 #include <memory>
 #include <unordered_map>
 #include <vector>
@@ -28,6 +30,7 @@ public:
     void unwatch(FileID number) override;
     bool isWatched(FileID number) const override { return numbers_.contains(number); }
     std::size_t watches() const override { return numbers_.size(); }
+    std::size_t bytesOfEvent() const override { return sizeof(inotify_event) + 16; }
     std::vector<FileID> numbers() const override;
     Result<void> drain(HintCollector& collector) override;
 

@@ -16,6 +16,7 @@
 #include "platform/watch/FanotifySource.h"
 #include "platform/watch/FileSystemSource.h"
 #include "platform/watch/InotifySource.h"
+#include "platform/watch/QueueReading.h"
 #include "platform/watch/Source.h"
 #include "platform/watch/UnmountNotice.h"
 
@@ -238,7 +239,8 @@ std::vector<SourceStatus> KernelWatcher::sources() const {
     std::lock_guard lock(mutex_);
     std::vector<SourceStatus> statuses;
     forEachSource([&](const Source& source, std::string fileSystem) {
-        statuses.push_back({std::string(source.name()), std::move(fileSystem), source.watches()});
+        const std::size_t queued = queuedNow(source.descriptor()).value_or(0) / source.bytesOfEvent();
+        statuses.push_back({std::string(source.name()), std::move(fileSystem), source.watches(), queued});
     });
     return statuses;
 }

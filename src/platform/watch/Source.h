@@ -44,6 +44,8 @@ public:
     virtual void unwatch(FileID number) = 0;
     virtual bool isWatched(FileID number) const = 0;
     virtual std::size_t watches() const = 0;
+    /// What the kernel counts for an event when it says how much its queue holds.
+    virtual std::size_t bytesOfEvent() const = 0;
     virtual std::vector<FileID> numbers() const = 0;
     /// Reads what was queued when this began, and not for longer, whatever is queued meanwhile.
     virtual Result<void> drain(HintCollector& collector) = 0;

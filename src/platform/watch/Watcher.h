@@ -40,6 +40,9 @@ struct SourceStatus {
     std::string name;        ///< "inotify", "fanotify", "fanotify on file system"
     std::string fileSystem;  ///< a text that tells its file system from others; empty for a source of all
     std::size_t watches = 0;
+    /// Events in the kernel's queue. Of inotify, which tells bytes only, as many as they are with names of medium
+    /// length.
+    std::size_t queued = 0;
 };
 
 /// Watches directories, one by one, with the best source that the kernel offers for each: the caller watches every
