@@ -97,8 +97,8 @@ private:
         facts.add({{"watches"},
                    {grouped(status.watches) + " directories, " + grouped(status.polledFolders) + " only polled"}});
         facts.add({{"kernel queue"},
-                   {grouped(status.queued) + " of " + grouped(status.queueLimit) + " events, overflowed " + grouped(status.overflows) +
-                    " times in this run"}});
+                   {grouped(status.queued) + " of " + grouped(status.queueLimit) + " events, overflowed " +
+                    grouped(status.overflows) + " times in this run"}});
         facts.write(output);
     }
 };
