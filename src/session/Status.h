@@ -33,7 +33,7 @@ struct SearchStatus {
 struct Status {
     std::vector<RootStatus> roots;
     std::uint64_t watches = 0;     ///< directories that the kernel watches for the host
-    std::uint64_t queued = 0;  ///< events that wait in the fullest of the kernel's queues
+    std::uint64_t queued = 0;      ///< events that wait in the fullest of the kernel's queues
     std::uint64_t queueLimit = 0;  ///< events that the kernel keeps for one reader before it drops some; 0 if unknown
     std::uint64_t overflows = 0;
     std::uint64_t polledFolders = 0;  ///< watched by nobody, and looked at from time to time

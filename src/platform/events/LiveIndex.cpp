@@ -62,7 +62,7 @@ void LiveIndex::wakeUp() {
 
 void LiveIndex::run() {
     std::array<pollfd, 2> waited{{{watcher_->descriptor(), POLLIN, 0}, {wakeUp_.get(), POLLIN, 0}}};
-    /// Ends early when it is woken. False when that was to end.
+    // Ends early when it is woken. False when that was to end.
     const auto rest = [&](int milliseconds) {
         std::uint64_t woken = 0;
         if (poll(&waited[1], 1, milliseconds) > 0) (void)!read(wakeUp_.get(), &woken, sizeof woken);
